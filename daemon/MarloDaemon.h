@@ -1,0 +1,82 @@
+// The daemon: start-up, co-processor boot, boot-mode decisions and update
+// orchestration. One instance lives for the whole process.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "comhandler/MarloComHandler.h"
+#include "comhandler/wear_firmware_info.h"
+
+class marlo_fw_updater;
+class marlo_rma;
+class SSRHandler;
+
+// Told of each step of the boot and update flow. Codes: 0 HOST mode, 1 FLASH
+// mode, 2 firmware update starting, 3 download finished and switching to
+// FLASH, 4 firmware current.
+class BootProgressObserver {
+ public:
+  virtual void onBootProgress(int code) = 0;
+  virtual ~BootProgressObserver() = default;
+};
+
+class MarloDaemon {
+ public:
+  MarloDaemon();
+  MarloDaemon(const MarloDaemon&) = delete;
+  MarloDaemon& operator=(const MarloDaemon&) = delete;
+
+  // Boots the co-processor and then serves the reset property; never returns.
+  [[noreturn]] void startMarloDaemon();
+  int initMarlo();
+  bool isTWMexit();
+  int getMarloPILDevice();
+  int getMarloPILStatus();
+  int platformSubtypeCheck();
+  int startMarloPIL();
+  void registerMarloSSREvent();
+
+  // Boot-mode handling and update orchestration.
+  void handleBootComplete(int mode);
+  void handleHostMode();
+  void handleFlashMode();
+  void changeBootmode(int mode);
+  int defaultHandler();
+  void handleNoFlashPsram();
+  int startFirmwareUpdate();
+  int startMiscDataFirmwareUpdate();
+  void on_aon_up();
+  void on_aon_down();
+
+  // Called with each boot-progress code; the daemon installs none itself.
+  void setBootProgressObserver(BootProgressObserver* observer) { boot_progress_observer = observer; }
+
+  // One pass of the reset-property loop: resets the co-processor when
+  // "vendor.marlo_reset" is 1 and writes "0" back.
+  void serviceResetProperty();
+
+  const char* pilStatePath() const { return pil_state_path; }
+  wear_firmware_info_t* firmwareVersion() const { return fw_version.load(); }
+  marlo_fw_updater* updater() const { return fw_updater; }
+
+ private:
+  void notify(int code);
+
+  // Shared between the main thread, the restart listener and the updater's
+  // reader thread without a lock: every such field is atomic.
+  std::atomic<bool> noflash_psram{false};
+  char pil_state_path[50] = {};
+  MarloComHandler* com_handler = nullptr;
+  marlo_fw_updater* fw_updater = nullptr;
+  std::atomic<SSRHandler*> ssr_handler{nullptr};
+  marlo_rma* rma = nullptr;
+  std::atomic<wear_firmware_info_t*> fw_version{nullptr};
+  std::atomic<BootProgressObserver*> boot_progress_observer{nullptr};
+};
+
+// The running daemon, for code without a daemon pointer at hand.
+extern std::atomic<MarloDaemon*> g_marlo_daemon;
+// Status word for inspection: 5 not started, 1 started, 2 initialising,
+// 3 initialised, 0 boot failed even after the fall-back to HOST mode.
+extern std::atomic<int32_t> g_daemon_state;

@@ -1,0 +1,57 @@
+// The log statement of the daemon's library-like classes (updater, transport,
+// RMA client, wakelock) and its process-wide settings.
+//
+// A statement of class N is emitted when the level is at least N; its
+// arguments are not evaluated otherwise. It goes to the Android log with the
+// process-wide tag, prefixed with "function:line, ", and, when stderr logging
+// is on, to stderr with a newline appended (a format that ends in "\n" thus
+// shows two newlines there, one in the Android log).
+//
+// The daemon core (MarloDaemon, MarloComHandler, DFUCallback, SSRHandler)
+// calls __android_log_print directly instead.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+
+#include <android/log.h>
+
+namespace marlo_deamon_log {
+
+enum log_level : int32_t {
+  LOG_LEVEL_NONE = 0,
+  LOG_LEVEL_ERROR = 1,
+  LOG_LEVEL_INFO = 2,
+  LOG_LEVEL_DEBUG = 3,
+  LOG_LEVEL_VERBOSE = 4,
+};
+
+log_level get_level();
+void set_level(log_level level);
+const char* get_tag();
+// Stores the pointer itself; the caller keeps the string alive.
+void set_tag(const char* tag);
+bool get_stderr_logging();
+// Switched on by marlod's --stderr-log; off by default.
+void enable_stderr_logging();
+
+}  // namespace marlo_deamon_log
+
+#define MARLO_LOG_STATEMENT(level, prio, fmt, ...)                                                   \
+  do {                                                                                               \
+    if (marlo_deamon_log::get_level() >= (level)) {                                                 \
+      __android_log_print((prio), marlo_deamon_log::get_tag(), "%s:%d, " fmt, __func__, __LINE__, \
+                          ##__VA_ARGS__);                                                            \
+      if (marlo_deamon_log::get_stderr_logging())                                                    \
+        std::fprintf(stderr, "%s:%d, " fmt "\n", __func__, __LINE__, ##__VA_ARGS__);                \
+    }                                                                                                \
+  } while (0)
+
+#define MARLO_LOGE(fmt, ...) \
+  MARLO_LOG_STATEMENT(marlo_deamon_log::LOG_LEVEL_ERROR, ANDROID_LOG_ERROR, fmt, ##__VA_ARGS__)
+#define MARLO_LOGI(fmt, ...) \
+  MARLO_LOG_STATEMENT(marlo_deamon_log::LOG_LEVEL_INFO, ANDROID_LOG_INFO, fmt, ##__VA_ARGS__)
+#define MARLO_LOGD(fmt, ...) \
+  MARLO_LOG_STATEMENT(marlo_deamon_log::LOG_LEVEL_DEBUG, ANDROID_LOG_DEBUG, fmt, ##__VA_ARGS__)
+#define MARLO_LOGV(fmt, ...) \
+  MARLO_LOG_STATEMENT(marlo_deamon_log::LOG_LEVEL_VERBOSE, ANDROID_LOG_VERBOSE, fmt, ##__VA_ARGS__)

@@ -1,0 +1,195 @@
+// The firmware updater: the images it serves, the version check, the DFU
+// download session with its special operations, and the misc-data transfer.
+//
+// One object, owned by the daemon for the life of the process. The daemon's
+// thread sets a session up; from then on the co-processor drives it and every
+// answer is sent from the transport's reader thread.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <ctime>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "comhandler/wear_firmware_info.h"
+#include "glink/glink_interface.h"
+
+// One image that the DFU session can serve (a partition of the partition
+// table, or one of the two fixed images).
+struct marlo_fw_resource {
+  int32_t img_id = 0;
+  int32_t offset = 0;          // start of the partition on the co-processor's flash
+  std::string partition_name;
+  std::string image_path;      // as written in the table, without the directory
+  uint32_t size = 0;           // bytes in data
+  int32_t xml_size = 0;        // partition size from the table
+  std::vector<uint8_t> data;   // the whole image file
+  bool erased = false;
+  bool isErasable = false;
+};
+
+// The host's platform facts patched into the flash image's boot loader.
+struct platform_info {
+  uint32_t debug_policy = 0;
+  uint32_t platform_id = 0x22;
+  uint32_t major_id = 0xFFFFFFFF;
+  uint32_t minor_id = 0xFFFFFFFF;
+  uint32_t sub_type = 0;
+};
+
+// The firmware versions shipped on the device.
+struct marlo_meta_info {
+  std::string apps_cochip;
+  std::string btfw_cochip;
+  std::string dsp_cochip;
+};
+
+enum Offload_Type : uint16_t {
+  OFFLOAD_BTFW = 0,
+  OFFLOAD_NV = 1,
+};
+
+// The misc-data files and their kinds, ordered by path.
+extern const std::map<std::string, Offload_Type> misc_file_types;
+
+struct marlo_misc_resource {
+  uint32_t index = 0;
+  uint16_t type = 0;
+  std::string path;
+  uint32_t size = 0;
+  std::vector<uint8_t> data;
+};
+
+enum DFUState : uint32_t {
+  INIT = 0,
+  INFO_REQ = 1,
+  OFFSET_REQ = 2,
+  SESSION_END_REQ = 3,
+  CANCEL_UPDATE_REQ = 4,
+};
+
+// The 28-byte record of a DFU_SPCL_OPERATION_RESP, from message offset 16.
+struct dfu_spcl_cmd_response {
+  uint32_t operation;
+  uint32_t response_code;
+  uint32_t reserved;
+  uint32_t dfu_state;
+  uint32_t image_id;
+  uint32_t offset;
+  uint32_t fragment_len;
+};
+static_assert(sizeof(dfu_spcl_cmd_response) == 28, "dfu_spcl_cmd_response is 28 bytes on the wire");
+
+// The co-processor's 24-byte answer to each misc-data packet.
+struct glink__shm_packet_response {
+  uint8_t header[16];
+  int32_t status;
+  uint32_t max_payload_size;
+};
+static_assert(sizeof(glink__shm_packet_response) == 24, "glink__shm_packet_response is 24 bytes on the wire");
+
+// Image directory and partition table, joined as they stand.
+extern const char* fw_image_dir;
+extern const char* partition_table_file;
+
+class marlo_fw_updater {
+ public:
+  // The daemon's result sink.
+  class Callback {
+   public:
+    enum Status : int32_t {
+      STATUS_STARTED = 0,
+      STATUS_INFO = 1,
+      STATUS_ERASE_DONE = 2,
+      STATUS_ERROR = 3,
+      STATUS_SUCCESS = 4,
+      STATUS_ENDED = 5,
+      STATUS_CHANNEL_ERROR = 6,
+    };
+    virtual void handleDFUResponse(std::string message, Status status) = 0;
+    virtual void handleSHMResponse(std::string message, Status status) = 0;
+    virtual void onDFUStateRecived(DFUState state) = 0;
+    virtual ~Callback() = default;
+  };
+
+  marlo_fw_updater();
+  ~marlo_fw_updater();
+  marlo_fw_updater(const marlo_fw_updater&) = delete;
+  marlo_fw_updater& operator=(const marlo_fw_updater&) = delete;
+
+  // Firmware resources and partition table.
+  unsigned parsePartitionAndSaveFw(const std::string& path);
+  std::vector<uint8_t> readFile(const std::string& path);
+  bool checkForFlashbin();
+  int truncateFwResources();
+
+  // Platform information patch of the flash image.
+  platform_info getPlatformInfo();
+  void updatePlatformInfo(std::vector<uint8_t>& image, platform_info info);
+
+  // Firmware version check.
+  marlo_meta_info readMarloMetaBuildInfo();
+  int32_t fw_version_check(wear_firmware_info_t* fw_info);
+  int32_t is_psram_noflash(wear_firmware_info_t* fw_info);
+
+  // DFU download session.
+  void startMarloDownloaderWithCallback(Callback* cb);
+  void marloFirmwareUpdateReq();
+  void conn_res_event_cb(const uint8_t* data, uint32_t length);
+  void conn_error_cb(glink_interface_error error);
+  void sendmarloImageInfoRes(uint32_t image_id);
+  void sendmarloImageOffsetRes(uint32_t image_id, uint32_t offset, uint32_t fragment_len);
+  void sendSessionEndRes();
+  int send_aon_request(uint32_t command_id, const uint8_t* payload, uint32_t payload_length);
+  void endMarloDownloader();
+  double timeTaken();
+
+  // DFU special operations.
+  void eraseAllRAWPartitionAndContinueDownload();
+  void getCurrentDFUStateAndContinueDownload();
+  void eraseAllRAWPartition();
+  void sendRAWFlashEraseReq(uint32_t offset, uint32_t length);
+  void sendGetDFUStateReq();
+  void handleDFUSplCmdResposnse(dfu_spcl_cmd_response* response);
+
+  // Misc data resources.
+  unsigned loadAndSaveMiscFw();
+  int truncateMiscFwResources();
+
+  // Misc data transfer.
+  void startMarloSHMUpdater(Callback* cb);
+  void marloMiscDataUpdateReq();
+  void endMarloSHMUpdater();
+  int prepare_send_data_buffer(unsigned short type, std::vector<uint8_t> data, glink__shm_packet_response* resp);
+  int send_start_data_buffer(unsigned short type, std::vector<uint8_t> data, glink__shm_packet_response* resp);
+  int send_data_to_aon(std::vector<uint8_t> packet, glink__shm_packet_response* resp);
+  int send_crc_data_buffer(unsigned short type, std::vector<uint8_t> data, glink__shm_packet_response* resp);
+  int send_finish_data_buffer(glink__shm_packet_response* resp);
+
+  // Read-only views for the daemon and tests.
+  const std::vector<std::unique_ptr<marlo_fw_resource>>& firmwareResources() const { return fw_resources; }
+  const std::vector<std::unique_ptr<marlo_misc_resource>>& miscResources() const { return misc_resources; }
+  int32_t tbxElfOffset() const { return tbx_elf_offset; }
+
+ private:
+  // Reports a step of the DFU session to the callback, if one is set.
+  void reportDFU(const std::string& message, Callback::Status status);
+  // Reports a step of the misc-data transfer to the callback, if one is set.
+  void reportSHM(const std::string& message, Callback::Status status);
+
+  // The session's fields are set on the daemon's thread and read on the
+  // transport's reader thread, hence atomic.
+  int32_t log_level = 0;
+  std::vector<std::unique_ptr<marlo_fw_resource>> fw_resources;
+  std::atomic<time_t> start_time{0};
+  std::atomic<bool> continue_download{false};
+  std::atomic<bool> update_finished{false};
+  std::atomic<Callback*> callback{nullptr};
+  std::unique_ptr<glink_interface> glinkInterface;
+  int32_t tbx_elf_offset = 0;
+  marlo_meta_info meta_info;
+  std::vector<std::unique_ptr<marlo_misc_resource>> misc_resources;
+};

@@ -1,0 +1,29 @@
+// Device backend: every call is the system call of the same name.
+#include "platform/os.h"
+
+#include <fcntl.h>
+#include <sys/ioctl.h>
+
+namespace platform {
+
+// The control device's request block carries 32-bit user pointers; the
+// daemon is built for a 32-bit user space on the device.
+static_assert(sizeof(void*) == 4, "marlod must be built 32-bit for the control device's request block");
+
+int open(const char* path, int flags, mode_t mode) { return ::open(path, flags | O_CLOEXEC, mode); }
+int close(int fd) { return ::close(fd); }
+ssize_t read(int fd, void* buf, size_t count) { return ::read(fd, buf, count); }
+ssize_t pread(int fd, void* buf, size_t count, off_t offset) { return ::pread(fd, buf, count, offset); }
+ssize_t write(int fd, const void* buf, size_t count) { return ::write(fd, buf, count); }
+int poll(struct pollfd* fds, nfds_t nfds, int timeout_ms) { return ::poll(fds, nfds, timeout_ms); }
+int ioctl(int fd, unsigned long request, void* arg) { return ::ioctl(fd, request, arg); }
+int pipe(int fds[2]) { return ::pipe2(fds, O_CLOEXEC); }
+int access(const char* path, int mode) { return ::access(path, mode); }
+DIR* opendir(const char* path) { return ::opendir(path); }
+FILE* fopen(const char* path, const char* mode) { return ::fopen(path, mode); }
+unsigned int sleep(unsigned int seconds) { return ::sleep(seconds); }
+int usleep(useconds_t usec) { return ::usleep(usec); }
+std::string path(const std::string& device_path) { return device_path; }
+uint32_t user_word(void* p) { return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(p)); }
+
+}  // namespace platform

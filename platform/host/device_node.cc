@@ -1,0 +1,300 @@
+// Device nodes of the virtual device.
+//
+// A device node is a SOCK_SEQPACKET socket under $MARLO_ROOT on which the
+// virtual device listens. Opening the node connects to it and waits for the
+// device's 32-bit open status. Reads follow a packet device's rules: one read
+// never returns bytes of two packets, and what a short read leaves of a packet
+// is kept for the next reads. Control-device ioctls are one request message
+// and one answer message.
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <mutex>
+#include <unordered_map>
+#include <vector>
+
+#include "host_root.h"
+#include "platform/host_testing.h"
+#include "platform/os.h"
+
+namespace {
+
+// The largest packet the virtual device sends.
+constexpr size_t kMaxPacket = 1 << 20;
+
+// Requests whose data travels beside the request block.
+constexpr unsigned long kResetRequest = 0xc0205605;
+constexpr unsigned long kIpcRequest = 0xc0205608;
+constexpr size_t kRequestBlock = 32;
+constexpr size_t kVersionRecord = 308;
+constexpr size_t kBlockValueWord = 0;
+constexpr size_t kBlockReplyWord = 28;
+
+struct Fault {
+  int err = 0;
+  int count = 0;
+};
+
+struct Node {
+  std::vector<uint8_t> kept;  // unread rest of the current packet
+  size_t kept_off = 0;
+  Fault read_fault;
+  Fault write_fault;
+
+  size_t kept_left() const { return kept.size() - kept_off; }
+};
+
+std::mutex g_nodes_mutex;
+std::unordered_map<int, Node> g_nodes;
+
+bool is_node(int fd) {
+  std::lock_guard<std::mutex> lock(g_nodes_mutex);
+  return g_nodes.count(fd) != 0;
+}
+
+// Consumes one injected fault of the given kind; true when the call must fail.
+bool take_fault(int fd, platform::host::FaultOp op) {
+  std::lock_guard<std::mutex> lock(g_nodes_mutex);
+  auto it = g_nodes.find(fd);
+  if (it == g_nodes.end()) return false;
+  Fault& fault = op == platform::host::FaultOp::Read ? it->second.read_fault : it->second.write_fault;
+  if (fault.count <= 0) return false;
+  --fault.count;
+  errno = fault.err;
+  return true;
+}
+
+int connect_node(const std::string& socket_path) {
+  struct sockaddr_un addr {};
+  addr.sun_family = AF_UNIX;
+  if (socket_path.size() >= sizeof(addr.sun_path)) {
+    errno = ENAMETOOLONG;
+    return -1;
+  }
+  std::memcpy(addr.sun_path, socket_path.c_str(), socket_path.size() + 1);
+  int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+  if (fd < 0) return -1;
+  if (::connect(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)) != 0) {
+    int err = errno;
+    ::close(fd);
+    errno = err;
+    return -1;
+  }
+  int32_t status = 0;
+  ssize_t n = ::recv(fd, &status, sizeof(status), 0);
+  if (n != static_cast<ssize_t>(sizeof(status)) || status != 0) {
+    int err = (n == static_cast<ssize_t>(sizeof(status))) ? status : EIO;
+    ::close(fd);
+    errno = err;
+    return -1;
+  }
+  return fd;
+}
+
+// Pointers that user_word() handed out on this thread, for the next ioctl.
+thread_local std::vector<void*> t_user_words;
+
+void* user_pointer(uint32_t word) {
+  if (word == 0 || word > t_user_words.size()) return nullptr;
+  return t_user_words[word - 1];
+}
+
+uint32_t block_word(const uint8_t* block, size_t offset) {
+  uint32_t word;
+  std::memcpy(&word, block + offset, sizeof(word));
+  return word;
+}
+
+int node_ioctl(int fd, unsigned long request, void* arg) {
+  auto* block = static_cast<uint8_t*>(arg);
+  std::vector<uint8_t> message(sizeof(uint32_t) + kRequestBlock);
+  uint32_t request_word = static_cast<uint32_t>(request);
+  std::memcpy(message.data(), &request_word, sizeof(request_word));
+  std::memcpy(message.data() + sizeof(uint32_t), block, kRequestBlock);
+  if (request == kResetRequest) {
+    uint32_t data = 0;
+    if (const void* p = user_pointer(block_word(block, kBlockValueWord))) std::memcpy(&data, p, sizeof(data));
+    const auto* bytes = reinterpret_cast<const uint8_t*>(&data);
+    message.insert(message.end(), bytes, bytes + sizeof(data));
+  }
+  void* reply = (request == kIpcRequest) ? user_pointer(block_word(block, kBlockReplyWord)) : nullptr;
+  t_user_words.clear();
+
+  if (::send(fd, message.data(), message.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(message.size())) return -1;
+  uint8_t answer[8 + kRequestBlock + kVersionRecord];
+  ssize_t n = ::recv(fd, answer, sizeof(answer), 0);
+  if (n < static_cast<ssize_t>(8 + kRequestBlock)) {
+    if (n >= 0) errno = EIO;
+    return -1;
+  }
+  int32_t result;
+  int32_t err;
+  std::memcpy(&result, answer, sizeof(result));
+  std::memcpy(&err, answer + 4, sizeof(err));
+  std::memcpy(block, answer + 8, kRequestBlock);
+  if (reply != nullptr && n == static_cast<ssize_t>(sizeof(answer))) {
+    std::memcpy(reply, answer + 8 + kRequestBlock, kVersionRecord);
+  }
+  if (result == -1) errno = err;
+  return result;
+}
+
+// Reads one packet of unknown size whole from the socket.
+ssize_t receive_packet(int fd, std::vector<uint8_t>& packet) {
+  ssize_t size = ::recv(fd, nullptr, 0, MSG_PEEK | MSG_TRUNC);
+  if (size < 0) return -1;
+  if (static_cast<size_t>(size) > kMaxPacket) {
+    // Larger than any packet the device may send: drop it as a device would
+    // refuse it, and tell the reader.
+    ::recv(fd, nullptr, 0, MSG_TRUNC);
+    errno = EMSGSIZE;
+    return -1;
+  }
+  packet.resize(static_cast<size_t>(size));
+  return ::recv(fd, packet.data(), packet.size(), 0);
+}
+
+ssize_t node_read(int fd, void* buf, size_t count) {
+  {
+    std::lock_guard<std::mutex> lock(g_nodes_mutex);
+    auto it = g_nodes.find(fd);
+    if (it != g_nodes.end() && it->second.kept_left() > 0) {
+      Node& node = it->second;
+      size_t n = std::min(count, node.kept_left());
+      std::memcpy(buf, node.kept.data() + node.kept_off, n);
+      node.kept_off += n;
+      if (node.kept_left() == 0) {
+        node.kept.clear();
+        node.kept_off = 0;
+      }
+      return static_cast<ssize_t>(n);
+    }
+  }
+  std::vector<uint8_t> packet;
+  ssize_t got = receive_packet(fd, packet);
+  if (got <= 0) return got;
+  size_t n = std::min(count, static_cast<size_t>(got));
+  std::memcpy(buf, packet.data(), n);
+  if (n < static_cast<size_t>(got)) {
+    std::lock_guard<std::mutex> lock(g_nodes_mutex);
+    auto it = g_nodes.find(fd);
+    if (it != g_nodes.end()) {
+      packet.erase(packet.begin(), packet.begin() + static_cast<std::ptrdiff_t>(n));
+      it->second.kept = std::move(packet);
+      it->second.kept_off = 0;
+    }
+  }
+  return static_cast<ssize_t>(n);
+}
+
+bool has_kept_bytes(int fd) {
+  std::lock_guard<std::mutex> lock(g_nodes_mutex);
+  auto it = g_nodes.find(fd);
+  return it != g_nodes.end() && it->second.kept_left() > 0;
+}
+
+// True when the peer has closed and nothing is left to read.
+bool drained_and_closed(int fd) {
+  uint8_t byte;
+  return ::recv(fd, &byte, sizeof(byte), MSG_PEEK | MSG_DONTWAIT) == 0;
+}
+
+}  // namespace
+
+namespace platform {
+
+int open(const char* path, int flags, mode_t mode) {
+  std::string resolved = host::resolve(path);
+  struct stat st;
+  if (::stat(resolved.c_str(), &st) == 0 && S_ISSOCK(st.st_mode)) {
+    int fd = connect_node(resolved);
+    if (fd >= 0) {
+      std::lock_guard<std::mutex> lock(g_nodes_mutex);
+      g_nodes[fd] = Node{};
+    }
+    return fd;
+  }
+  return ::open(resolved.c_str(), flags | O_CLOEXEC, mode);
+}
+
+int close(int fd) {
+  {
+    std::lock_guard<std::mutex> lock(g_nodes_mutex);
+    g_nodes.erase(fd);
+  }
+  return ::close(fd);
+}
+
+ssize_t read(int fd, void* buf, size_t count) {
+  if (!is_node(fd)) return ::read(fd, buf, count);
+  if (take_fault(fd, host::FaultOp::Read)) return -1;
+  return node_read(fd, buf, count);
+}
+
+ssize_t pread(int fd, void* buf, size_t count, off_t offset) { return ::pread(fd, buf, count, offset); }
+
+ssize_t write(int fd, const void* buf, size_t count) {
+  if (!is_node(fd)) return ::write(fd, buf, count);
+  if (take_fault(fd, host::FaultOp::Write)) return -1;
+  return ::send(fd, buf, count, MSG_NOSIGNAL);
+}
+
+int poll(struct pollfd* fds, nfds_t nfds, int timeout_ms) {
+  int ready_kept = 0;
+  for (nfds_t i = 0; i < nfds; ++i) {
+    if (fds[i].fd >= 0 && (fds[i].events & POLLIN) && has_kept_bytes(fds[i].fd)) ++ready_kept;
+  }
+  int result = ::poll(fds, nfds, ready_kept > 0 ? 0 : timeout_ms);
+  if (result < 0) return result;
+  int ready = 0;
+  for (nfds_t i = 0; i < nfds; ++i) {
+    pollfd& entry = fds[i];
+    if (entry.fd < 0 || !is_node(entry.fd)) {
+      if (entry.revents != 0) ++ready;
+      continue;
+    }
+    if ((entry.events & POLLIN) && has_kept_bytes(entry.fd)) {
+      entry.revents = static_cast<short>((entry.revents | POLLIN) & ~POLLHUP);
+    } else if ((entry.revents & POLLHUP) && drained_and_closed(entry.fd)) {
+      // A closed peer shows as a hang-up alone, never as something to read.
+      entry.revents = POLLHUP;
+    }
+    if (entry.revents != 0) ++ready;
+  }
+  return ready;
+}
+
+int ioctl(int fd, unsigned long request, void* arg) {
+  if (!is_node(fd)) return ::ioctl(fd, request, arg);
+  return node_ioctl(fd, request, arg);
+}
+
+int pipe(int fds[2]) { return ::pipe2(fds, O_CLOEXEC); }
+
+uint32_t user_word(void* p) {
+  if (p == nullptr) return 0;
+  if (t_user_words.size() >= 16) t_user_words.clear();  // words never used by an ioctl
+  t_user_words.push_back(p);
+  return static_cast<uint32_t>(t_user_words.size());
+}
+
+}  // namespace platform
+
+namespace platform::host {
+
+void inject_fault(int fd, FaultOp op, int err, int count) {
+  std::lock_guard<std::mutex> lock(g_nodes_mutex);
+  auto it = g_nodes.find(fd);
+  if (it == g_nodes.end()) return;
+  Fault& fault = op == FaultOp::Read ? it->second.read_fault : it->second.write_fault;
+  fault.err = err;
+  fault.count = count;
+}
+
+}  // namespace platform::host

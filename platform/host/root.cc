@@ -1,0 +1,39 @@
+#include "host_root.h"
+
+#include <cstdlib>
+
+#include "platform/os.h"
+
+namespace platform::host {
+
+std::string resolve(const char* device_path) {
+  const char* root = std::getenv("MARLO_ROOT");
+  std::string resolved = (root != nullptr) ? root : "";
+  if (device_path == nullptr) return resolved;
+  if (device_path[0] != '/') return device_path;  // relative paths stay relative
+  while (!resolved.empty() && resolved.back() == '/') resolved.pop_back();
+  return resolved + device_path;
+}
+
+double time_scale() {
+  const char* text = std::getenv("MARLO_TIME_SCALE");
+  if (text == nullptr || *text == '\0') return 1.0;
+  char* end = nullptr;
+  double scale = std::strtod(text, &end);
+  if (end == text || *end != '\0' || !(scale > 0.0)) return 1.0;
+  return scale;
+}
+
+}  // namespace platform::host
+
+namespace platform {
+
+std::string path(const std::string& device_path) { return host::resolve(device_path.c_str()); }
+
+int access(const char* path, int mode) { return ::access(host::resolve(path).c_str(), mode); }
+
+DIR* opendir(const char* path) { return ::opendir(host::resolve(path).c_str()); }
+
+FILE* fopen(const char* path, const char* mode) { return ::fopen(host::resolve(path).c_str(), mode); }
+
+}  // namespace platform

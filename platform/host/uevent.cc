@@ -1,0 +1,45 @@
+// The host's kernel uevent socket: a datagram socket that the daemon binds at
+// $MARLO_ROOT/dev/uevent. Each datagram is one uevent message.
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+#include <cutils/uevent.h>
+
+#include "host_root.h"
+
+extern "C" int uevent_open_socket(int buf_sz, bool /*passcred*/) {
+  std::string path = platform::host::resolve("/dev/uevent");
+  struct sockaddr_un addr {};
+  addr.sun_family = AF_UNIX;
+  if (path.size() >= sizeof(addr.sun_path)) {
+    errno = ENAMETOOLONG;
+    return -1;
+  }
+  std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+  int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return -1;
+  ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &buf_sz, sizeof(buf_sz));
+  ::unlink(path.c_str());
+  if (::bind(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)) != 0) {
+    int err = errno;
+    ::close(fd);
+    errno = err;
+    return -1;
+  }
+  return fd;
+}
+
+// Reports the datagram's true length, so that a message longer than the
+// buffer is seen as too long.
+extern "C" ssize_t uevent_kernel_multicast_recv(int socket, void* buffer, size_t length) {
+  ssize_t n;
+  do {
+    n = ::recv(socket, buffer, length, MSG_TRUNC);
+  } while (n < 0 && errno == EINTR);
+  return n;
+}

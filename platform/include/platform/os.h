@@ -1,0 +1,46 @@
+// The daemon's file, device and timing calls.
+//
+// Daemon code reaches the kernel only through these functions. The device
+// backend forwards each one to the system call of the same name. The host
+// backend serves the same calls from the virtual device: paths are resolved
+// under MARLO_ROOT, device nodes are UNIX sockets with an open-status
+// handshake, control-device ioctls travel as messages, packet channels get a
+// packet device's read rules, and sleeps follow MARLO_TIME_SCALE.
+#pragma once
+
+#include <dirent.h>
+#include <poll.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+
+namespace platform {
+
+int open(const char* path, int flags, mode_t mode = 0);
+int close(int fd);
+ssize_t read(int fd, void* buf, size_t count);
+ssize_t pread(int fd, void* buf, size_t count, off_t offset);
+ssize_t write(int fd, const void* buf, size_t count);
+int poll(struct pollfd* fds, nfds_t nfds, int timeout_ms);
+int ioctl(int fd, unsigned long request, void* arg);
+int pipe(int fds[2]);
+int access(const char* path, int mode);
+DIR* opendir(const char* path);
+FILE* fopen(const char* path, const char* mode);
+
+unsigned int sleep(unsigned int seconds);
+int usleep(useconds_t usec);
+
+// The name under which the system knows a device path, for the callers that
+// hand a path to a library rather than to one of the calls above (file
+// streams, the XML loader). Identity on a device.
+std::string path(const std::string& device_path);
+
+// A pointer as the 32-bit user-space word that the control device's request
+// block carries. The driver expects 32-bit user pointers.
+uint32_t user_word(void* p);
+
+}  // namespace platform

@@ -1,0 +1,47 @@
+// The device side of one virtual device node: a SOCK_SEQPACKET socket that
+// the daemon's open() connects to. Each accepted connection first receives
+// the 32-bit open status; 0 makes it the daemon's open descriptor.
+#pragma once
+
+#include <atomic>
+#include <string>
+
+namespace marlo::sim {
+
+class DeviceNode {
+ public:
+  // Listens at `socket_path` (removing a stale socket first).
+  explicit DeviceNode(std::string socket_path);
+  ~DeviceNode();
+  DeviceNode(const DeviceNode&) = delete;
+  DeviceNode& operator=(const DeviceNode&) = delete;
+
+  const std::string& path() const { return path_; }
+  int listen_fd() const { return listen_fd_; }
+
+  // The next `count` opens fail with `err` (EBUSY for a busy device).
+  void fail_opens(int count, int err);
+
+  // Waits up to timeout_ms for the daemon to open the node and returns the
+  // connection (owned by the caller), or -1. Failed opens are answered and
+  // closed here.
+  int accept_open(int timeout_ms);
+
+  // Number of connections accepted so far, failed opens included.
+  int opens_seen() const { return opens_seen_.load(); }
+
+ private:
+  std::string path_;
+  int listen_fd_ = -1;
+  std::atomic<int> fail_count_{0};
+  std::atomic<int> fail_errno_{0};
+  std::atomic<int> opens_seen_{0};
+};
+
+// Sends one packet; true when it was sent whole.
+bool send_packet(int fd, const void* data, size_t length);
+// Receives one packet of at most `capacity` bytes within timeout_ms; its
+// length, 0 when the peer closed, -1 on time-out or error.
+long receive_packet(int fd, void* data, size_t capacity, int timeout_ms);
+
+}  // namespace marlo::sim

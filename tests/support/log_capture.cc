@@ -1,0 +1,39 @@
+#include "support/log_capture.h"
+
+#include "platform/host_testing.h"
+
+namespace marlo::test {
+
+LogCapture::LogCapture() {
+  platform::host::set_log_sink([this](int prio, const char* tag, const char* msg) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    entries_.push_back(LogEntry{prio, tag != nullptr, tag != nullptr ? tag : "", msg});
+  });
+}
+
+LogCapture::~LogCapture() { platform::host::set_log_sink({}); }
+
+std::vector<LogEntry> LogCapture::entries() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return entries_;
+}
+
+int LogCapture::count(const std::string& text) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  int n = 0;
+  for (const auto& entry : entries_) n += entry.msg.find(text) != std::string::npos;
+  return n;
+}
+
+bool LogCapture::find(const std::string& text, LogEntry* entry) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (const auto& e : entries_) {
+    if (e.msg.find(text) != std::string::npos) {
+      *entry = e;
+      return true;
+    }
+  }
+  return false;
+}
+
+}  // namespace marlo::test

@@ -1,0 +1,36 @@
+// Collects the Android log entries made while the object lives.
+#pragma once
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace marlo::test {
+
+struct LogEntry {
+  int prio;
+  bool has_tag;
+  std::string tag;
+  std::string msg;
+};
+
+class LogCapture {
+ public:
+  LogCapture();
+  ~LogCapture();
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
+
+  std::vector<LogEntry> entries() const;
+  // Number of entries whose message contains `text`.
+  int count(const std::string& text) const;
+  bool contains(const std::string& text) const { return count(text) > 0; }
+  // The first entry whose message contains `text`; null when there is none.
+  bool find(const std::string& text, LogEntry* entry) const;
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<LogEntry> entries_;
+};
+
+}  // namespace marlo::test
