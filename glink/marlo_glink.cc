@@ -1,0 +1,1 @@
+#include "glink/marlo_glink.h"
