@@ -1,1 +1,277 @@
+// Connection, reader thread, error counting and reconnection of the
+// packet-channel transport.
 #include "glink/marlo_glink.h"
+
+#include <fcntl.h>
+#include <poll.h>
+
+#include <cerrno>
+#include <cstring>
+#include <exception>
+
+#include "comhandler/client_wakelock.h"
+#include "daemon/marlo_deamon_log.h"
+#include "platform/os.h"
+
+namespace {
+
+constexpr int kOpenAttempts = 3;
+// The error value with which the reader reports a hang-up (POLLHUP).
+constexpr int kHangUpError = POLLHUP;
+// Wake-up bytes: 'd' ends the reader; any other byte only ends its pass, so
+// that it polls the channel descriptor afresh.
+constexpr char kStopReader = 'd';
+constexpr char kReloadChannel = 'c';
+
+unsigned long long address_of(const void* object) {
+  return static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(object));
+}
+
+}  // namespace
+
+marlo_glink::marlo_glink(glink_conn_config config)
+    : _chnl_name(config.channel_name != nullptr ? config.channel_name : ""), _read_size(config.read_size) {
+  MARLO_LOGD("GLINK_int conn = 0x%llx constructor", address_of(this));
+  _wakelock = client_wakelock::get_instance();
+}
+
+marlo_glink::~marlo_glink() {
+  MARLO_LOGI("GLINK_int conn = 0x%llx destructor", address_of(this));
+  _closing = true;
+  g_glink_err_cnt = 0;
+  glink_disconnect(true);
+}
+
+int marlo_glink::connect_interface(bool start_reader) { return glink_connect(_chnl_name, start_reader); }
+
+void marlo_glink::disconnect_interface() { glink_disconnect(true); }
+
+int marlo_glink::register_cb(glink_data_cb data_cb, glink_error_cb error_cb) {
+  MARLO_LOGV("GLINK_int %s start ", "register_cb");
+  auto record = std::make_unique<glink_register_cb>(std::move(data_cb), std::move(error_cb));
+  {
+    // The replaced record is freed here; a callback already running holds
+    // its own copy of the callable.
+    std::lock_guard<std::mutex> lock(_callbacks_mutex);
+    _callbacks = std::move(record);
+  }
+  MARLO_LOGV("GLINK_int %s completed ", "register_cb");
+  return 0;
+}
+
+glink_data_cb marlo_glink::data_callback() {
+  std::lock_guard<std::mutex> lock(_callbacks_mutex);
+  return _callbacks ? _callbacks->data_cb : glink_data_cb{};
+}
+
+glink_error_cb marlo_glink::error_callback() {
+  std::lock_guard<std::mutex> lock(_callbacks_mutex);
+  return _callbacks ? _callbacks->error_cb : glink_error_cb{};
+}
+
+int marlo_glink::trigger_event_cb(const glink_data_cb& data_cb) {
+  uint32_t length = _ind_buf_len;
+  if (length == 0) {
+    MARLO_LOGE("GLINK_int buffer len is 0");
+    return -1;
+  }
+  data_cb(_ind_buf.load(), length);
+  return 0;
+}
+
+int marlo_glink::glink_open(const std::string& path) {
+  int err = 0;
+  for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
+    MARLO_LOGD("GLINK_int about to open glink channel on dev node = %s", path.c_str());
+    int fd = platform::open(path.c_str(), O_RDWR);
+    if (fd >= 1) {
+      MARLO_LOGD("GLINK_int glink open successful, fd = %d", fd);
+      _reconnecting = false;
+      return fd;
+    }
+    err = errno;
+    if (fd == 0) platform::close(fd);  // descriptor 0 is not taken for a channel
+    MARLO_LOGE("GLINK_int open on dev node = %s failed with errno = %d", path.c_str(), err);
+    platform::sleep(1);
+  }
+  return -err;
+}
+
+int marlo_glink::glink_connect(const std::string& name, bool start_reader) {
+  const std::string path = "/dev/" + name;
+  MARLO_LOGD("GLINK_int glink_connect waiting for _s_glink_read_mutex");
+  std::unique_lock<std::mutex> lock(_s_glink_read_mutex);
+  if (_s_chnl_fd >= 1) {
+    MARLO_LOGI("GLINK_int channel is already opened");
+    return -1;
+  }
+  const int fd = glink_open(path);
+  _s_chnl_fd = fd;
+  if (fd < 0) {
+    MARLO_LOGE("GLINK_int glink_open failed");
+    const bool reconnecting = _reconnecting;
+    lock.unlock();
+    glink_error_cb error_cb = error_callback();
+    if (error_cb && !reconnecting) {
+      MARLO_LOGV("GLINK_int triggered error callback");
+      // The callback may delete this object: nothing of it is touched after.
+      error_cb(GLINK_OPEN_FAILED);
+    }
+    return -1;
+  }
+  // Every caller passes the channel's own name; it is assigned only when it
+  // differs, so that the reader thread's reads of it never meet a write.
+  if (name != _chnl_name) _chnl_name = name;
+  if (fd >= 1 && start_reader) {
+    if (!_thread_started) {
+      int pipe_fds[2];
+      if (platform::pipe(pipe_fds) != 0) {
+        // A reader that cannot be woken could never be joined: run without.
+        MARLO_LOGE("GLINK_int wake-up pipe failed with errno = %d, no reader thread", errno);
+        return 0;
+      }
+      _wakeup_pipe[0] = pipe_fds[0];
+      _wakeup_pipe[1] = pipe_fds[1];
+      _reader_life = std::make_shared<reader_life>();
+      _reader_thread = std::thread(glink_thread_routine, this, _reader_life);
+      _thread_started = true;
+    } else if (std::this_thread::get_id() != _reader_thread.get_id()) {
+      // A reader left waiting on the pipe alone (failed reopen) picks up the
+      // new descriptor on its next pass.
+      char byte = kReloadChannel;
+      if (platform::write(_wakeup_pipe[1], &byte, 1) != 1) {
+        MARLO_LOGE("GLINK write err on wakup pipe rrrno = %d", errno);
+      }
+    }
+  }
+  return 0;
+}
+
+void marlo_glink::close_wakeup_pipe() {
+  for (auto& end : _wakeup_pipe) {
+    int fd = end.exchange(-1);
+    if (fd != -1) platform::close(fd);
+  }
+}
+
+void marlo_glink::glink_disconnect(bool join_reader) {
+  MARLO_LOGI("glink_disconnect");
+  if (join_reader) {
+    if (_wakeup_pipe[1] != -1) {
+      char byte = kStopReader;
+      if (platform::write(_wakeup_pipe[1], &byte, 1) != 1) {
+        MARLO_LOGE("GLINK write err on wakup pipe rrrno = %d no way to join readthread", errno);
+      }
+    }
+    if (_reader_thread.joinable()) {
+      if (std::this_thread::get_id() == _reader_thread.get_id()) {
+        // Called from a callback on the reader thread itself: it cannot join
+        // itself, so it is let go and leaves as soon as the callback returns.
+        MARLO_LOGI("GLINK_int conn = 0x%llx disconnect on the reader thread, detaching it", address_of(this));
+        _reader_life->stop = true;
+        _reader_thread.detach();
+      } else {
+        _reader_thread.join();
+      }
+    }
+    _reader_life.reset();
+    _thread_started = false;
+    close_wakeup_pipe();
+  }
+  // Under the write lock, so that no request is being written to the
+  // descriptor while it is closed.
+  std::lock_guard<std::mutex> lock(_s_glink_read_mutex);
+  const int fd = _s_chnl_fd.exchange(-1);
+  if (fd >= 0 && platform::close(fd) != 0) {
+    MARLO_LOGE("GLINK_int close on _s_chnl_fd = %d failed with errno = %d", fd, errno);
+  }
+}
+
+void marlo_glink::glink_thread_routine(marlo_glink* self, std::shared_ptr<reader_life> life) {
+  for (;;) {
+    struct pollfd fds[2] = {
+        {self->_wakeup_pipe[0], POLLIN, 0},
+        {self->_s_chnl_fd, POLLIN | POLLHUP, 0},
+    };
+    MARLO_LOGD("GLINK waiting on poll wakeup_pipe %d glink_fd %d", fds[0].fd, fds[1].fd);
+    const int ready = platform::poll(fds, 2, -1);
+    if (ready == 0) {
+      MARLO_LOGE("GLINK_int poll time-out");
+    } else if (ready < 0) {
+      MARLO_LOGE("GLINK_int poll failed with errno = %d, g_glink_err_cnt = %d", errno, self->g_glink_err_cnt.load());
+      self->glink_error_handler(-1);
+      if (life->stop) return;
+      continue;
+    } else if (fds[0].revents & POLLIN) {
+      char byte = 0;
+      if (platform::read(fds[0].fd, &byte, 1) == 1 && byte == kStopReader) {
+        MARLO_LOGD("GLINK explicitly requested thread close");
+        MARLO_LOGD("GLINK thread exit");
+        return;
+      }
+    } else if (!(fds[1].revents & POLLIN)) {
+      if (fds[1].revents & POLLHUP) {
+        MARLO_LOGE("GLINK_int POLLHUP event is received, AON CLIENT SSR occured");
+        self->glink_error_handler(kHangUpError);
+        if (life->stop) return;
+      } else {
+        MARLO_LOGE("GLINK_int received unregistered pollevent = %d", fds[1].revents);
+      }
+    } else {
+      MARLO_LOGD("GLINK_int received POLLIN event");
+      std::vector<uint8_t> buffer(self->_read_size, 0);
+      const int result = self->glink_read(fds[1].fd, buffer, self->_read_size);
+      if (result >= 1) {
+        MARLO_LOGD("GLINK_int waiting for _s_glink_read_mutex");
+        MARLO_LOGD("calling glink response handler: ");
+        self->glink_response_handler(buffer);
+        if (life->stop) return;
+      } else {
+        MARLO_LOGE("GLINK_int read has failed with errno = %d, g_glink_err_cnt = %d", result,
+                   self->g_glink_err_cnt.load());
+        if (result < 0) {
+          self->glink_error_handler(result);
+          if (life->stop) return;
+          continue;
+        }
+      }
+    }
+    // A pass that ended normally restarts the error count.
+    if (self->g_glink_err_cnt != 0) self->g_glink_err_cnt = 0;
+  }
+}
+
+void marlo_glink::glink_error_handler(int error) {
+  MARLO_LOGI("GLINK_int glink_error_handler received error = %d", error);
+  if (error == kHangUpError) {
+    MARLO_LOGD("GLINK_int Inside POLLHUP error handler");
+    _reconnecting = true;
+    glink_disconnect(false);
+    MARLO_LOGD("GLINK_int glink error, trying to reconnect");
+    try {
+      glink_connect(_chnl_name, true);
+    } catch (const std::exception& e) {
+      MARLO_LOGE("GLINK_int could not reconnect: %s", e.what());
+      return;
+    }
+    glink_error_cb error_cb = error_callback();
+    if (error_cb) {
+      MARLO_LOGV("GLINK_int triggered error callback");
+      error_cb(GLINK_SSR);
+    }
+    return;
+  }
+  MARLO_LOGV("GLINK_int waitig for _s_glink_read_mutex");
+  {
+    std::lock_guard<std::mutex> lock(_s_glink_read_mutex);
+    if (++g_glink_err_cnt > _err_threshold) {
+      MARLO_LOGD("GLINK_int triggred ssr g_glink_err_cnt = %d", g_glink_err_cnt.load());
+      g_glink_err_cnt = 0;
+    }
+  }
+  glink_error_cb error_cb = error_callback();
+  if (error_cb) {
+    MARLO_LOGV("GLINK_int triggered error callback");
+    error_cb(GLINK_IO_ERROR);
+  }
+}

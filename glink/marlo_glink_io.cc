@@ -1,1 +1,285 @@
+// Byte I/O of the packet-channel transport: framed reads of incoming packets,
+// request writes with retries, synchronous response reads and delivery of a
+// received packet to the data callback.
+#include <poll.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <new>
+
+#include <utils/SystemClock.h>
+
+#include "comhandler/client_wakelock.h"
+#include "daemon/marlo_deamon_log.h"
 #include "glink/marlo_glink.h"
+#include "platform/os.h"
+
+namespace {
+
+constexpr int MAX_GLINK_READ_RETRIES = 3;
+constexpr int MAX_GLINK_WRITE_RETRIES = 100;
+constexpr useconds_t kWriteRetryDelayUs = 5000;
+constexpr int64_t kSlowWriteNs = 2000000000LL;
+constexpr int64_t kNsPerSecond = 1000000000LL;
+
+// Where a channel's header carries the packet length, and how many bytes the
+// first read must have returned for it to be there.
+struct length_field {
+  const char* channel;
+  size_t offset;
+  int threshold;
+};
+constexpr length_field kLengthFields[] = {
+    {"glink_pkt_marlo_dfu", 8, 17},
+    {"glink_pkt_marlo_rma", 4, 13},
+};
+// Channel names are compared only when they have this length.
+constexpr size_t kFramedNameLength = 19;
+
+unsigned long long address_of(const void* object) {
+  return static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(object));
+}
+
+// Holds one wakelock reference for its lifetime (none when there is no lock).
+class wakelock_reference {
+ public:
+  explicit wakelock_reference(client_wakelock* lock) : lock_(lock) {
+    if (lock_ == nullptr) return;
+    MARLO_LOGD("acquiring wakelock");
+    lock_->get_n_locks(1);
+  }
+  ~wakelock_reference() {
+    if (lock_ == nullptr) return;
+    MARLO_LOGD("releasing wakelock");
+    lock_->put_n_locks(1);
+  }
+  wakelock_reference(const wakelock_reference&) = delete;
+  wakelock_reference& operator=(const wakelock_reference&) = delete;
+
+ private:
+  client_wakelock* lock_;
+};
+
+}  // namespace
+
+unsigned int marlo_glink::get_size_from_header(int bytes_received, std::vector<uint8_t>& buffer) {
+  unsigned int size = 0;
+  if (_chnl_name.size() == kFramedNameLength) {
+    for (const length_field& field : kLengthFields) {
+      if (_chnl_name != field.channel || bytes_received < field.threshold) continue;
+      // The threshold lies past the field, and bytes_received never exceeds
+      // the buffer, so the four bytes are inside what was received.
+      uint32_t value;
+      std::memcpy(&value, buffer.data() + field.offset, sizeof(value));
+      size = value;
+      if (size <= kMaxPacketSize) buffer.resize(size);
+    }
+  }
+  MARLO_LOGD("GLINK_int pkt size to be read = %d", size);
+  return size;
+}
+
+// Waits for the rest of a packet whose header announced more than has
+// arrived: 0 when more can be read; a negative error when the wait timed out
+// or a stop of the reader was requested through the wake-up pipe, which is
+// left for the reader to see.
+int marlo_glink::wait_for_rest_of_packet(int fd) {
+  struct pollfd fds[2] = {{fd, POLLIN, 0}, {_wakeup_pipe[0], POLLIN, 0}};
+  const int ready = platform::poll(fds, 2, static_cast<int>(_poll_timeout_s * 1000));
+  if (ready < 0) return -errno;
+  if (fds[1].revents & POLLIN) return -ECANCELED;
+  if (!(fds[0].revents & POLLIN)) return -ETIMEDOUT;
+  return 0;
+}
+
+int marlo_glink::glink_read(int fd, std::vector<uint8_t>& buffer, unsigned int len) {
+  MARLO_LOGD("GLINK_int glink_read fd = %d buf_len = %zu", fd, buffer.size());
+  if (len == 0) return 0;
+  unsigned int want = len;
+  size_t total = 0;
+  int eagain_count = 0;
+  bool first = true;
+  while (total < want) {
+    if (!first) {
+      // The header asked for more than the packet brought so far. A short
+      // packet whose rest never comes must not stall the reader for ever.
+      int waited = wait_for_rest_of_packet(fd);
+      if (waited < 0) {
+        ++g_glink_err_cnt;
+        MARLO_LOGE("GLINK_int read of the rest of a %u-byte packet failed with errno = %d after %zu bytes", want,
+                   -waited, total);
+        return waited;
+      }
+    }
+    // Each read asks for the whole packet length again, limited to the room
+    // left in the buffer: nothing is ever written past its current size.
+    const size_t ask = std::min<size_t>(want, buffer.size() - total);
+    const ssize_t got = platform::read(fd, buffer.data() + total, ask);
+    if (got == -1) {
+      const int err = errno;
+      if (err == EAGAIN) {
+        MARLO_LOGE("GLINK_int read EAGAIN has occured on fd = %d", fd);
+        if (++eagain_count >= MAX_GLINK_READ_RETRIES) {
+          ++g_glink_err_cnt;
+          MARLO_LOGE("GLINK_int read MAX_GLINK_READ_RETRIES = %d has finished & g_glink_err_cnt = %d",
+                     MAX_GLINK_READ_RETRIES, g_glink_err_cnt.load());
+          return -EAGAIN;
+        }
+        continue;
+      }
+      ++g_glink_err_cnt;
+      MARLO_LOGE("GLINK_int read failed with errno = %d", err);
+      return -err;
+    }
+    MARLO_LOGD("GLINK_int partial read bytes = %d", static_cast<int>(got));
+    if (got == 0 && !first) {
+      // The channel closed in the middle of a packet.
+      ++g_glink_err_cnt;
+      MARLO_LOGE("GLINK_int channel closed after %zu bytes of a %u-byte packet", total, want);
+      return -EPIPE;
+    }
+    total += static_cast<size_t>(got);
+    if (first) {
+      first = false;
+      want = get_size_from_header(static_cast<int>(total), buffer);
+      if (want > kMaxPacketSize) {
+        ++g_glink_err_cnt;
+        MARLO_LOGE("GLINK_int packet length %u is above the maximum packet size %u, read failed", want,
+                   kMaxPacketSize);
+        return -EMSGSIZE;
+      }
+    }
+  }
+  MARLO_LOGD("GLINK_int complete read bytes = %d", static_cast<int>(total));
+  return static_cast<int>(total);
+}
+
+int marlo_glink::glink_write(int fd, unsigned char* buf, unsigned int len) {
+  MARLO_LOGD("GLINK_int conn = 0x%llx write fd = %d buf_len = %zu, waiting for _s_glink_read_mutex",
+             address_of(this), fd, static_cast<size_t>(len));
+  std::unique_lock<std::mutex> lock(_s_glink_read_mutex);
+  if (_s_chnl_fd == -1) {
+    MARLO_LOGE("GLINK_int conn = 0x%llx write is not permitted as_s_chnl_fd is -1", address_of(this));
+    return 0;
+  }
+  wakelock_reference awake(_wakelock);
+  const unsigned char* next = buf;
+  unsigned int remaining = len;
+  int written_total = 0;
+  int retries = 0;
+  ssize_t result = 0;
+  while (remaining > 0) {
+    result = platform::write(fd, next, remaining);
+    if (result > 0) {
+      MARLO_LOGD("GLINK_int conn = 0x%llx partial bytes written= %d", address_of(this), static_cast<int>(result));
+      next += result;
+      written_total += static_cast<int>(result);
+      remaining -= static_cast<unsigned int>(result);
+      continue;
+    }
+    if (result == 0) break;
+    const int err = errno;
+    if (err != EBUSY && err != EAGAIN) {
+      ++g_glink_err_cnt;
+      MARLO_LOGE("GLINK_int conn = 0x%llx write has failed with errno = %d & g_glink_err_cnt = %d", address_of(this),
+                 err, g_glink_err_cnt.load());
+      return -err;
+    }
+    MARLO_LOGE("GLINK conn = 0x%llx write failed with errno = %d", address_of(this), err);
+    if (++retries >= MAX_GLINK_WRITE_RETRIES) {
+      ++g_glink_err_cnt;
+      MARLO_LOGE(
+          "GLINK_int conn = 0x%llx write MAX_GLINK_WRITE_RETRIES = %d has finished on fd = %d & g_glink_err_cnt = %d",
+          address_of(this), MAX_GLINK_WRITE_RETRIES, fd, g_glink_err_cnt.load());
+      return -err;
+    }
+    platform::usleep(kWriteRetryDelayUs);
+  }
+  lock.unlock();
+  MARLO_LOGI("GLINK_int conn = 0x%llx complete bytes written= %d retries %d", address_of(this), written_total, retries);
+  return static_cast<int>(result);
+}
+
+int marlo_glink::send_request(unsigned char* buf, unsigned int len) {
+  if (_reconnecting) {
+    MARLO_LOGE("GLINK_int conn = 0x%llx is reconnecting, cannot send request", address_of(this));
+    return -1;
+  }
+  MARLO_LOGD("GLINK_int conn = 0x%llx is sending request", address_of(this));
+  const int64_t start = android::elapsedRealtimeNano();
+  const int result = glink_write(_s_chnl_fd, buf, len);
+  if (result < 0) {
+    MARLO_LOGE("GLINK_int conn = 0x%llx glink_write has failed", address_of(this));
+    glink_error_handler(result);
+  }
+  const int64_t elapsed = android::elapsedRealtimeNano() - start;
+  if (elapsed > kSlowWriteNs) {
+    MARLO_LOGI("GLINK_int conn = 0x%llx time taken to complete glink_write is %lf secs", address_of(this),
+               static_cast<double>(elapsed / kNsPerSecond));
+  }
+  return result;
+}
+
+int marlo_glink::glink_poll(int fd) {
+  struct pollfd entry = {fd, POLLIN | POLLHUP, 0};
+  if (platform::poll(&entry, 1, static_cast<int>(_poll_timeout_s * 1000)) < 1) return -1;
+  if (entry.revents & POLLIN) return 0;
+  if (entry.revents & POLLHUP) MARLO_LOGE("%s: SSR detected", "glink_poll");
+  return -1;
+}
+
+int marlo_glink::read_response(unsigned char* buf, unsigned int len) {
+  const int fd = _s_chnl_fd;
+  if (fd < 0) return -1;
+  wakelock_reference awake(_wakelock);
+  if (glink_poll(fd) != 0) return -1;
+  // An EAGAIN's -1 is counted into `received` as an unsigned value: on the
+  // first read it wraps to the largest count and ends the read as done.
+  unsigned int received = 0;
+  while (received < len) {
+    const ssize_t got = platform::read(fd, buf + received, len - received);
+    if (got < 0 && errno != EAGAIN) {
+      MARLO_LOGE("%s: Read error: %s, rc %d", "read_response", strerror(errno), static_cast<int>(got));
+      return -1;
+    }
+    if (got == 0) {
+      MARLO_LOGE("%s: Zero length packet received or hardware connection went off", "read_response");
+      // Go on only if something is still to come; a closed channel stays
+      // readable with 0 for ever.
+      if (glink_poll(fd) != 0) return -1;
+      continue;
+    }
+    received += static_cast<unsigned int>(got);
+  }
+  return 0;
+}
+
+void marlo_glink::glink_response_handler(std::vector<uint8_t> packet) {
+  MARLO_LOGD("GLINK_int conn = 0x%llx received indication", address_of(this));
+  if (_closing) {
+    MARLO_LOGD("GLINK_int conn = 0x%llx indication is coming while connection is being closed", address_of(this));
+    return;
+  }
+  MARLO_LOGD("buffer_len %zu", packet.size());
+  const uint32_t length = static_cast<uint32_t>(packet.size());
+  std::unique_ptr<uint8_t[]> copy(new (std::nothrow) uint8_t[length == 0 ? 1 : length]);
+  _ind_buf_len = length;
+  if (!copy) {
+    MARLO_LOGD("memory allocation failed for _ind_buf");
+    return;
+  }
+  if (length > 0) std::memcpy(copy.get(), packet.data(), length);
+  _ind_buf = copy.get();
+  // Locals only from here on: the data callback may delete this object.
+  std::shared_ptr<reader_life> life = _reader_life;
+  wakelock_reference awake(_wakelock);
+  glink_data_cb data_cb = data_callback();
+  if (data_cb) {
+    const int result = trigger_event_cb(data_cb);
+    MARLO_LOGV("GLINK_int triggered event callback, got value %d", result);
+  }
+  if (life && life->stop) return;
+  _ind_buf = nullptr;
+  _ind_buf_len = 0;
+}
