@@ -4,10 +4,12 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 
 #include "comhandler/MarloComHandler.h"
 #include "comhandler/wear_firmware_info.h"
 
+class DFUCallback;
 class marlo_fw_updater;
 class marlo_rma;
 class SSRHandler;
@@ -24,6 +26,7 @@ class BootProgressObserver {
 class MarloDaemon {
  public:
   MarloDaemon();
+  ~MarloDaemon();
   MarloDaemon(const MarloDaemon&) = delete;
   MarloDaemon& operator=(const MarloDaemon&) = delete;
 
@@ -51,6 +54,7 @@ class MarloDaemon {
 
   // Called with each boot-progress code; the daemon installs none itself.
   void setBootProgressObserver(BootProgressObserver* observer) { boot_progress_observer = observer; }
+  void notifyBootProgress(int code);
 
   // One pass of the reset-property loop: resets the co-processor when
   // "vendor.marlo_reset" is 1 and writes "0" back.
@@ -58,21 +62,25 @@ class MarloDaemon {
 
   const char* pilStatePath() const { return pil_state_path; }
   wear_firmware_info_t* firmwareVersion() const { return fw_version.load(); }
-  marlo_fw_updater* updater() const { return fw_updater; }
+  marlo_fw_updater* updater() const { return fw_updater.get(); }
 
  private:
-  void notify(int code);
-
   // Shared between the main thread, the restart listener and the updater's
-  // reader thread without a lock: every such field is atomic.
+  // reader thread without a lock: every such field is atomic. The PIL state
+  // path is written once, before those threads start.
   std::atomic<bool> noflash_psram{false};
   char pil_state_path[50] = {};
-  MarloComHandler* com_handler = nullptr;
-  marlo_fw_updater* fw_updater = nullptr;
-  std::atomic<SSRHandler*> ssr_handler{nullptr};
-  marlo_rma* rma = nullptr;
+  std::unique_ptr<MarloComHandler> com_handler;
+  std::unique_ptr<marlo_fw_updater> fw_updater;
+  std::atomic<SSRHandler*> ssr_handler{nullptr};  // lives as long as its listener thread
+  std::unique_ptr<marlo_rma> rma;
+  // Replaced, never freed, on each boot completion: the restart listener may
+  // still be reading the previous record.
   std::atomic<wear_firmware_info_t*> fw_version{nullptr};
   std::atomic<BootProgressObserver*> boot_progress_observer{nullptr};
+  // The updater's result sink. It holds no state of its own, so one instance
+  // serves every update the daemon starts.
+  std::unique_ptr<DFUCallback> dfu_callback;
 };
 
 // The running daemon, for code without a daemon pointer at hand.

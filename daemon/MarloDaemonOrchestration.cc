@@ -1,0 +1,164 @@
+// Boot-mode handling and update orchestration: what the daemon does once the
+// co-processor runs (or fails to), when a download ends, and when the
+// co-processor powers up or down.
+#include <cstdlib>
+
+#include <android/log.h>
+#include <cutils/properties.h>
+
+#include "daemon/DFUCallback.h"
+#include "daemon/MarloDaemon.h"
+#include "fwupdater/marlo_fw_updater.h"
+#include "platform/os.h"
+#include "rma/marlo_rma.h"
+
+namespace {
+
+constexpr int kBootModeAttempts = 3;
+
+bool property_is_one(const char* name) {
+  char value[PROPERTY_VALUE_MAX] = {};
+  property_get(name, value, "0");
+  return std::atoi(value) == 1;
+}
+
+}  // namespace
+
+void MarloDaemon::handleBootComplete(int mode) {
+  property_set("vendor.marlo.boot_complete", "1");
+  fw_version = com_handler->get_current_aon_fw_version();
+  if (mode == HOST) {
+    __android_log_print(ANDROID_LOG_ERROR, nullptr, "Marlo boot complete in HOST Mode!");
+    notifyBootProgress(0);
+    handleHostMode();
+  } else if (mode == FLASH) {
+    __android_log_print(ANDROID_LOG_ERROR, nullptr, "Marlo boot complete in FLASH Mode!");
+    notifyBootProgress(1);
+    handleFlashMode();
+  } else {
+    __android_log_print(ANDROID_LOG_ERROR, nullptr, "Unknown marlo boot mode");
+  }
+}
+
+void MarloDaemon::handleHostMode() {
+  com_handler->set_marlo_boot_status(1);
+  wear_firmware_info_t* version = fw_version.load();
+  if (version == nullptr) {
+    __android_log_print(ANDROID_LOG_INFO, nullptr, "invaid version info");
+    return;
+  }
+  if (fw_updater->is_psram_noflash(version) == 0) handleNoFlashPsram();
+}
+
+void MarloDaemon::handleFlashMode() {
+  wear_firmware_info_t* version = fw_version.load();
+  if (version == nullptr) {
+    __android_log_print(ANDROID_LOG_ERROR, nullptr,
+                        "failed to get fw version! after re-tries, marlo is running with old firmware");
+    com_handler->set_marlo_boot_status(1);
+    return;
+  }
+  __android_log_print(ANDROID_LOG_INFO, nullptr, "do fw_version_check");
+  if (fw_updater->fw_version_check(version) < 0) {
+    __android_log_print(ANDROID_LOG_DEBUG, nullptr, "Version mis-match, switch2HOST, do fW_update");
+    notifyBootProgress(2);
+    changeBootmode(HOST);
+    startFirmwareUpdate();
+    return;
+  }
+  com_handler->set_marlo_boot_status(1);
+  notifyBootProgress(4);
+}
+
+void MarloDaemon::changeBootmode(int mode) {
+  com_handler->set_marlo_boot_mode(mode);
+  com_handler->marloUnload();
+  com_handler->marlocomSpiBusy();
+
+  // The running daemon's PIL state decides; this one when none is running.
+  MarloDaemon* running = g_marlo_daemon.load();
+  if (running == nullptr) running = this;
+  bool booted = false;
+  for (int attempt = 0; attempt < kBootModeAttempts && !booted; ++attempt) {
+    com_handler->marloSoftReset();
+    int loaded = com_handler->marloLoad();
+    platform::sleep(1);
+    booted = (loaded == 0 && running->getMarloPILStatus() == 1);
+    if (!booted) platform::sleep(1);
+  }
+  if (!booted) {
+    com_handler->marlocomSpiFree();
+    return;
+  }
+  if (mode != FLASH) {
+    // The download that follows owns the SPI bus: it stays marked busy.
+    __android_log_print(ANDROID_LOG_INFO, nullptr, "Marlo boot complete in HOST Mode!");
+    notifyBootProgress(0);
+    return;
+  }
+  __android_log_print(ANDROID_LOG_INFO, nullptr, "Marlo boot complete in FLASH Mode!");
+  notifyBootProgress(1);
+  property_set("vendor.marlo.boot_complete", "1");
+  com_handler->marlocomSpiFree();
+  com_handler->set_marlo_boot_status(1);
+}
+
+int MarloDaemon::defaultHandler() {
+  if (com_handler->get_marlo_boot_mode() != FLASH) {
+    __android_log_print(ANDROID_LOG_ERROR, nullptr, "Marlo boot failed in Host Mode.");
+    return -1;
+  }
+  com_handler->set_marlo_boot_mode(HOST);
+  com_handler->marloReset();
+  int loaded = com_handler->marloLoad();
+  platform::sleep(1);
+  if (loaded == 0 && getMarloPILStatus() == 1) {
+    __android_log_print(ANDROID_LOG_ERROR, nullptr, "Fallback: Marlo boot complete in Host Mode, try DFU");
+    notifyBootProgress(0);
+    property_set("vendor.marlo.boot_complete", "1");
+    com_handler->marlocomSpiFree();
+    startFirmwareUpdate();
+    return 0;
+  }
+  __android_log_print(ANDROID_LOG_ERROR, nullptr, "Marlo boot fail even on fallback to host from flash");
+  g_daemon_state = 0;
+  return -1;
+}
+
+int MarloDaemon::startFirmwareUpdate() {
+  if (!fw_updater) return 0;
+  fw_updater->startMarloDownloaderWithCallback(dfu_callback.get());
+  fw_updater->eraseAllRAWPartitionAndContinueDownload();
+  notifyBootProgress(2);
+  return 0;
+}
+
+int MarloDaemon::startMiscDataFirmwareUpdate() {
+  if (!fw_updater) return 0;
+  fw_updater->startMarloSHMUpdater(dfu_callback.get());
+  fw_updater->marloMiscDataUpdateReq();
+  platform::sleep(2);
+  fw_updater->endMarloSHMUpdater();
+  return 0;
+}
+
+void MarloDaemon::handleNoFlashPsram() {
+  __android_log_print(ANDROID_LOG_INFO, nullptr, "found NOFLASH_PSRAM AON, do misc_data_fW_update");
+  if (!property_is_one("vendor.zt_aon.misc_update")) startMiscDataFirmwareUpdate();
+  __android_log_print(ANDROID_LOG_DEBUG, nullptr, "starting rma connection");
+  rma->startMarloRmaConnection();
+}
+
+void MarloDaemon::on_aon_up() {
+  __android_log_print(ANDROID_LOG_INFO, nullptr, "%s: called\n", "on_aon_up");
+  if (fw_updater->is_psram_noflash(fw_version.load()) == 0) {
+    noflash_psram = true;
+    handleNoFlashPsram();
+  }
+}
+
+void MarloDaemon::on_aon_down() {
+  __android_log_print(ANDROID_LOG_INFO, nullptr, "%s: called\n", "on_aon_down");
+  // The next power-up pushes the misc data again.
+  if (noflash_psram) property_set("vendor.zt_aon.misc_update", "0");
+}

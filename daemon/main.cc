@@ -1,0 +1,26 @@
+// marlod: boots the Marlo co-processor and keeps it served for the life of
+// the device. Exits with -19 when the device has no such co-processor.
+#include <cstdlib>
+#include <cstring>
+
+#include <android/log.h>
+#include <cutils/properties.h>
+
+#include "daemon/MarloDaemon.h"
+#include "daemon/marlo_deamon_log.h"
+
+int main(int argc, char** argv) {
+  for (int i = 1; i < argc; ++i) {
+    if (std::strcmp(argv[i], "--stderr-log") == 0) marlo_deamon_log::enable_stderr_logging();
+  }
+
+  MarloDaemon daemon;
+  char presence[PROPERTY_VALUE_MAX] = {};
+  int length = property_get("ro.vendor.zt_aon_presence", presence, nullptr);
+  __android_log_print(ANDROID_LOG_DEBUG, nullptr, "aon_len: %d, ro.vendor.zt_aon_presence: %d \n", length,
+                      std::atoi(presence));
+  if (std::atoi(presence) != 0) daemon.startMarloDaemon();
+
+  __android_log_print(ANDROID_LOG_INFO, nullptr, "ZT AON not present: Do not perform PIL");
+  return -19;
+}

@@ -1,0 +1,72 @@
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "daemon/marlo_deamon_log.h"
+#include "support/log_capture.h"
+
+namespace {
+
+int evaluated = 0;
+int count_evaluation() { return ++evaluated; }
+
+class LogStatementTest : public ::testing::Test {
+ protected:
+  void TearDown() override {
+    marlo_deamon_log::set_level(marlo_deamon_log::LOG_LEVEL_INFO);
+    marlo_deamon_log::set_tag("MarloDaemon");
+  }
+  marlo::test::LogCapture log_;
+};
+
+TEST_F(LogStatementTest, LevelFiltersWithoutEvaluatingArguments) {
+  evaluated = 0;
+  marlo_deamon_log::set_level(marlo_deamon_log::LOG_LEVEL_NONE);
+  MARLO_LOGE("error %d", count_evaluation());
+  EXPECT_TRUE(log_.entries().empty());
+
+  marlo_deamon_log::set_level(marlo_deamon_log::LOG_LEVEL_INFO);
+  MARLO_LOGE("error %d", count_evaluation());
+  MARLO_LOGI("info %d", count_evaluation());
+  MARLO_LOGD("debug %d", count_evaluation());
+  MARLO_LOGV("verbose %d", count_evaluation());
+  EXPECT_EQ(evaluated, 2);
+  auto entries = log_.entries();
+  ASSERT_EQ(entries.size(), 2u);
+  EXPECT_EQ(entries[0].prio, ANDROID_LOG_ERROR);
+  EXPECT_EQ(entries[1].prio, ANDROID_LOG_INFO);
+
+  marlo_deamon_log::set_level(marlo_deamon_log::LOG_LEVEL_VERBOSE);
+  MARLO_LOGD("debug");
+  MARLO_LOGV("verbose");
+  entries = log_.entries();
+  ASSERT_EQ(entries.size(), 4u);
+  EXPECT_EQ(entries[2].prio, ANDROID_LOG_DEBUG);
+  EXPECT_EQ(entries[3].prio, ANDROID_LOG_VERBOSE);
+}
+
+TEST_F(LogStatementTest, PrefixesFunctionAndLineAndUsesTheProcessTag) {
+  marlo_deamon_log::set_tag("marlo_fw_updater");
+  int line = __LINE__ + 1;
+  MARLO_LOGI("value %d", 7);
+  auto entries = log_.entries();
+  ASSERT_EQ(entries.size(), 1u);
+  EXPECT_EQ(entries[0].msg, "TestBody:" + std::to_string(line) + ", value 7");
+  EXPECT_EQ(entries[0].tag, "marlo_fw_updater");
+}
+
+TEST_F(LogStatementTest, StderrCopyAppendsANewline) {
+  EXPECT_FALSE(marlo_deamon_log::get_stderr_logging());
+  marlo_deamon_log::enable_stderr_logging();
+  ::testing::internal::CaptureStderr();
+  int line = __LINE__ + 1;
+  MARLO_LOGI("Set log level: %d\n", 4);
+  std::string err = ::testing::internal::GetCapturedStderr();
+  std::string copy = "TestBody:" + std::to_string(line) + ", Set log level: 4\n\n";
+  EXPECT_NE(err.find(copy), std::string::npos) << err;
+  auto entries = log_.entries();
+  ASSERT_EQ(entries.size(), 1u);
+  EXPECT_EQ(entries[0].msg, "TestBody:" + std::to_string(line) + ", Set log level: 4\n");
+}
+
+}  // namespace
