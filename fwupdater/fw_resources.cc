@@ -1,0 +1,177 @@
+// The images the DFU session serves: the partitions of the partition table
+// and the two fixed images, each read whole from the image directory.
+#include <tinyxml2.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "daemon/marlo_deamon_log.h"
+#include "fwupdater/marlo_fw_updater.h"
+#include "fwupdater/whole_file.h"
+#include "platform/os.h"
+
+namespace {
+
+constexpr int32_t kFlashImageId = 1;
+constexpr int32_t kPartitionImageId = 2;
+
+// The values a "Partition" element takes over from the one before it: a
+// child that is absent leaves the previous partition's value in place.
+struct partition_working_values {
+  int32_t offset = 0;
+  int32_t img_id = 0;
+  int32_t xml_size = 0;
+  const char* image_path = nullptr;  // owned by the document; null: none seen yet
+  std::string partition_name;
+};
+
+}  // namespace
+
+unsigned marlo_fw_updater::parsePartitionAndSaveFw(const std::string& path) {
+  tinyxml2::XMLDocument doc(true, tinyxml2::PRESERVE_WHITESPACE);
+  if (doc.LoadFile(platform::path(path).c_str()) != tinyxml2::XML_SUCCESS) {
+    MARLO_LOGE("XML Config File Not Opened");
+    return 0;
+  }
+  MARLO_LOGD("XML Config File Opened");
+
+  tinyxml2::XMLElement* root = doc.FirstChildElement();
+  if (root != nullptr) {
+    MARLO_LOGD("rootElement Not NULL");
+
+    tinyxml2::XMLElement* mbr = root->FirstChildElement("mbr");
+    if (mbr != nullptr) {
+      MARLO_LOGD("mbr_Element is Not NULL");
+      tinyxml2::XMLElement* sbl_offset = mbr->FirstChildElement("Partition_1_SBL_Offset");
+      if (sbl_offset != nullptr) {
+        MARLO_LOGD("PartitionSBLOffsetElement is Not NULL");
+        tbx_elf_offset = sbl_offset->IntText(0);
+        MARLO_LOGD("tbx_elf_offset : %d", tbx_elf_offset);
+      }
+    }
+
+    tinyxml2::XMLElement* bank = root->FirstChildElement("Bank_1");
+    if (bank == nullptr) {
+      MARLO_LOGD("bank_1_node is NULL");
+      return 0;
+    }
+
+    tinyxml2::XMLElement* table = bank->FirstChildElement("Partition_table");
+    if (table != nullptr) {
+      MARLO_LOGD("partitionTableElement Not NULL");
+      tinyxml2::XMLElement* count = table->FirstChildElement("no_of_partitions");
+      if (count != nullptr) {
+        const char* text = count->GetText();
+        MARLO_LOGD("no_of_partitions : %s", text != nullptr ? text : "");
+      }
+
+      partition_working_values working;
+      for (tinyxml2::XMLElement* partition = table->FirstChildElement("Partition"); partition != nullptr;
+           partition = partition->NextSiblingElement("Partition")) {
+        if (tinyxml2::XMLElement* e = partition->FirstChildElement("Offset")) {
+          working.offset = e->IntText(0);
+          MARLO_LOGD("Offset : %d", working.offset);
+        }
+        if (tinyxml2::XMLElement* e = partition->FirstChildElement("img_id")) {
+          working.img_id = e->IntText(0);
+          MARLO_LOGD("Img ID : %d", working.img_id);
+        }
+        if (tinyxml2::XMLElement* e = partition->FirstChildElement("Partition_Name")) {
+          const char* text = e->GetText();
+          working.partition_name = text != nullptr ? text : "";
+          MARLO_LOGD("partition Name : %s", working.partition_name.c_str());
+        }
+        if (tinyxml2::XMLElement* e = partition->FirstChildElement("Image_Path")) {
+          working.image_path = e->GetText();
+          MARLO_LOGD("Img Path : %s", working.image_path != nullptr ? working.image_path : "");
+        }
+        if (tinyxml2::XMLElement* e = partition->FirstChildElement("size")) {
+          working.xml_size = e->IntText(0);
+          MARLO_LOGD("Img Size from xml: %d", working.xml_size);
+        }
+        bool erasable = false;
+        if (tinyxml2::XMLElement* info = partition->FirstChildElement("HostSpecificInfo")) {
+          if (tinyxml2::XMLElement* part_type = info->FirstChildElement("PartType")) {
+            const int value = part_type->IntText(0);
+            MARLO_LOGD("isErasable from xml: %d", value);
+            erasable = value != 0;
+          }
+        }
+
+        auto resource = std::make_unique<marlo_fw_resource>();
+        resource->img_id = working.img_id;
+        resource->offset = working.offset;
+        resource->partition_name = working.partition_name;
+        resource->xml_size = working.xml_size;
+        resource->isErasable = erasable;
+        resource->erased = false;
+        if (working.image_path != nullptr && working.image_path[0] != '\0') {
+          resource->image_path = working.image_path;
+          resource->data = readFile(resource->image_path);
+          resource->size = static_cast<uint32_t>(resource->data.size());
+          MARLO_LOGD("firmware %s resource Size : %d", resource->partition_name.c_str(),
+                     static_cast<int>(resource->size));
+        }
+        fw_resources.push_back(std::move(resource));
+      }
+    }
+  }
+
+  // The flash image carries the host's platform facts for the boot loader.
+  auto flash = std::make_unique<marlo_fw_resource>();
+  flash->img_id = kFlashImageId;
+  flash->partition_name = "flash_IMAGE";
+  flash->image_path = "flash_IMAGE";
+  flash->data = readFile("./flash.bin");
+  updatePlatformInfo(flash->data, getPlatformInfo());
+  flash->size = static_cast<uint32_t>(flash->data.size());
+  MARLO_LOGD("firmware flash.bin resource Size : %d", static_cast<int>(flash->size));
+  fw_resources.push_back(std::move(flash));
+
+  auto partition_1 = std::make_unique<marlo_fw_resource>();
+  partition_1->img_id = kPartitionImageId;
+  partition_1->partition_name = "partition_1_IMAGE";
+  partition_1->image_path = "partition_1_IMAGE";
+  partition_1->data = readFile("./partition_1.bin");
+  partition_1->size = static_cast<uint32_t>(partition_1->data.size());
+  MARLO_LOGD("firmware partition_1.bin resource Size : %d", static_cast<int>(partition_1->size));
+  fw_resources.push_back(std::move(partition_1));
+
+  MARLO_LOGD("Partition XML Parsing Done.");
+  return 1;
+}
+
+std::vector<uint8_t> marlo_fw_updater::readFile(const std::string& path) {
+  // Joined as they stand: no test for an absolute path or a doubled slash.
+  const std::string full_path = std::string(fw_image_dir) + path;
+  MARLO_LOGD("readFile Path : %s", full_path.c_str());
+
+  std::vector<uint8_t> bytes;
+  switch (marlo_fw::read_whole_file(platform::path(full_path), &bytes)) {
+    case marlo_fw::WholeFileResult::kRead:
+      break;
+    case marlo_fw::WholeFileResult::kNotOpened:
+      MARLO_LOGE("File open failed : %s", full_path.c_str());
+      break;
+    case marlo_fw::WholeFileResult::kTooLarge:
+      MARLO_LOGE("File too large : %s", full_path.c_str());
+      break;
+  }
+  return bytes;
+}
+
+bool marlo_fw_updater::checkForFlashbin() {
+  for (const auto& resource : fw_resources) {
+    if (resource->img_id != kFlashImageId) continue;
+    if (resource->size != 0) return true;
+    MARLO_LOGD("flash.bin file is not found");
+    return false;
+  }
+  return false;
+}
+
+int marlo_fw_updater::truncateFwResources() {
+  fw_resources.clear();
+  return 0;
+}
