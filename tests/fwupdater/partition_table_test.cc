@@ -1,0 +1,100 @@
+#include <gtest/gtest.h>
+
+#include "fw_test_files.h"
+#include "fwupdater/marlo_fw_updater.h"
+#include "support/log_capture.h"
+
+namespace marlo::test {
+namespace {
+
+class PartitionTableTest : public ::testing::Test {
+ protected:
+  PartitionTableTest() {
+    root.write(kImageDir + "flash.bin", "FLASH");
+    root.write(kImageDir + "partition_1.bin", "PART1");
+  }
+  unsigned load() {
+    updater.truncateFwResources();
+    return updater.parsePartitionAndSaveFw(std::string(fw_image_dir) + partition_table_file);
+  }
+  const marlo_fw_resource& record(size_t i) { return *updater.firmwareResources().at(i); }
+
+  TestRoot root;
+  LogCapture log;
+  marlo_fw_updater updater;
+};
+
+TEST_F(PartitionTableTest, AbsentChildrenCarryOverFromThePreviousPartition) {
+  root.write(kImageDir + "boot.img", "BOOTIMAGE");
+  root.write(kImageDir + "abs.img", "ABS");
+  write_table(root, R"(<mbr><Partition_1_SBL_Offset>4096</Partition_1_SBL_Offset></mbr>
+    <Bank_1><Partition_table><no_of_partitions>1</no_of_partitions>
+      <Partition><Offset>8192</Offset><img_id>5</img_id><Partition_Name>boot</Partition_Name>
+        <Image_Path>boot.img</Image_Path><size>65536</size><HostSpecificInfo><PartType>3</PartType></HostSpecificInfo></Partition>
+      <Partition><Partition_Name>second</Partition_Name></Partition>
+      <Partition><img_id>7</img_id><Image_Path>/abs.img</Image_Path><HostSpecificInfo/></Partition>
+    </Partition_table></Bank_1>)");
+  ASSERT_EQ(load(), 1u);
+  EXPECT_EQ(updater.tbxElfOffset(), 4096);
+  ASSERT_EQ(updater.firmwareResources().size(), 5u);  // the count element does not bound the walk
+  EXPECT_TRUE(record(0).isErasable);
+
+  // Every value but the name comes from the first partition, its image too.
+  EXPECT_EQ(record(1).img_id, 5);
+  EXPECT_EQ(record(1).offset, 8192);
+  EXPECT_EQ(record(1).xml_size, 65536);
+  EXPECT_EQ(record(1).partition_name, "second");
+  EXPECT_EQ(as_string(record(1).data), "BOOTIMAGE");
+  EXPECT_EQ(record(1).size, 9u);
+  EXPECT_FALSE(record(1).isErasable);
+
+  // A leading slash is not absolute: it doubles the directory's slash.
+  EXPECT_EQ(record(2).img_id, 7);
+  EXPECT_EQ(record(2).partition_name, "second");
+  EXPECT_EQ(as_string(record(2).data), "ABS");
+  EXPECT_FALSE(record(2).isErasable);
+  EXPECT_TRUE(log.contains("readFile Path : /vendor/firmware_mnt/image//abs.img"));
+
+  EXPECT_EQ(record(3).img_id, 1);
+  EXPECT_EQ(as_string(record(3).data), "FLASH");
+  EXPECT_EQ(record(4).img_id, 2);
+  EXPECT_EQ(as_string(record(4).data), "PART1");
+}
+
+TEST_F(PartitionTableTest, MissingOrUnreadableImagesGiveEmptyRecordsAndShadowTheFlashId) {
+  write_table(root, R"(<Bank_1><Partition_table>
+      <Partition><img_id>9</img_id><Partition_Name>raw</Partition_Name></Partition>
+      <Partition><img_id>1</img_id><Image_Path>missing.img</Image_Path></Partition>
+    </Partition_table></Bank_1>)");
+  ASSERT_EQ(load(), 1u);
+  ASSERT_EQ(updater.firmwareResources().size(), 4u);
+  EXPECT_EQ(record(0).image_path, "");
+  EXPECT_EQ(record(0).size, 0u);
+  EXPECT_EQ(record(1).size, 0u);
+  EXPECT_TRUE(log.contains("File open failed : /vendor/firmware_mnt/image/missing.img"));
+  // Lookups take the first record of an id: the empty XML one, not flash.bin.
+  EXPECT_EQ(record(2).size, 5u);
+  EXPECT_FALSE(updater.checkForFlashbin());
+  EXPECT_TRUE(log.contains("flash.bin file is not found"));
+}
+
+TEST_F(PartitionTableTest, MissingSectionsAndBrokenFiles) {
+  write_table(root, "<Bank_1/>");
+  EXPECT_EQ(load(), 1u);
+  ASSERT_EQ(updater.firmwareResources().size(), 2u);
+  EXPECT_EQ(record(0).img_id, 1);
+  EXPECT_EQ(record(1).img_id, 2);
+  EXPECT_TRUE(updater.checkForFlashbin());
+
+  write_table(root, "<Bank_2><Partition_table/></Bank_2>");
+  EXPECT_EQ(load(), 0u);
+  EXPECT_TRUE(updater.firmwareResources().empty());
+
+  root.write(kTablePath, "<Marlo><Bank_1><Partition_table></Bank_1>");
+  EXPECT_EQ(load(), 0u);
+  EXPECT_TRUE(updater.firmwareResources().empty());
+  EXPECT_TRUE(log.contains("XML Config File Not Opened"));
+}
+
+}  // namespace
+}  // namespace marlo::test
