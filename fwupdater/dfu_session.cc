@@ -1,0 +1,351 @@
+// The host side of the DFU download session: channel set-up, the framing of
+// every message, the dispatcher of the co-processor's requests and the three
+// answers (image information, image fragment, session end), the error
+// callback that resumes an interrupted download, and the end of a session.
+//
+// The co-processor drives the session; every received request is answered
+// on the transport's reader thread from the images loaded at set-up.
+#include <cutils/properties.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "common/crc32.h"
+#include "daemon/marlo_deamon_log.h"
+#include "fwupdater/dfu_protocol.h"
+#include "fwupdater/marlo_fw_updater.h"
+#include "glink/marlo_glink.h"
+
+// Message ids stay qualified (dfu::SESSION_END_REQ is not the DFU state).
+using dfu::append_le32;
+using dfu::DFU_HDR_COMMAND_ID;
+using dfu::DFU_HDR_CRC;
+using dfu::DFU_HDR_MAGIC;
+using dfu::DFU_HDR_TOTAL_LENGTH;
+using dfu::DFU_HEADER_SIZE;
+using dfu::DFU_MAGIC;
+using dfu::DFU_MAX_PACKET_SIZE;
+using dfu::DFU_OFFSET_RESP_FIXED_PAYLOAD;
+using dfu::DFU_REQ_FRAGMENT_LEN;
+using dfu::DFU_REQ_IMAGE_ID;
+using dfu::DFU_REQ_OFFSET;
+using dfu::DFU_RX_BUFFER_SIZE;
+using dfu::DFU_SPCL_RESP_CODE;
+using dfu::DFU_SPCL_RESP_RECORD;
+using dfu::get_le32;
+using dfu::put_le32;
+
+namespace {
+
+constexpr const char* kDfuChannel = "glink_pkt_marlo_dfu";
+constexpr const char* kDfuUpdateProperty = "persist.vendor.zt_aon.dfu_update";
+
+// The largest fragment served. A fragment travels in one IMG_OFFSET_RESP
+// packet, and the channel carries packets of at most DFU_MAX_PACKET_SIZE
+// bytes; a request for more could never be delivered, and honouring it would
+// let the co-processor make the daemon allocate up to 4 GiB per request. Such
+// a request is logged and answered like one past the image's end: the three
+// echoed words without data.
+constexpr uint32_t kMaxFragmentLen =
+    static_cast<uint32_t>(DFU_MAX_PACKET_SIZE - DFU_HEADER_SIZE - DFU_OFFSET_RESP_FIXED_PAYLOAD);
+
+// MG_UPDT_REQ's payload: three words 1, 0, 0 and the text "IMG UPDT".
+constexpr uint32_t kUpdateReqPayloadLen = 20;
+
+// The name of a message id that may be received, null for an invalid one.
+const char* received_command_name(uint32_t command_id) {
+  static const std::array<const char*, 15> names = {
+      nullptr,          "MG_UPDT_REQ",       "MG_UPDT_RESP",     "IMG_INFO_REQ",
+      "IMG_INFO_RESP",  "IMG_OFFSET_REQ",    "IMG_OFFSET_RESP",  "CANCEL_UPDT_REQ",
+      "CANCEL_UPDT_RESP", "IMG_UPDT_END_REQ", "IMG_UPDT_END_RESP", "SESSION_END_REQ",
+      "SESSION_END_RESP", nullptr,           "DFU_SPCL_OPERATION_RESP"};
+  return command_id < names.size() ? names[command_id] : nullptr;
+}
+
+const marlo_fw_resource* find_image(const std::vector<std::unique_ptr<marlo_fw_resource>>& resources,
+                                    uint32_t image_id) {
+  for (const auto& resource : resources) {
+    if (static_cast<uint32_t>(resource->img_id) == image_id) return resource.get();
+  }
+  return nullptr;
+}
+
+// Two error-callback situations need to know what the same thread is already
+// doing inside the updater; both happen on one thread, so thread-local marks
+// are enough and need no lock.
+//
+// Connecting: when connect_interface(true) cannot open the channel, the
+// transport reports GLINK_OPEN_FAILED from inside that call. Ending the
+// session right there would destroy the transport while its connect is still
+// running. Instead the failure is noted and startMarloDownloaderWithCallback
+// ends the session once the call has returned: the reports and the final
+// state are the same, and nothing touches the destroyed transport.
+//
+// Resuming: a resume sends a state query; if that send fails, the transport
+// reports GLINK_IO_ERROR on the sending thread, which would resume again,
+// send again, fail again, without bound. A resume nested in a resume on the
+// same thread is therefore skipped (and logged); the outer resume has just
+// tried and the next error or request of the co-processor starts a new one.
+thread_local const marlo_fw_updater* t_connecting = nullptr;
+thread_local bool t_open_failed = false;
+thread_local const marlo_fw_updater* t_resuming = nullptr;
+
+class ScopedMark {
+ public:
+  ScopedMark(const marlo_fw_updater*& mark, const marlo_fw_updater* updater) : mark_(mark), saved_(mark) {
+    mark_ = updater;
+  }
+  ~ScopedMark() { mark_ = saved_; }
+  ScopedMark(const ScopedMark&) = delete;
+  ScopedMark& operator=(const ScopedMark&) = delete;
+
+ private:
+  const marlo_fw_updater*& mark_;
+  const marlo_fw_updater* saved_;
+};
+
+std::string seconds_text(double seconds) { return std::to_string(seconds); }  // six fractional digits
+
+}  // namespace
+
+void marlo_fw_updater::reportDFU(const std::string& message, Callback::Status status) {
+  Callback* cb = callback.load();
+  if (cb != nullptr) cb->handleDFUResponse(message, status);
+}
+
+void marlo_fw_updater::startMarloDownloaderWithCallback(Callback* cb) {
+  callback = cb;
+  if (!glinkInterface) {
+    glink_conn_config config;
+    config.channel_name = kDfuChannel;
+    config.read_size = static_cast<uint32_t>(DFU_RX_BUFFER_SIZE);
+    glinkInterface.reset(new marlo_glink(config));
+    MARLO_LOGD("About to register callbacks with glinkInterface %p", static_cast<void*>(glinkInterface.get()));
+    glinkInterface->register_cb([this](uint8_t* data, uint32_t length) { conn_res_event_cb(data, length); },
+                                [this](glink_interface_error error) { conn_error_cb(error); });
+    bool open_failed = false;
+    {
+      ScopedMark connecting(t_connecting, this);
+      t_open_failed = false;
+      glinkInterface->connect_interface(true);
+      open_failed = t_open_failed;
+      t_open_failed = false;
+    }
+    if (open_failed) endMarloDownloader();
+  }
+  truncateFwResources();
+  parsePartitionAndSaveFw(std::string(fw_image_dir) + partition_table_file);
+}
+
+void marlo_fw_updater::marloFirmwareUpdateReq() {
+  MARLO_LOGD("### Starting Marlo Firmware Update. ###");
+  if (!checkForFlashbin()) {
+    reportDFU("AON Flash bin file is empty or not present", Callback::STATUS_ERROR);
+    return;
+  }
+  uint8_t payload[kUpdateReqPayloadLen];
+  put_le32(payload, 1);
+  put_le32(payload + 4, 0);
+  put_le32(payload + 8, 0);
+  std::memcpy(payload + 12, "IMG UPDT", 8);
+  if (send_aon_request(dfu::MG_UPDT_REQ, payload, kUpdateReqPayloadLen) < 1) return;
+  property_set(kDfuUpdateProperty, "0");
+  update_finished = false;
+  reportDFU("### Starting Marlo Firmware Update. ###", Callback::STATUS_STARTED);
+  start_time = std::time(nullptr);
+}
+
+void marlo_fw_updater::conn_res_event_cb(const uint8_t* data, uint32_t length) {
+  MARLO_LOGD("received res or event");
+  // Fields beyond the end of a short message read as zero.
+  std::array<uint8_t, DFU_RX_BUFFER_SIZE> msg{};
+  if (data != nullptr) std::memcpy(msg.data(), data, std::min<size_t>(length, msg.size()));
+  if (length > msg.size()) {
+    // No message of the protocol is longer: the channel delivers something
+    // other than DFU messages, and the session cannot go on.
+    MARLO_LOGE("received DFU message of %u bytes, more than %zu: aborting", length, msg.size());
+    std::abort();
+  }
+
+  const uint32_t command_id = get_le32(&msg[DFU_HDR_COMMAND_ID]);
+  const char* name = received_command_name(command_id);
+  if (name == nullptr) {
+    MARLO_LOGE("GLINK_int invalid cmd id");
+    reportDFU("Received INVALID CMD RESP", Callback::STATUS_ERROR);
+    return;
+  }
+  MARLO_LOGD("GLINK_int received %s ", name);
+
+  const uint32_t image_id = get_le32(&msg[DFU_REQ_IMAGE_ID]);
+  switch (command_id) {
+    case dfu::IMG_INFO_REQ:
+      if (callback.load() != nullptr) {
+        reportDFU("Time taken till from start = " + seconds_text(timeTaken()), Callback::STATUS_INFO);
+        reportDFU("Received MG_UPDT_RESP for ID: " + std::to_string(image_id), Callback::STATUS_INFO);
+      }
+      sendmarloImageInfoRes(image_id);
+      reportDFU("Updating Device firmware with ID: " + std::to_string(image_id), Callback::STATUS_INFO);
+      break;
+    case dfu::IMG_OFFSET_REQ:
+      sendmarloImageOffsetRes(image_id, get_le32(&msg[DFU_REQ_OFFSET]), get_le32(&msg[DFU_REQ_FRAGMENT_LEN]));
+      break;
+    case dfu::SESSION_END_REQ:
+      if (callback.load() != nullptr) {
+        reportDFU("Received SESSION_END_REQ", Callback::STATUS_INFO);
+        reportDFU("Time taken in sec to update Firmware = " + seconds_text(timeTaken()), Callback::STATUS_INFO);
+      }
+      sendSessionEndRes();
+      break;
+    case dfu::DFU_SPCL_OPERATION_RESP: {
+      if (callback.load() != nullptr) {
+        reportDFU("Received DFU_SPCL_OPERATION_RESP response code: " +
+                      std::to_string(get_le32(&msg[DFU_SPCL_RESP_CODE])),
+                  Callback::STATUS_INFO);
+      }
+      dfu_spcl_cmd_response response;
+      const uint8_t* record = &msg[DFU_SPCL_RESP_RECORD];
+      response.operation = get_le32(record);
+      response.response_code = get_le32(record + 4);
+      response.reserved = get_le32(record + 8);
+      response.dfu_state = get_le32(record + 12);
+      response.image_id = get_le32(record + 16);
+      response.offset = get_le32(record + 20);
+      response.fragment_len = get_le32(record + 24);
+      handleDFUSplCmdResposnse(&response);
+      break;
+    }
+    case dfu::CANCEL_UPDT_REQ:
+    case dfu::CANCEL_UPDT_RESP:
+      reportDFU(std::string("Received ") + name, Callback::STATUS_ENDED);
+      break;
+    default:  // the remaining valid ids are only reported
+      reportDFU(std::string("Received ") + name, Callback::STATUS_INFO);
+      break;
+  }
+}
+
+void marlo_fw_updater::sendmarloImageInfoRes(uint32_t image_id) {
+  MARLO_LOGD("sendmarloImageInfoRes %d", image_id);
+  const marlo_fw_resource* image = find_image(fw_resources, image_id);
+  const uint32_t size = image != nullptr ? image->size : 0;
+  uint8_t payload[12];
+  put_le32(payload, image_id);
+  put_le32(payload + 4, size);
+  put_le32(payload + 8, 0);
+  send_aon_request(dfu::IMG_INFO_RESP, payload, sizeof(payload));
+  reportDFU("Updating Image ID: " + std::to_string(image_id) + " size:" + std::to_string(size),
+            Callback::STATUS_INFO);
+}
+
+void marlo_fw_updater::sendmarloImageOffsetRes(uint32_t image_id, uint32_t offset, uint32_t fragment_len) {
+  MARLO_LOGD("sendmarloImageOffsetRes ID=%d offset=%d fragment_len=%d", image_id, offset, fragment_len);
+  const marlo_fw_resource* image = find_image(fw_resources, image_id);
+  const uint32_t size = image != nullptr ? image->size : 0;
+  // 32-bit arithmetic on purpose: the product wraps for offsets above about
+  // 42 MB, and the progress text shows the wrapped value.
+  const uint32_t percent = size != 0 ? (offset * 100u) / size : 0;
+  reportDFU("Image ID: " + std::to_string(image_id) + " flash write " + std::to_string(percent) + "% Completed...",
+            Callback::STATUS_INFO);
+
+  std::vector<uint8_t> payload;
+  append_le32(payload, image_id);
+  append_le32(payload, offset);
+  append_le32(payload, fragment_len);
+  const size_t image_len = image != nullptr ? image->data.size() : 0;
+  if (fragment_len != 0 && offset < image_len) {
+    if (fragment_len > kMaxFragmentLen) {
+      MARLO_LOGE("fragment_len %u exceeds the largest fragment %u; answering without data", fragment_len,
+                 kMaxFragmentLen);
+    } else {
+      // Served straight from the loaded image; the part past its end is
+      // zero-filled so that the message keeps the length requested.
+      const size_t copied = std::min<size_t>(fragment_len, image_len - offset);
+      payload.reserve(payload.size() + fragment_len);
+      payload.insert(payload.end(), image->data.begin() + offset, image->data.begin() + offset + copied);
+      payload.resize(DFU_OFFSET_RESP_FIXED_PAYLOAD + fragment_len, 0);
+    }
+  }
+  send_aon_request(dfu::IMG_OFFSET_RESP, payload.data(), static_cast<uint32_t>(payload.size()));
+}
+
+void marlo_fw_updater::sendSessionEndRes() {
+  MARLO_LOGD("sendSessionEndRes");
+  const uint8_t payload[12] = {};
+  if (send_aon_request(dfu::SESSION_END_RESP, payload, sizeof(payload)) >= 1) {
+    MARLO_LOGD("### Marlo Firmware Update finished. ###");
+    property_set(kDfuUpdateProperty, "1");
+    update_finished = true;
+    reportDFU("### Marlo Firmware Update finished. ###", Callback::STATUS_SUCCESS);
+  }
+  truncateFwResources();
+}
+
+int marlo_fw_updater::send_aon_request(uint32_t command_id, const uint8_t* payload, uint32_t payload_length) {
+  MARLO_LOGD("send_aon_request");
+  if (payload_length > DFU_MAX_PACKET_SIZE - DFU_HEADER_SIZE) {
+    MARLO_LOGE("payload of %u bytes does not fit in one packet", payload_length);
+    return 0;
+  }
+  std::vector<uint8_t> message(DFU_HEADER_SIZE, 0);
+  put_le32(&message[DFU_HDR_COMMAND_ID], command_id);
+  put_le32(&message[DFU_HDR_MAGIC], DFU_MAGIC);
+  put_le32(&message[DFU_HDR_TOTAL_LENGTH], payload_length + static_cast<uint32_t>(DFU_HEADER_SIZE));
+  if (payload != nullptr && payload_length != 0) message.insert(message.end(), payload, payload + payload_length);
+  const uint32_t crc = marlo::crc32(message.data(), message.size());
+  MARLO_LOGD("send_aon_request %x", crc);
+  put_le32(&message[DFU_HDR_CRC], crc);
+  if (!glinkInterface) {
+    MARLO_LOGE("glinkInterface != nullptr");
+    return 0;
+  }
+  return glinkInterface->send_request(message.data(), static_cast<unsigned int>(message.size()));
+}
+
+double marlo_fw_updater::timeTaken() {
+  const double taken = std::difftime(std::time(nullptr), start_time.load());
+  MARLO_LOGD("Time taken is %.5f seconds.", taken);
+  return taken;
+}
+
+void marlo_fw_updater::conn_error_cb(glink_interface_error error) {
+  MARLO_LOGE("conn_error_cb =%d", static_cast<int>(error));
+  if (error == GLINK_OPEN_FAILED) {
+    reportDFU("Marlo dfu channel open failed", Callback::STATUS_CHANNEL_ERROR);
+    if (t_connecting == this) {
+      t_open_failed = true;  // ended by startMarloDownloaderWithCallback once connect has returned
+      return;
+    }
+    endMarloDownloader();
+    return;
+  }
+  if (update_finished) return;
+  if (t_resuming == this) {
+    MARLO_LOGE("resume failed to send; waiting for the co-processor");
+    return;
+  }
+  ScopedMark resuming(t_resuming, this);
+  getCurrentDFUStateAndContinueDownload();
+}
+
+void marlo_fw_updater::endMarloDownloader() {
+  MARLO_LOGD("endMarloDownloader");
+  if (glinkInterface) {
+    // The reader thread answers requests from the images and sends through
+    // this pointer: stop it while the pointer still names the transport,
+    // then destroy the transport, then free the images.
+    glinkInterface->disconnect_interface();
+    glinkInterface.reset();
+  }
+  truncateFwResources();
+  try {
+    reportDFU("MarloDownloader END", Callback::STATUS_ENDED);
+  } catch (const std::runtime_error& e) {
+    MARLO_LOGE("FATAL: failed : %s", e.what());
+  }
+}
