@@ -48,6 +48,8 @@ int DeviceNode::accept_open(int timeout_ms) {
     if (fail_count_.load() > 0) {
       --fail_count_;
       status = fail_errno_.load();
+    } else if (refusal_errno_.load() != 0) {
+      status = refusal_errno_.load();
     }
     bool sent = send_packet(fd, &status, sizeof(status));
     if (sent && status == 0) return fd;
@@ -63,6 +65,22 @@ long receive_packet(int fd, void* data, size_t capacity, int timeout_ms) {
   struct pollfd entry = {fd, POLLIN, 0};
   if (::poll(&entry, 1, timeout_ms) != 1) return -1;
   return ::recv(fd, data, capacity, 0);
+}
+
+long receive_message(int fd, std::vector<uint8_t>& packet, int timeout_ms) {
+  struct pollfd entry = {fd, POLLIN, 0};
+  if (::poll(&entry, 1, timeout_ms) != 1) return -1;
+  ssize_t size = ::recv(fd, nullptr, 0, MSG_PEEK | MSG_TRUNC);
+  if (size <= 0) return size;
+  if (static_cast<size_t>(size) > kMaxPacket) {
+    ::recv(fd, nullptr, 0, MSG_TRUNC);
+    return -1;
+  }
+  packet.resize(static_cast<size_t>(size));
+  ssize_t got = ::recv(fd, packet.data(), packet.size(), 0);
+  if (got < 0) return -1;
+  packet.resize(static_cast<size_t>(got));
+  return got;
 }
 
 }  // namespace marlo::sim

@@ -4,7 +4,9 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <string>
+#include <vector>
 
 namespace marlo::sim {
 
@@ -22,6 +24,10 @@ class DeviceNode {
   // The next `count` opens fail with `err` (EBUSY for a busy device).
   void fail_opens(int count, int err);
 
+  // Every open fails with `err` until it is set back to 0 (a channel whose
+  // remote end is down).
+  void refuse_opens(int err) { refusal_errno_ = err; }
+
   // Waits up to timeout_ms for the daemon to open the node and returns the
   // connection (owned by the caller), or -1. Failed opens are answered and
   // closed here.
@@ -36,6 +42,7 @@ class DeviceNode {
   std::atomic<int> fail_count_{0};
   std::atomic<int> fail_errno_{0};
   std::atomic<int> opens_seen_{0};
+  std::atomic<int> refusal_errno_{0};
 };
 
 // Sends one packet; true when it was sent whole.
@@ -43,5 +50,13 @@ bool send_packet(int fd, const void* data, size_t length);
 // Receives one packet of at most `capacity` bytes within timeout_ms; its
 // length, 0 when the peer closed, -1 on time-out or error.
 long receive_packet(int fd, void* data, size_t capacity, int timeout_ms);
+
+// The largest packet a device node carries.
+constexpr size_t kMaxPacket = 1 << 20;
+
+// Receives one whole packet of any size up to kMaxPacket into `packet`
+// within timeout_ms; its length, 0 when the peer closed, -1 on time-out or
+// error (a larger packet is dropped and reported as -1).
+long receive_message(int fd, std::vector<uint8_t>& packet, int timeout_ms);
 
 }  // namespace marlo::sim

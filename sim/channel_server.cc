@@ -1,0 +1,109 @@
+#include "sim/channel_server.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <stdexcept>
+
+namespace marlo::sim {
+
+namespace {
+constexpr int kTickMs = 10;
+}
+
+ChannelServer::ChannelServer(std::string socket_path) : node_(std::move(socket_path)) {
+  if (::pipe2(wake_, O_CLOEXEC | O_NONBLOCK) != 0) throw std::runtime_error("pipe failed");
+}
+
+ChannelServer::~ChannelServer() {
+  stop();
+  ::close(wake_[0]);
+  ::close(wake_[1]);
+}
+
+void ChannelServer::start() {
+  if (running_.exchange(true)) return;
+  thread_ = std::thread(&ChannelServer::run, this);
+}
+
+void ChannelServer::stop() {
+  if (running_.exchange(false)) {
+    char byte = 'q';
+    ssize_t ignored = ::write(wake_[1], &byte, 1);
+    (void)ignored;
+  }
+  if (thread_.joinable()) thread_.join();
+  std::lock_guard<std::mutex> lock(connections_mutex_);
+  for (int fd : connections_) ::close(fd);
+  connections_.clear();
+}
+
+void ChannelServer::hang_up_all() {
+  std::lock_guard<std::mutex> lock(connections_mutex_);
+  for (int fd : connections_) ::shutdown(fd, SHUT_RDWR);
+}
+
+int ChannelServer::open_connections() const {
+  std::lock_guard<std::mutex> lock(connections_mutex_);
+  return static_cast<int>(connections_.size());
+}
+
+bool ChannelServer::send(int fd, const Bytes& packet) { return send_packet(fd, packet.data(), packet.size()); }
+
+void ChannelServer::hang_up(int fd) { ::shutdown(fd, SHUT_RDWR); }
+
+int ChannelServer::newest_connection() const {
+  std::lock_guard<std::mutex> lock(connections_mutex_);
+  return connections_.empty() ? -1 : connections_.back();
+}
+
+void ChannelServer::close_connection(int fd) {
+  {
+    std::lock_guard<std::mutex> lock(connections_mutex_);
+    connections_.erase(std::remove(connections_.begin(), connections_.end(), fd), connections_.end());
+  }
+  on_closed(fd);
+  ::close(fd);
+}
+
+void ChannelServer::run() {
+  Bytes packet;
+  while (running_.load()) {
+    std::vector<struct pollfd> fds;
+    fds.push_back({wake_[0], POLLIN, 0});
+    fds.push_back({node_.listen_fd(), POLLIN, 0});
+    {
+      std::lock_guard<std::mutex> lock(connections_mutex_);
+      for (int fd : connections_) fds.push_back({fd, POLLIN, 0});
+    }
+    int ready = ::poll(fds.data(), fds.size(), kTickMs);
+    if (!running_.load()) break;
+    if (ready > 0) {
+      if (fds[1].revents & POLLIN) {
+        int fd = node_.accept_open(0);
+        if (fd >= 0) {
+          {
+            std::lock_guard<std::mutex> lock(connections_mutex_);
+            connections_.push_back(fd);
+          }
+          on_open(fd);
+        }
+      }
+      for (size_t i = 2; i < fds.size(); ++i) {
+        if (fds[i].revents == 0) continue;
+        long n = receive_message(fds[i].fd, packet, 0);
+        if (n > 0) {
+          on_packet(fds[i].fd, packet);
+        } else if (n == 0 || (fds[i].revents & (POLLHUP | POLLERR))) {
+          close_connection(fds[i].fd);
+        }
+      }
+    }
+    on_tick();
+  }
+}
+
+}  // namespace marlo::sim

@@ -1,0 +1,61 @@
+// One device node served on a thread of its own: accepts the daemon's opens
+// (with the open-status handshake of DeviceNode), receives its packets and
+// hands them to the subclass, which answers on the same thread. A tick every
+// few milliseconds lets the subclass run its own timers.
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "sim/device_node.h"
+#include "sim/wire.h"
+
+namespace marlo::sim {
+
+class ChannelServer {
+ public:
+  explicit ChannelServer(std::string socket_path);
+  virtual ~ChannelServer();
+  ChannelServer(const ChannelServer&) = delete;
+  ChannelServer& operator=(const ChannelServer&) = delete;
+
+  void start();
+  // Stops the thread and closes every connection; subclasses call it first
+  // in their destructor so that no handler runs on a half-destroyed object.
+  void stop();
+
+  DeviceNode& node() { return node_; }
+  // Hangs up every open connection (the remote end went down); safe from
+  // any thread. The daemon sees POLLHUP, then reads of 0.
+  void hang_up_all();
+  int open_connections() const;
+
+ protected:
+  virtual void on_open(int /*fd*/) {}
+  virtual void on_packet(int fd, const Bytes& packet) = 0;
+  virtual void on_closed(int /*fd*/) {}
+  virtual void on_tick() {}
+
+  // Loop thread only.
+  bool send(int fd, const Bytes& packet);
+  void hang_up(int fd);
+  // The most recently opened connection still open, or -1.
+  int newest_connection() const;
+
+ private:
+  void run();
+  void close_connection(int fd);
+
+  DeviceNode node_;
+  int wake_[2] = {-1, -1};
+  std::atomic<bool> running_{false};
+  std::thread thread_;
+  mutable std::mutex connections_mutex_;
+  std::vector<int> connections_;  // in order of opening
+};
+
+}  // namespace marlo::sim

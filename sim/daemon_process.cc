@@ -1,0 +1,93 @@
+#include "sim/daemon_process.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <vector>
+
+extern char** environ;
+
+namespace marlo::sim {
+
+bool DaemonProcess::start(std::string* error) {
+  if (::access(settings_.executable.c_str(), X_OK) != 0) {
+    *error = settings_.executable + " is not an executable (build it with: cmake --build build --target marlod)";
+    return false;
+  }
+  std::vector<std::string> env;
+  for (char** e = environ; *e != nullptr; ++e) {
+    std::string entry = *e;
+    if (entry.rfind("MARLO_ROOT=", 0) == 0 || entry.rfind("MARLO_LOG_FILE=", 0) == 0 ||
+        entry.rfind("MARLO_TIME_SCALE=", 0) == 0) {
+      continue;
+    }
+    env.push_back(entry);
+  }
+  env.push_back("MARLO_ROOT=" + settings_.root);
+  if (!settings_.log_file.empty()) env.push_back("MARLO_LOG_FILE=" + settings_.log_file);
+  env.push_back("MARLO_TIME_SCALE=" + std::to_string(settings_.time_scale));
+  std::vector<char*> envp;
+  for (std::string& entry : env) envp.push_back(entry.data());
+  envp.push_back(nullptr);
+  std::string program = settings_.executable;
+  char* argv[] = {program.data(), nullptr};
+
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  std::string out = settings_.stderr_file.empty() ? "/dev/null" : settings_.stderr_file;
+  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, out.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, out.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+  int rc = posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv, envp.data());
+  posix_spawn_file_actions_destroy(&actions);
+  if (rc != 0) {
+    pid_ = -1;
+    *error = "cannot start " + program + ": " + std::strerror(rc);
+    return false;
+  }
+  return true;
+}
+
+void DaemonProcess::kill() {
+  if (pid_ <= 0) return;
+  ::kill(pid_, SIGKILL);
+  int status;
+  while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+  }
+  pid_ = -1;
+}
+
+bool DaemonProcess::alive(int* status) {
+  if (pid_ <= 0) return false;
+  int st = 0;
+  pid_t r = ::waitpid(pid_, &st, WNOHANG);
+  if (r == 0) return true;
+  if (status != nullptr) *status = st;
+  pid_ = -1;
+  return false;
+}
+
+std::string default_marlod_path() {
+  std::error_code ec;
+  std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", ec);
+  if (ec) return "marlod";
+  return (self.parent_path() / "marlod").string();
+}
+
+bool log_contains(const std::string& log_file, const std::string& text) {
+  std::ifstream in(log_file);
+  std::string line;
+  while (std::getline(in, line)) {
+    if (line.find(text) != std::string::npos) return true;
+  }
+  return false;
+}
+
+}  // namespace marlo::sim

@@ -1,0 +1,45 @@
+// marlod as a child process of the virtual device: started with MARLO_ROOT,
+// MARLO_LOG_FILE and MARLO_TIME_SCALE, its standard error kept in a file.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+
+namespace marlo::sim {
+
+struct DaemonSettings {
+  std::string executable;
+  std::string root;
+  std::string log_file;     // MARLO_LOG_FILE
+  std::string stderr_file;  // where its stderr goes
+  double time_scale = 1.0;
+};
+
+class DaemonProcess {
+ public:
+  explicit DaemonProcess(DaemonSettings settings) : settings_(std::move(settings)) {}
+  ~DaemonProcess() { kill(); }
+  DaemonProcess(const DaemonProcess&) = delete;
+  DaemonProcess& operator=(const DaemonProcess&) = delete;
+
+  // False (with `error` set) when it could not be started.
+  bool start(std::string* error);
+  // SIGKILL, then reaps it.
+  void kill();
+  // True while the process has not ended; `status` gets its wait status.
+  bool alive(int* status = nullptr);
+  pid_t pid() const { return pid_; }
+
+ private:
+  DaemonSettings settings_;
+  pid_t pid_ = -1;
+};
+
+// The path of marlod next to this program's executable.
+std::string default_marlod_path();
+
+// Whether the JSON log file has an entry whose text contains `text`.
+bool log_contains(const std::string& log_file, const std::string& text);
+
+}  // namespace marlo::sim
