@@ -1,0 +1,106 @@
+#include "e2e_fixture.h"
+
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "sim/device_root.h"
+#include "sim/flash_check.h"
+
+namespace marlo::e2e {
+
+namespace {
+// Keeps the daemon's fixed waits (1 s per boot attempt, 2 s after misc data)
+// at a few milliseconds.
+constexpr double kTimeScale = 0.01;
+}
+
+void E2e::SetUp() {
+  root_ = sim::make_temp_root("marlo-e2e");
+  shipped_ = sim::VirtualDevice::build_sample_root(root_);
+}
+
+void E2e::TearDown() {
+  daemon_.reset();
+  device_.reset();
+  if (HasFailure()) {
+    std::fprintf(stderr, "device root kept for inspection: %s\n", root_.c_str());
+    return;
+  }
+  std::error_code ignored;
+  std::filesystem::remove_all(root_, ignored);
+}
+
+void E2e::start_device(sim::DeviceOptions options) {
+  device_ = std::make_unique<sim::VirtualDevice>(root_, std::move(options));
+}
+
+void E2e::start_daemon() {
+  const char* build = std::getenv("MARLO_BUILD_DIR");
+  std::string marlod = std::string(build ? build : ".") + "/marlod";
+  ASSERT_EQ(::access(marlod.c_str(), X_OK), 0) << marlod << " is not built";
+  ++starts_;
+  log_file_ = root_ + "/sim/marlod-" + std::to_string(starts_) + ".log";
+  sim::DaemonSettings settings{marlod, root_, log_file_, root_ + "/sim/marlod-" + std::to_string(starts_) + ".stderr",
+                               kTimeScale};
+  daemon_ = std::make_unique<sim::DaemonProcess>(settings);
+  std::string error;
+  ASSERT_TRUE(daemon_->start(&error)) << error;
+}
+
+bool E2e::wait_for(const std::function<bool()>& condition, int timeout_ms) {
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+  while (std::chrono::steady_clock::now() < deadline) {
+    if (condition()) return true;
+    if (daemon_ && !daemon_->alive()) {
+      ADD_FAILURE() << "marlod ended; its log is in " << log_file_;
+      return condition();
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return condition();
+}
+
+int E2e::log_count(const std::string& text) const {
+  std::ifstream in(log_file_);
+  std::string line;
+  int count = 0;
+  while (std::getline(in, line)) count += line.find(text) != std::string::npos;
+  return count;
+}
+
+std::string E2e::property(const std::string& name) const { return sim::get_property(root_, name, "<unset>"); }
+
+void E2e::set_property(const std::string& name, const std::string& value) const {
+  sim::set_property(root_, name, value);
+}
+
+int E2e::request_index(const std::string& name, uint32_t value, size_t from) const {
+  std::vector<sim::ControlRequest> requests = device_->driver().requests();
+  for (size_t i = from; i < requests.size(); ++i) {
+    if (requests[i].name() == name && requests[i].value == value) return static_cast<int>(i);
+  }
+  return -1;
+}
+
+bool E2e::update_finished() const {
+  if (device_->dfu().status().sessions_completed < 1) return false;
+  int to_flash = request_index("SET_BOOT_MODE", sim::kBootModeFlash);
+  return to_flash >= 0 && request_index("BOOT_STATUS", 1, static_cast<size_t>(to_flash)) >= 0;
+}
+
+void E2e::expect_flash_holds_shipped_firmware() const {
+  std::vector<std::string> problems =
+      sim::verify_flash(device_->flash(), shipped_, sim::expected_platform_block(sim::RootOptions{}));
+  EXPECT_TRUE(problems.empty()) << problems.front();
+  std::optional<sim::FirmwareManifest> running = device_->coprocessor().running_firmware();
+  ASSERT_TRUE(running.has_value()) << "the co-processor is not running";
+  EXPECT_EQ(running->apps, shipped_.versions.apps);
+  EXPECT_EQ(device_->coprocessor().boot_mode(), sim::kBootModeFlash);
+}
+
+}  // namespace marlo::e2e

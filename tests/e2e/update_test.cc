@@ -1,0 +1,92 @@
+// The main job: a co-processor running older firmware from its flash is
+// updated by the daemon, and the next boot finds the versions matched.
+#include <thread>
+
+#include "e2e_fixture.h"
+#include "sim/device_root.h"
+
+namespace marlo::e2e {
+namespace {
+
+TEST_F(E2e, VersionMismatchUpdatesFlashAndNextBootMatches) {
+  set_property("persist.vendor.zt_aon.dfu_update", "1");
+  start_device({});
+  start_daemon();
+  ASSERT_TRUE(wait_for([&] { return update_finished(); })) << "update did not finish";
+  expect_flash_holds_shipped_firmware();
+  EXPECT_EQ(property("persist.vendor.zt_aon.dfu_update"), "1");
+  EXPECT_EQ(property("vendor.marlo.boot_complete"), "1");
+  EXPECT_EQ(log_count("crm_build_number MIS-MATHCHED"), 1);
+  // Two erasable partitions erased, then the download; HOST before it,
+  // FLASH after it.
+  sim::DfuStatus dfu = device_->dfu().status();
+  ASSERT_EQ(dfu.erases.size(), 2u);
+  EXPECT_EQ(dfu.erases[0], std::make_pair(0x200000u, 65536u));
+  EXPECT_EQ(dfu.crc_errors + dfu.protocol_errors, 0);
+  int to_host = request_index("SET_BOOT_MODE", sim::kBootModeHost);
+  ASSERT_GE(to_host, 0);
+  EXPECT_LT(to_host, request_index("SET_BOOT_MODE", sim::kBootModeFlash));
+  EXPECT_FALSE(device_->driver().spi_busy());
+  EXPECT_NE(sim::read_text(root_ + "/sys/power/wake_lock").find(std::string("MARLODAEMON_WAKEUP\0", 19)),
+            std::string::npos);
+
+  // Reboot: the daemon boots the new firmware from flash and leaves it.
+  stop_daemon();
+  device_->power_cycle();
+  size_t before = device_->driver().requests().size();
+  start_daemon();
+  ASSERT_TRUE(wait_for([&] {
+    return log_count("Marlo firmware versions are MATHCHED") == 1 &&
+           request_index("BOOT_STATUS", 1, before) >= 0;
+  }));
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  EXPECT_EQ(device_->dfu().status().sessions_started, 1) << "no second download";
+  EXPECT_EQ(request_index("SET_BOOT_MODE", sim::kBootModeHost, before), -1);
+  EXPECT_TRUE(device_->coprocessor().running());
+}
+
+TEST_F(E2e, DroppedChannelResumesFromReportedStateAndFlashIsExact) {
+  set_property("persist.vendor.zt_aon.dfu_update", "1");
+  sim::DeviceOptions options;
+  options.dfu.fragment_size = 2048;
+  start_device(options);
+  device_->drop_dfu_after(7);
+  start_daemon();
+  ASSERT_TRUE(wait_for([&] { return update_finished(); }));
+  sim::DfuStatus dfu = device_->dfu().status();
+  EXPECT_EQ(dfu.drops, 1);
+  EXPECT_EQ(dfu.state_queries, 2) << "one after the erases, one to resume";
+  EXPECT_EQ(dfu.sessions_started, 1) << "resumed, not restarted";
+  EXPECT_EQ(dfu.resends, 0);
+  EXPECT_EQ(log_count("Current Marlo DFU state = OFFSET_REQ"), 1);
+  expect_flash_holds_shipped_firmware();
+}
+
+TEST_F(E2e, DaemonKilledMidDownloadCompletesOnNextStart) {
+  set_property("persist.vendor.zt_aon.dfu_update", "1");
+  sim::DeviceOptions options;
+  options.dfu.write_delay_ms = 10;
+  start_device(options);
+  start_daemon();
+  ASSERT_TRUE(wait_for([&] { return device_->dfu().status().fragments >= 5; }));
+  stop_daemon();
+  EXPECT_EQ(property("persist.vendor.zt_aon.dfu_update"), "0") << "set when the image update starts";
+  EXPECT_TRUE(device_->flash().has_partial_images());
+  EXPECT_FALSE(device_->flash().bootable_manifest().has_value());
+
+  // The device reboots in FLASH mode; the unfinished update is taken up.
+  device_->power_cycle();
+  device_->dfu().set_config([] {
+    sim::DfuConfig fast;
+    fast.image_ids = sim::make_firmware_set(sim::shipped_versions()).image_ids();
+    return fast;
+  }());
+  start_daemon();
+  ASSERT_TRUE(wait_for([&] { return update_finished(); }));
+  EXPECT_EQ(log_count("zt_aon.dfu_update is 0, do fW_update"), 1);
+  EXPECT_EQ(device_->dfu().status().sessions_started, 2);
+  expect_flash_holds_shipped_firmware();
+}
+
+}  // namespace
+}  // namespace marlo::e2e
