@@ -288,6 +288,8 @@ void marlo_fw_updater::sendSessionEndRes() {
 
 int marlo_fw_updater::send_aon_request(uint32_t command_id, const uint8_t* payload, uint32_t payload_length) {
   MARLO_LOGD("send_aon_request");
+  // A message is one packet; a larger one could not be delivered, and its
+  // total length would not fit the 32-bit header word.
   if (payload_length > DFU_MAX_PACKET_SIZE - DFU_HEADER_SIZE) {
     MARLO_LOGE("payload of %u bytes does not fit in one packet", payload_length);
     return 0;
