@@ -11,7 +11,7 @@ namespace marlo::sim {
 struct DemoOptions {
   std::string marlod;        // path of the daemon
   double time_scale = 0.05;  // MARLO_TIME_SCALE for the daemon
-  int write_delay_ms = 12;   // flash time per fragment, so the bar can be followed
+  int write_delay_ms = 25;   // flash time per fragment, so the bar can be followed
   bool keep_root = false;
 };
 

@@ -79,10 +79,10 @@ void E2e::set_property(const std::string& name, const std::string& value) const 
   sim::set_property(root_, name, value);
 }
 
-int E2e::request_index(const std::string& name, uint32_t value, size_t from) const {
+int E2e::request_index(const std::string& name, long value, size_t from) const {
   std::vector<sim::ControlRequest> requests = device_->driver().requests();
   for (size_t i = from; i < requests.size(); ++i) {
-    if (requests[i].name() == name && requests[i].value == value) return static_cast<int>(i);
+    if (requests[i].name() == name && (value < 0 || requests[i].value == value)) return static_cast<int>(i);
   }
   return -1;
 }

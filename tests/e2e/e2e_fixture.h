@@ -31,9 +31,9 @@ class E2e : public ::testing::Test {
   // True once a download has been committed and the daemon has switched the
   // co-processor back to FLASH mode and reported boot status 1.
   bool update_finished() const;
-  // Index of the first recorded request named `name` with `value`, from
-  // `from` on; -1 when none.
-  int request_index(const std::string& name, uint32_t value, size_t from = 0) const;
+  // Index of the first recorded request named `name` with `value` (any
+  // value when negative), from `from` on; -1 when none.
+  int request_index(const std::string& name, long value, size_t from = 0) const;
   void expect_flash_holds_shipped_firmware() const;
 
   std::string root_;
