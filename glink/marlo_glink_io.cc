@@ -80,17 +80,15 @@ unsigned int marlo_glink::get_size_from_header(int bytes_received, std::vector<u
   return size;
 }
 
-// Waits for the rest of a packet whose header announced more than has
-// arrived: 0 when more can be read; a negative error when the wait timed out
-// or a stop of the reader was requested through the wake-up pipe, which is
-// left for the reader to see.
+// Waits, at most the poll time-out, for the rest of a packet whose header
+// announced more than has arrived: 0 when more can be read, a negative error
+// when the channel hung up or nothing came.
 int marlo_glink::wait_for_rest_of_packet(int fd) {
-  struct pollfd fds[2] = {{fd, POLLIN, 0}, {_wakeup_pipe[0], POLLIN, 0}};
-  const int ready = platform::poll(fds, 2, static_cast<int>(_poll_timeout_s * 1000));
+  struct pollfd entry = {fd, POLLIN, 0};
+  const int ready = platform::poll(&entry, 1, static_cast<int>(_poll_timeout_s * 1000));
   if (ready < 0) return -errno;
-  if (fds[1].revents & POLLIN) return -ECANCELED;
-  if (!(fds[0].revents & POLLIN)) return -ETIMEDOUT;
-  return 0;
+  if (entry.revents & POLLIN) return 0;
+  return (entry.revents & POLLHUP) ? -EPIPE : -ETIMEDOUT;
 }
 
 int marlo_glink::glink_read(int fd, std::vector<uint8_t>& buffer, unsigned int len) {

@@ -1,0 +1,131 @@
+// Opening, reopening after a hang-up, closing and request I/O of the
+// transport against a virtual packet channel.
+#include <cerrno>
+#include <future>
+
+#include "glink_channel_fixture.h"
+#include "platform/host_testing.h"
+
+namespace marlo::test {
+namespace {
+
+using Connection = GlinkChannelTest;
+using platform::host::FaultOp;
+
+TEST_F(Connection, HangUpReopensTheChannelAndTheReaderGoesOn) {
+  ASSERT_EQ(connect("glink_pkt_marlo_rma", 40), 0);
+  int old_peer = peer_;
+  std::thread device([this] { peer_ = node_->accept_open(2000); });
+  ::close(old_peer);
+  device.join();
+  ASSERT_GE(peer_, 0);
+  EXPECT_EQ(errors(1), std::vector<glink_interface_error>{GLINK_SSR});
+  Bytes packet = framed(16, 4, 16);
+  send(packet);
+  ASSERT_EQ(packets(1).size(), 1u);
+
+  // A hang-up whose reopen fails: reported all the same, sends refused
+  // until the user connects again.
+  node_.reset();
+  ::close(peer_);
+  peer_ = -1;
+  EXPECT_EQ(errors(2).size(), 2u);
+  unsigned char request[4] = {1, 2, 3, 4};
+  EXPECT_EQ(glink_->send_request(request, sizeof(request)), -1);
+  EXPECT_TRUE(log_.contains("is reconnecting, cannot send request"));
+  EXPECT_FALSE(log_.contains("GLINK thread exit"));
+  node_ = std::make_unique<sim::DeviceNode>(root_.at("/dev/glink_pkt_marlo_rma"));
+  ASSERT_EQ(connect_again(), 0);
+  send(packet);
+  auto got = packets(2);
+  ASSERT_EQ(got.size(), 2u);
+  EXPECT_EQ(got[1], packet);
+  EXPECT_EQ(errors(0), (std::vector<glink_interface_error>{GLINK_SSR, GLINK_SSR}));
+}
+
+TEST_F(Connection, SecondConnectIsRefusedWithoutACallback) {
+  ASSERT_EQ(connect("glink_pkt_marlo_dfu", 44), 0);
+  EXPECT_EQ(glink_->connect_interface(true), -1);
+  EXPECT_TRUE(log_.contains("GLINK_int channel is already opened"));
+  EXPECT_TRUE(errors(0).empty());
+  EXPECT_EQ(glink_->trigger_event_cb([](uint8_t*, uint32_t) {}), -1);
+}
+
+TEST_F(Connection, MissingNodeFailsAfterThreeAttemptsAndTheCallbackMayDeleteTheTransport) {
+  glink_interface* transport = new marlo_glink(glink_conn_config{"glink_pkt_marlo_dfu", 44});
+  std::vector<glink_interface_error> reported;
+  transport->register_cb([](uint8_t*, uint32_t) {},
+                         [&](glink_interface_error error) {
+                           reported.push_back(error);
+                           delete transport;
+                         });
+  EXPECT_EQ(transport->connect_interface(true), -1);
+  EXPECT_EQ(reported, std::vector<glink_interface_error>{GLINK_OPEN_FAILED});
+  EXPECT_EQ(log_.count("GLINK_int about to open glink channel on dev node = /dev/glink_pkt_marlo_dfu"), 3);
+  EXPECT_EQ(log_.count("failed with errno = 2"), 3);
+}
+
+TEST_F(Connection, DisconnectAndDestructionJoinTheReader) {
+  ASSERT_EQ(connect("glink_pkt_marlo_dfu", 44), 0);
+  glink_->disconnect_interface();
+  EXPECT_EQ(log_.count("GLINK thread exit"), 1);
+  char byte;
+  EXPECT_EQ(sim::receive_packet(peer_, &byte, 1, 2000), 0) << "the channel is closed";
+  unsigned char request[2] = {0, 1};
+  EXPECT_EQ(glink_->send_request(request, sizeof(request)), 0) << "nothing to write to";
+  ::close(peer_);
+  ASSERT_EQ(connect_again(), 0);
+  glink_.reset();
+  EXPECT_EQ(log_.count("GLINK thread exit"), 2);
+}
+
+TEST_F(Connection, DestructionFromTheDataCallbackDetachesTheReader) {
+  ASSERT_EQ(connect("glink_pkt_marlo_dfu", 44), 0);
+  marlo_glink* transport = glink_.release();
+  transport->register_cb([transport](uint8_t*, uint32_t) { delete transport; }, {});
+  send(framed(20, 8, 20));
+  EXPECT_TRUE(wait_log("disconnect on the reader thread, detaching it"));
+  EXPECT_TRUE(wait_log("GLINK_int triggered event callback, got value 0"));
+}
+
+TEST_F(Connection, PacketArrivingWhileClosingIsDropped) {
+  ASSERT_EQ(connect("glink_pkt_marlo_dfu", 44), 0);
+  Bytes packet = framed(100, 8, 100);
+  send(Bytes(packet.begin(), packet.begin() + 30));
+  ASSERT_TRUE(wait_log("GLINK_int pkt size to be read = 100"));
+  std::thread closer([this] { glink_.reset(); });
+  ASSERT_TRUE(wait_log("glink_disconnect"));
+  send(Bytes(packet.begin() + 30, packet.end()));
+  closer.join();
+  EXPECT_TRUE(log_.contains("indication is coming while connection is being closed"));
+  EXPECT_TRUE(packets(0).empty());
+}
+
+TEST_F(Connection, BusyWritesAreRetriedAHundredTimes) {
+  ASSERT_EQ(connect("glink_pkt_marlo_dfu", 44), 0);
+  unsigned char request[10] = {9, 8, 7, 6, 5, 4, 3, 2, 1, 0};
+  platform::host::inject_fault(channel_fd_, FaultOp::Write, EBUSY, 99);
+  EXPECT_EQ(glink_->send_request(request, sizeof(request)), 10);
+  unsigned char seen[16];
+  ASSERT_EQ(sim::receive_packet(peer_, seen, sizeof(seen), 2000), 10);
+  EXPECT_EQ(0, std::memcmp(seen, request, sizeof(request)));
+  EXPECT_TRUE(errors(0).empty());
+  platform::host::inject_fault(channel_fd_, FaultOp::Write, EBUSY, 100);
+  EXPECT_EQ(glink_->send_request(request, sizeof(request)), -EBUSY);
+  EXPECT_EQ(errors(1), std::vector<glink_interface_error>{GLINK_IO_ERROR});
+}
+
+TEST_F(Connection, ReadResponseReadsExactlyTheAskedBytes) {
+  ASSERT_EQ(connect("glink_pkt_marlo_custom_data", 44, false), 0);
+  send(Bytes{'a', 'b', 'c', 'd', 'e', 'f'});
+  unsigned char buf[6] = {};
+  ASSERT_EQ(glink_->read_response(buf, 4), 0);
+  ASSERT_EQ(glink_->read_response(buf + 4, 2), 0);
+  EXPECT_EQ(std::string(reinterpret_cast<char*>(buf), 6), "abcdef");
+  ::close(peer_);
+  peer_ = -1;
+  EXPECT_EQ(glink_->read_response(buf, 4), -1) << "a closed channel is not read for ever";
+}
+
+}  // namespace
+}  // namespace marlo::test
