@@ -41,26 +41,6 @@ unsigned long long address_of(const void* object) {
   return static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(object));
 }
 
-// Holds one wakelock reference for its lifetime (none when there is no lock).
-class wakelock_reference {
- public:
-  explicit wakelock_reference(client_wakelock* lock) : lock_(lock) {
-    if (lock_ == nullptr) return;
-    MARLO_LOGD("acquiring wakelock");
-    lock_->get_n_locks(1);
-  }
-  ~wakelock_reference() {
-    if (lock_ == nullptr) return;
-    MARLO_LOGD("releasing wakelock");
-    lock_->put_n_locks(1);
-  }
-  wakelock_reference(const wakelock_reference&) = delete;
-  wakelock_reference& operator=(const wakelock_reference&) = delete;
-
- private:
-  client_wakelock* lock_;
-};
-
 }  // namespace
 
 unsigned int marlo_glink::get_size_from_header(int bytes_received, std::vector<uint8_t>& buffer) {
@@ -161,28 +141,33 @@ int marlo_glink::glink_write(int fd, unsigned char* buf, unsigned int len) {
     MARLO_LOGE("GLINK_int conn = 0x%llx write is not permitted as_s_chnl_fd is -1", address_of(this));
     return 0;
   }
-  wakelock_reference awake(_wakelock);
+  if (_wakelock != nullptr) {
+    MARLO_LOGD("acquiring wakelock");
+    _wakelock->get_n_locks(1);
+  }
   const unsigned char* next = buf;
   unsigned int remaining = len;
   int written_total = 0;
   int retries = 0;
-  ssize_t result = 0;
+  int result = 0;  // the last write's count, or the negated errno that ended the write
   while (remaining > 0) {
-    result = platform::write(fd, next, remaining);
-    if (result > 0) {
-      MARLO_LOGD("GLINK_int conn = 0x%llx partial bytes written= %d", address_of(this), static_cast<int>(result));
-      next += result;
-      written_total += static_cast<int>(result);
-      remaining -= static_cast<unsigned int>(result);
+    const ssize_t n = platform::write(fd, next, remaining);
+    if (n >= 0) {
+      result = static_cast<int>(n);
+      if (n == 0) break;
+      MARLO_LOGD("GLINK_int conn = 0x%llx partial bytes written= %d", address_of(this), result);
+      next += n;
+      written_total += result;
+      remaining -= static_cast<unsigned int>(n);
       continue;
     }
-    if (result == 0) break;
     const int err = errno;
+    result = -err;
     if (err != EBUSY && err != EAGAIN) {
       ++g_glink_err_cnt;
       MARLO_LOGE("GLINK_int conn = 0x%llx write has failed with errno = %d & g_glink_err_cnt = %d", address_of(this),
                  err, g_glink_err_cnt.load());
-      return -err;
+      break;
     }
     MARLO_LOGE("GLINK conn = 0x%llx write failed with errno = %d", address_of(this), err);
     if (++retries >= MAX_GLINK_WRITE_RETRIES) {
@@ -190,13 +175,20 @@ int marlo_glink::glink_write(int fd, unsigned char* buf, unsigned int len) {
       MARLO_LOGE(
           "GLINK_int conn = 0x%llx write MAX_GLINK_WRITE_RETRIES = %d has finished on fd = %d & g_glink_err_cnt = %d",
           address_of(this), MAX_GLINK_WRITE_RETRIES, fd, g_glink_err_cnt.load());
-      return -err;
+      break;
     }
     platform::usleep(kWriteRetryDelayUs);
   }
   lock.unlock();
-  MARLO_LOGI("GLINK_int conn = 0x%llx complete bytes written= %d retries %d", address_of(this), written_total, retries);
-  return static_cast<int>(result);
+  if (result >= 0) {
+    MARLO_LOGI("GLINK_int conn = 0x%llx complete bytes written= %d retries %d", address_of(this), written_total,
+               retries);
+  }
+  if (_wakelock != nullptr) {
+    MARLO_LOGD("releasing wakelock");
+    _wakelock->put_n_locks(1);
+  }
+  return result;
 }
 
 int marlo_glink::send_request(unsigned char* buf, unsigned int len) {
@@ -230,27 +222,33 @@ int marlo_glink::glink_poll(int fd) {
 int marlo_glink::read_response(unsigned char* buf, unsigned int len) {
   const int fd = _s_chnl_fd;
   if (fd < 0) return -1;
-  wakelock_reference awake(_wakelock);
-  if (glink_poll(fd) != 0) return -1;
+  if (_wakelock != nullptr) {
+    MARLO_LOGD("acquiring wakelock");
+    _wakelock->get_n_locks(1);
+  }
+  int result = glink_poll(fd) == 0 ? 0 : -1;
   // An EAGAIN's -1 is counted into `received` as an unsigned value: on the
   // first read it wraps to the largest count and ends the read as done.
   unsigned int received = 0;
-  while (received < len) {
+  while (result == 0 && received < len) {
     const ssize_t got = platform::read(fd, buf + received, len - received);
     if (got < 0 && errno != EAGAIN) {
       MARLO_LOGE("%s: Read error: %s, rc %d", "read_response", strerror(errno), static_cast<int>(got));
-      return -1;
-    }
-    if (got == 0) {
+      result = -1;
+    } else if (got == 0) {
       MARLO_LOGE("%s: Zero length packet received or hardware connection went off", "read_response");
-      // Go on only if something is still to come; a closed channel stays
-      // readable with 0 for ever.
-      if (glink_poll(fd) != 0) return -1;
-      continue;
+      // Go on only if something is still to come: a closed channel reads 0
+      // for ever.
+      if (glink_poll(fd) != 0) result = -1;
+    } else {
+      received += static_cast<unsigned int>(got);
     }
-    received += static_cast<unsigned int>(got);
   }
-  return 0;
+  if (_wakelock != nullptr) {
+    MARLO_LOGD("releasing wakelock");
+    _wakelock->put_n_locks(1);
+  }
+  return result;
 }
 
 void marlo_glink::glink_response_handler(std::vector<uint8_t> packet) {
@@ -269,15 +267,24 @@ void marlo_glink::glink_response_handler(std::vector<uint8_t> packet) {
   }
   if (length > 0) std::memcpy(copy.get(), packet.data(), length);
   _ind_buf = copy.get();
-  // Locals only from here on: the data callback may delete this object.
-  std::shared_ptr<reader_life> life = _reader_life;
-  wakelock_reference awake(_wakelock);
+  // Locals only after the callback: it may delete this object.
+  const std::shared_ptr<reader_life> life = _reader_life;
+  client_wakelock* const wakelock = _wakelock;
+  if (wakelock != nullptr) {
+    MARLO_LOGD("acquiring wakelock");
+    wakelock->get_n_locks(1);
+  }
   glink_data_cb data_cb = data_callback();
   if (data_cb) {
     const int result = trigger_event_cb(data_cb);
     MARLO_LOGV("GLINK_int triggered event callback, got value %d", result);
   }
-  if (life && life->stop) return;
-  _ind_buf = nullptr;
-  _ind_buf_len = 0;
+  if (!life || !life->stop) {
+    _ind_buf = nullptr;
+    _ind_buf_len = 0;
+  }
+  if (wakelock != nullptr) {
+    MARLO_LOGD("releasing wakelock");
+    wakelock->put_n_locks(1);
+  }
 }

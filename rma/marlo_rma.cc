@@ -1,0 +1,289 @@
+#include "rma/marlo_rma.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+#include "common/crc32.h"
+#include "daemon/marlo_deamon_log.h"
+#include "glink/marlo_glink.h"
+#include "platform/os.h"
+
+namespace {
+
+const char* const kPartitionDir = "/data/vendor/aon/";
+constexpr uint32_t kReadSize = 40;
+
+enum rma_command : uint32_t {
+  RMA_CONNECT = 0,
+  RMA_CONNECT_RESP = 1,
+  RMA_DISCONNECT = 2,
+  RMA_DISCONNECT_RESP = 3,
+  RMA_DATA_READ = 256,
+  RMA_DATA_READ_RESP = 257,
+  RMA_DATA_WRITE = 512,
+  RMA_DATA_WRITE_RESP = 513,
+};
+
+constexpr size_t kHeaderSize = 12;
+constexpr size_t kCrcStart = 4;
+constexpr size_t kConnectSize = 40;
+// Request fields, as offsets from the start of the message.
+constexpr size_t kCommandOffset = 8;
+constexpr size_t kRequestWordOffset = 12;
+constexpr size_t kMemoryIdOffset = 16;
+constexpr size_t kSecondIdOffset = 20;  // CONNECT; DATA_READ/DATA_WRITE: offset in the file
+constexpr size_t kSizeOffset = 24;      // CONNECT: partition size; DATA_*: block size
+constexpr size_t kBlockOffset = 32;     // DATA_WRITE: the block
+constexpr size_t kClientPrivOffset = 36;
+// Fixed values of the CONNECT response.
+constexpr uint32_t kConnectVersion = 3;
+constexpr uint32_t kConnectBlockSize = 4096;
+constexpr uint32_t kWriteDone = 0;
+constexpr uint32_t kWriteFailed = 1;
+
+// A 32-bit little-endian field of a request. A message too short to hold the
+// field reads it as 0, so a short request is served with zero fields rather
+// than with bytes that never arrived.
+uint32_t field(const std::vector<uint8_t>& message, size_t offset) {
+  uint32_t value = 0;
+  if (message.size() >= offset + sizeof(value)) std::memcpy(&value, message.data() + offset, sizeof(value));
+  return value;
+}
+
+std::vector<uint8_t> words(std::initializer_list<uint32_t> values) {
+  std::vector<uint8_t> out(values.size() * sizeof(uint32_t));
+  size_t at = 0;
+  for (uint32_t value : values) {
+    std::memcpy(out.data() + at, &value, sizeof(value));
+    at += sizeof(value);
+  }
+  return out;
+}
+
+// Closes a descriptor of a backing file when it goes out of scope.
+struct file_descriptor {
+  explicit file_descriptor(int value) : fd(value) {}
+  ~file_descriptor() {
+    if (fd >= 0) platform::close(fd);
+  }
+  file_descriptor(const file_descriptor&) = delete;
+  file_descriptor& operator=(const file_descriptor&) = delete;
+  int fd;
+};
+
+// Writes all of `length` bytes; false when the file system refused.
+bool write_all(int fd, const uint8_t* data, uint64_t length) {
+  while (length > 0) {
+    ssize_t n = platform::write(fd, data, static_cast<size_t>(std::min<uint64_t>(length, 1u << 20)));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    data += n;
+    length -= static_cast<uint64_t>(n);
+  }
+  return true;
+}
+
+// Fills a new backing file with `size` zero bytes and puts them on stable
+// storage, in bounded chunks whatever the partition size.
+bool fill_with_zeros(int fd, uint64_t size) {
+  static const uint8_t kZeros[64 * 1024] = {};
+  while (size > 0) {
+    uint64_t chunk = std::min<uint64_t>(size, sizeof(kZeros));
+    if (!write_all(fd, kZeros, chunk)) return false;
+    size -= chunk;
+  }
+  // The file's contents are on a regular file system: fdatasync on the
+  // descriptor itself.
+  return ::fdatasync(fd) == 0;
+}
+
+}  // namespace
+
+marlo_rma::~marlo_rma() { delete glinkInterface.exchange(nullptr); }
+
+void marlo_rma::startMarloRmaConnection() {
+  MARLO_LOGD("%s: called\n", "startMarloRmaConnection");
+  glink_conn_config config;
+  config.channel_name = "glink_pkt_marlo_rma";
+  config.read_size = kReadSize;
+  MARLO_LOGE("About to register callbacks with glinkInterface %p", static_cast<void*>(glinkInterface.load()));
+  // The transport of an earlier power-up is released first: its reader,
+  // still serving a reopened channel, would answer requests beside the new
+  // one. Its destructor waits for that reader.
+  delete glinkInterface.exchange(nullptr);
+  glink_interface* transport = new marlo_glink(config);
+  glinkInterface = transport;
+  MARLO_LOGD("About to register callbacks with glinkInterface %p", static_cast<void*>(transport));
+  transport->register_cb([this](uint8_t* data, uint32_t length) { rma_conn_res_event_cb(data, length); },
+                         [this](glink_interface_error error) { rma_conn_error_cb(error); });
+  // A failed open reports GLINK_OPEN_FAILED from inside the call, which
+  // deletes the transport: it is not touched afterwards.
+  transport->connect_interface(true);
+}
+
+void marlo_rma::rma_conn_error_cb(glink_interface_error error) {
+  MARLO_LOGE("conn_error_cb =%d", error);
+  if (error == GLINK_OPEN_FAILED) delete glinkInterface.exchange(nullptr);
+}
+
+int marlo_rma::send_aon_request(unsigned command, const uint8_t* payload, unsigned length) {
+  const bool has_payload = payload != nullptr && length != 0;
+  std::vector<uint8_t> message(kHeaderSize + (has_payload ? length : 0));
+  const uint32_t total = static_cast<uint32_t>(message.size());
+  std::memcpy(message.data() + 4, &total, sizeof(total));
+  const uint32_t command_id = command;
+  std::memcpy(message.data() + kCommandOffset, &command_id, sizeof(command_id));
+  if (has_payload) std::memcpy(message.data() + kHeaderSize, payload, length);
+  const uint32_t crc = marlo::crc32(message.data() + kCrcStart, message.size() - kCrcStart);
+  std::memcpy(message.data(), &crc, sizeof(crc));
+  MARLO_LOGD("send_aon_request %x", crc);
+  glink_interface* transport = glinkInterface;
+  if (transport == nullptr) {
+    MARLO_LOGE("glinkInterface != nullptr");
+    return 0;
+  }
+  return transport->send_request(message.data(), total);
+}
+
+std::string marlo_rma::partition_name(uint32_t last) const {
+  return std::to_string(file_memory_id.load()) + std::to_string(second_id.load()) + std::to_string(last);
+}
+
+std::vector<uint8_t> marlo_rma::readFile(std::string name, unsigned offset, unsigned size) {
+  const std::string path = kPartitionDir + name;
+  MARLO_LOGD("readFile Path : %s and size :%d ", path.c_str(), size);
+  file_descriptor file(platform::open(path.c_str(), O_RDONLY));
+  struct stat st;
+  if (file.fd < 0 || ::fstat(file.fd, &st) != 0) {
+    MARLO_LOGE("File open failed : %s", path.c_str());
+    return {};
+  }
+  // Never more than the partition file can hold, whatever was asked for; a
+  // block reaching past its end reads the missing bytes as zeros.
+  const uint64_t file_size = static_cast<uint64_t>(st.st_size);
+  std::vector<uint8_t> data(static_cast<size_t>(std::min<uint64_t>(size, file_size)), 0);
+  size_t done = 0;
+  while (done < data.size()) {
+    ssize_t n = platform::pread(file.fd, data.data() + done, data.size() - done, static_cast<off_t>(offset) + done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) MARLO_LOGE("read of %s failed: %s", path.c_str(), strerror(errno));
+    if (n <= 0) break;
+    done += static_cast<size_t>(n);
+  }
+  MARLO_LOGD("read : %d", static_cast<int>(data.size()));
+  return data;
+}
+
+int marlo_rma::AppendToFile(const std::string& path, unsigned offset, unsigned size, const char* data) {
+  file_descriptor file(platform::open(path.c_str(), O_RDWR));
+  if (file.fd < 0) {
+    MARLO_LOGE("Cannot open file %s", path.c_str());
+    return -1;
+  }
+  const off_t end = ::lseek(file.fd, 0, SEEK_END);
+  const uint64_t file_size = end < 0 ? 0 : static_cast<uint64_t>(end);
+  if (offset > file_size || static_cast<uint64_t>(offset) + size > file_size) {
+    MARLO_LOGE("block of %u bytes at %u does not fit the %llu-byte file %s", size, offset,
+               static_cast<unsigned long long>(file_size), path.c_str());
+    return -1;
+  }
+  MARLO_LOGD("write to file : %d", size);
+  if (data != nullptr) {
+    if (::lseek(file.fd, static_cast<off_t>(offset), SEEK_SET) < 0 ||
+        !write_all(file.fd, reinterpret_cast<const uint8_t*>(data), size) || ::fdatasync(file.fd) != 0) {
+      MARLO_LOGE("write to file %s failed: %s", path.c_str(), strerror(errno));
+      return -1;
+    }
+  }
+  return 0;
+}
+
+void marlo_rma::rma_conn_res_event_cb(const uint8_t* data, unsigned size) {
+  MARLO_LOGD("received res or event");
+  if (data == nullptr || size < kHeaderSize) {
+    MARLO_LOGE("GLINK_int message of %u bytes is shorter than its header, dropped", size);
+    return;
+  }
+  const std::vector<uint8_t> message(data, data + size);
+  switch (field(message, kCommandOffset)) {
+    case RMA_CONNECT: {
+      MARLO_LOGD("GLINK_int received CONNECT ");
+      const size_t covered = std::min<size_t>(message.size(), kConnectSize) - kCrcStart;
+      const uint32_t crc = marlo::crc32(message.data() + kCrcStart, covered);
+      MARLO_LOGD("GLINK_int received CRC %d and CRC calculated %d size %d ", field(message, 0), crc, size);
+      memory_id = field(message, kMemoryIdOffset);
+      file_memory_id = memory_id.load();
+      client_priv = field(message, kClientPrivOffset);
+      second_id = field(message, kSecondIdOffset);
+      const uint32_t partition_size = field(message, kSizeOffset);
+      MARLO_LOGD("memory_id received CONNECT %d,partition_sz_bytes %d, client_priv %d ", memory_id.load(),
+                 partition_size, client_priv.load());
+      const std::string path = kPartitionDir + partition_name(memory_id);
+      int fd = platform::open(path.c_str(), O_CREAT | O_EXCL | O_WRONLY, 0600);
+      if (fd < 0 && errno == EEXIST) {
+        MARLO_LOGE("file exists %s  ", path.c_str());
+      } else if (fd < 0) {
+        MARLO_LOGE("File opening failed");
+      } else {
+        file_descriptor file(fd);
+        if (!fill_with_zeros(fd, partition_size)) {
+          // An incomplete partition would be kept as it is by the next
+          // CONNECT: remove it so that the next one creates it anew.
+          MARLO_LOGE("creating %s failed: %s", path.c_str(), strerror(errno));
+          ::unlink(platform::path(path).c_str());
+        }
+        MARLO_LOGD("size of file %d ", static_cast<int>(partition_size));
+      }
+      auto payload = words({client_priv, 0, memory_id, kConnectVersion, kConnectBlockSize, kConnectBlockSize});
+      send_aon_request(RMA_CONNECT_RESP, payload.data(), static_cast<unsigned>(payload.size()));
+      break;
+    }
+    case RMA_DISCONNECT: {
+      MARLO_LOGD("GLINK_int received DISCONNECT ");
+      auto payload = words({memory_id, client_priv, field(message, kMemoryIdOffset), 0});
+      send_aon_request(RMA_DISCONNECT_RESP, payload.data(), static_cast<unsigned>(payload.size()));
+      break;
+    }
+    case RMA_DATA_READ: {
+      MARLO_LOGD("GLINK_int received DATA_READ 1");
+      const uint32_t request_word = field(message, kRequestWordOffset);
+      const uint32_t block_size = field(message, kSizeOffset);
+      std::vector<uint8_t> block = readFile(partition_name(memory_id), field(message, kSecondIdOffset), block_size);
+      MARLO_LOGD("prepare DATA_READ data:");
+      std::vector<uint8_t> payload =
+          words({request_word, client_priv, field(message, kMemoryIdOffset), block_size, 0});
+      payload.insert(payload.end(), block.begin(), block.end());
+      send_aon_request(RMA_DATA_READ_RESP, payload.data(), static_cast<unsigned>(payload.size()));
+      break;
+    }
+    case RMA_DATA_WRITE: {
+      MARLO_LOGD("GLINK_int received DATA_WRITE and len %d", field(message, 4));
+      const uint32_t request_word = field(message, kRequestWordOffset);
+      const uint32_t block_size = field(message, kSizeOffset);
+      uint32_t result = kWriteFailed;
+      // The block is taken only from bytes that arrived.
+      if (message.size() < kBlockOffset || block_size > message.size() - kBlockOffset) {
+        MARLO_LOGE("DATA_WRITE block of %u bytes is larger than the %u-byte message", block_size, size);
+      } else {
+        const std::vector<uint8_t> block(message.begin() + kBlockOffset, message.begin() + kBlockOffset + block_size);
+        const std::string path = kPartitionDir + partition_name(request_word);
+        if (AppendToFile(path, field(message, kSecondIdOffset), block_size,
+                         reinterpret_cast<const char*>(block.data())) == 0) {
+          result = kWriteDone;
+        }
+      }
+      auto payload = words({request_word, client_priv, field(message, kMemoryIdOffset), block_size, result});
+      send_aon_request(RMA_DATA_WRITE_RESP, payload.data(), static_cast<unsigned>(payload.size()));
+      break;
+    }
+    default:
+      MARLO_LOGE("GLINK_int invalid cmd id");
+      break;
+  }
+}

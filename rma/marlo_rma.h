@@ -1,0 +1,46 @@
+// The RMA client: on the packet channel "glink_pkt_marlo_rma" the
+// co-processor connects its memory partitions, each kept in a backing file
+// under "/data/vendor/aon/", and reads and writes blocks of them.
+//
+// Messages in both directions carry a 12-byte header: CRC-32 of bytes 4 to
+// the end, total length, command id; then the payload. Requests arrive on the
+// transport's reader thread; every field that thread shares with the thread
+// that starts the client is atomic.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "glink/glink_interface.h"
+
+class marlo_rma {
+ public:
+  marlo_rma() = default;
+  ~marlo_rma();
+  marlo_rma(const marlo_rma&) = delete;
+  marlo_rma& operator=(const marlo_rma&) = delete;
+
+  // Opens the channel with a fresh transport and starts serving requests.
+  void startMarloRmaConnection();
+  void rma_conn_res_event_cb(const uint8_t* data, unsigned size);
+  void rma_conn_error_cb(glink_interface_error error);
+  int send_aon_request(unsigned command, const uint8_t* payload, unsigned length);
+  // Up to `size` bytes of the backing file "/data/vendor/aon/<name>" from
+  // `offset`, never more than the file holds.
+  std::vector<uint8_t> readFile(std::string name, unsigned offset, unsigned size);
+  // Writes a block inside the existing backing file at `path` and puts it on
+  // stable storage; -1 when it cannot (the file never grows).
+  int AppendToFile(const std::string& path, unsigned offset, unsigned size, const char* data);
+
+ private:
+  // The backing file's name after "/data/vendor/aon/": three decimal numbers.
+  std::string partition_name(uint32_t last) const;
+
+  std::atomic<uint32_t> memory_id{0};
+  std::atomic<uint32_t> client_priv{0};
+  std::atomic<uint32_t> file_memory_id{0};
+  std::atomic<uint32_t> second_id{0};
+  std::atomic<glink_interface*> glinkInterface{nullptr};
+};
