@@ -81,9 +81,12 @@ int MarloDaemon::getMarloPILDevice() {
     if (entry->d_type != DT_DIR && entry->d_type != DT_LNK) continue;
     if (std::strncmp(entry->d_name, "remoteproc", 10) != 0) continue;
 
+    // Kernel paths live in 50-byte buffers; an entry whose path does not fit
+    // cannot be opened.
     char name_path[50] = {};
-    std::snprintf(name_path, sizeof(name_path), "/sys/class/remoteproc//%s/name", entry->d_name);
-    std::unique_ptr<FILE, FileCloser> file(platform::fopen(name_path, "r"));
+    bool fits = std::snprintf(name_path, sizeof(name_path), "/sys/class/remoteproc//%s/name", entry->d_name) <
+                static_cast<int>(sizeof(name_path));
+    std::unique_ptr<FILE, FileCloser> file(fits ? platform::fopen(name_path, "r") : nullptr);
     if (!file) {
       __android_log_print(ANDROID_LOG_ERROR, nullptr, "Unable to open file %s", name_path);
       continue;
@@ -95,7 +98,10 @@ int MarloDaemon::getMarloPILDevice() {
     __android_log_print(ANDROID_LOG_DEBUG, nullptr, "PIL device: %s - %s", name_path, name);
     if (std::memcmp(name, kMarloRprocName, kMarloRprocNameLength) == 0) {
       std::memset(pil_state_path, 0, sizeof(pil_state_path));
-      std::snprintf(pil_state_path, sizeof(pil_state_path), "/sys/class/remoteproc//%s/state", entry->d_name);
+      if (std::snprintf(pil_state_path, sizeof(pil_state_path), "/sys/class/remoteproc//%s/state", entry->d_name) >=
+          static_cast<int>(sizeof(pil_state_path))) {
+        pil_state_path[0] = '\0';  // a cut path would name another file
+      }
       __android_log_print(ANDROID_LOG_DEBUG, nullptr, "PATH %s", pil_state_path);
       return 0;
     }

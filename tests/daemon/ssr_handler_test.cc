@@ -1,0 +1,87 @@
+// The restart listener fed with datagrams on its uevent socket, as the
+// kernel would send them.
+#include <gtest/gtest.h>
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <string>
+
+#include "daemon/SSRHandler.h"
+#include "support/log_capture.h"
+#include "support/marlod_process.h"
+#include "support/test_root.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+class SSRHandlerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    root_.mkdir("/dev");
+    // Never destroyed: its detached listener thread keeps using it.
+    handler_ = new SSRHandler(nullptr);
+    ASSERT_TRUE(marlo::test::wait_until([&] { return root_.exists("/dev/uevent"); }, 5s));
+    sender_ = ::socket(AF_UNIX, SOCK_DGRAM, 0);
+  }
+  void TearDown() override { ::close(sender_); }
+
+  void send(const std::string& message) {
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::strcpy(addr.sun_path, root_.at("/dev/uevent").c_str());
+    ASSERT_EQ(::sendto(sender_, message.data(), message.size(), 0, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)),
+              static_cast<ssize_t>(message.size()));
+  }
+
+  // A uevent of the control device carrying the given strings.
+  static std::string event(const std::string& strings) {
+    return std::string("change@/devices/platform/marlo_com_dev\0ACTION=change\0", 53) + strings;
+  }
+
+  bool wait_for_event(int32_t value) {
+    return marlo::test::wait_until([&] { return handler_->lastEvent() == value; }, 5s);
+  }
+
+  marlo::test::TestRoot root_;
+  marlo::test::LogCapture log_;
+  SSRHandler* handler_ = nullptr;
+  int sender_ = -1;
+};
+
+TEST_F(SSRHandlerTest, PowerEventsKeepBootCompleteInStep) {
+  send(event(std::string("MARLO_EVENT=4\0", 14)));
+  ASSERT_TRUE(wait_for_event(4));
+  EXPECT_EQ(root_.property("vendor.marlo.boot_complete"), "1");
+  EXPECT_TRUE(log_.contains("marlo is powered up"));
+
+  send(event(std::string("MARLO_EVENT=1\0", 14)));
+  ASSERT_TRUE(wait_for_event(1));
+  EXPECT_EQ(root_.property("vendor.marlo.boot_complete"), "0");
+
+  // Other values are only remembered.
+  root_.set_property("vendor.marlo.boot_complete", "untouched");
+  send(event(std::string("MARLO_EVENT=2\0", 14)));
+  ASSERT_TRUE(wait_for_event(2));
+  EXPECT_EQ(root_.property("vendor.marlo.boot_complete"), "untouched");
+}
+
+TEST_F(SSRHandlerTest, OnlyControlDeviceMessagesOfTheRightLengthCount) {
+  send(std::string("change@/devices/platform/other\0MARLO_EVENT=4\0", 45));
+  send(std::string("\0marlo_com_dev\0MARLO_EVENT=4\0", 29));  // first byte NUL
+  send(event("MARLO_EVENT=7") + std::string(1100, 'x'));    // longer than 1024 bytes
+  EXPECT_TRUE(marlo::test::wait_until([&] { return log_.contains("Message length is not correct \n"); }, 5s));
+
+  // Exactly 1024 bytes, ending in the event string without its NUL.
+  std::string head = event("");
+  std::string filler(1024 - head.size() - 14, 'f');
+  send(head + filler + std::string("\0MARLO_EVENT=3", 14));
+  ASSERT_TRUE(wait_for_event(3));
+  EXPECT_EQ(root_.property("vendor.marlo.boot_complete"), "<unset>");
+}
+
+}  // namespace
