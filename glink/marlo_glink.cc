@@ -181,8 +181,10 @@ void marlo_glink::glink_disconnect(bool join_reader) {
   // Under the write lock, so that no request is being written to the
   // descriptor while it is closed.
   std::lock_guard<std::mutex> lock(_s_glink_read_mutex);
+  // A closed (-1) or failed (negative errno) descriptor is handed to close
+  // as well, which refuses it with EBADF and is logged like any failure.
   const int fd = _s_chnl_fd.exchange(-1);
-  if (fd >= 0 && platform::close(fd) != 0) {
+  if (platform::close(fd) != 0) {
     MARLO_LOGE("GLINK_int close on _s_chnl_fd = %d failed with errno = %d", fd, errno);
   }
 }
