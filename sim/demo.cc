@@ -151,6 +151,7 @@ int run_demo(const DemoOptions& options, FILE* out) {
         },
         30);
     std::this_thread::sleep_for(std::chrono::milliseconds(300));  // no download may follow
+    if (matched) view.line("  marlod: \"Marlo firmware versions are MATHCHED, skip fw_update\"");
     if (!matched) failures.push_back("the second boot did not find the versions matched");
     if (device.dfu().status().sessions_started != sessions_before) failures.push_back("the second boot downloaded again");
   }
@@ -163,6 +164,7 @@ int run_demo(const DemoOptions& options, FILE* out) {
             std::to_string(dfu.erases.size()) + " erases, " + std::to_string(dfu.fragments) + " fragments, " +
             std::to_string(dfu.crc_errors) + " CRC errors");
   view.line("  running firmware: " + (running ? running->apps : std::string("none")));
+  if (failures.empty()) view.line("  second boot: versions matched, nothing downloaded");
   for (const std::string& f : failures) view.line("  FAILED: " + f);
   view.line(failures.empty() ? "  RESULT: update verified" : "  RESULT: FAILED (logs kept in " + root + "/sim)");
   device_owner.reset();
