@@ -27,6 +27,8 @@ namespace {
 
 // The largest packet the virtual device sends.
 constexpr size_t kMaxPacket = 1 << 20;
+// How long an open waits for the device's open status.
+constexpr time_t kOpenStatusTimeoutSeconds = 10;
 
 // Requests whose data travels beside the request block.
 constexpr unsigned long kResetRequest = 0xc0205605;
@@ -86,10 +88,15 @@ int connect_node(const std::string& socket_path) {
     errno = err;
     return -1;
   }
+  // A device that never answers the open fails it instead of hanging it.
+  struct timeval limit = {kOpenStatusTimeoutSeconds, 0};
+  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
   int32_t status = 0;
   ssize_t n = ::recv(fd, &status, sizeof(status), 0);
+  struct timeval forever = {0, 0};
+  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &forever, sizeof(forever));
   if (n != static_cast<ssize_t>(sizeof(status)) || status != 0) {
-    int err = (n == static_cast<ssize_t>(sizeof(status))) ? status : EIO;
+    int err = (n == static_cast<ssize_t>(sizeof(status))) ? status : (n < 0 && errno == EAGAIN ? ETIMEDOUT : EIO);
     ::close(fd);
     errno = err;
     return -1;

@@ -9,27 +9,30 @@ namespace {
 
 using Framing = GlinkChannelTest;
 
-TEST_F(Framing, LengthFieldIsUsedOnceTheFirstReadHoldsIt) {
-  struct Case { const char* channel; uint32_t read_size; size_t offset; size_t threshold; };
-  for (Case c : {Case{"glink_pkt_marlo_dfu", 44, 8, 17}, Case{"glink_pkt_marlo_rma", 40, 4, 13}}) {
-    SCOPED_TRACE(c.channel);
-    ASSERT_EQ(connect(c.channel, c.read_size), 0);
-    Bytes too_short = framed(c.threshold - 1, c.offset, 1000);  // complete after the first read
-    Bytes long_packet = framed(300, c.offset, 300);             // several reads of one packet
-    Bytes zero_length = framed(c.threshold, c.offset, 0);       // nothing to deliver
+class LengthFraming : public GlinkChannelTest {
+ protected:
+  // Sends a packet the first read completes, one with a zero length field
+  // and one that takes several reads; checks what the callback receives.
+  void check(const char* channel, uint32_t read_size, size_t offset, size_t threshold) {
+    ASSERT_EQ(connect(channel, read_size), 0);
+    Bytes too_short = framed(threshold - 1, offset, 1000);  // complete after the first read
+    Bytes long_packet = framed(300, offset, 300);           // several reads of one packet
+    Bytes zero_length = framed(threshold, offset, 0);       // nothing to deliver
     send(too_short);
     send(zero_length);
     send(long_packet);
     auto got = packets(2);
     ASSERT_EQ(got.size(), 2u);
-    EXPECT_EQ(got[0], padded(too_short, c.read_size));
+    EXPECT_EQ(got[0], padded(too_short, read_size));
     EXPECT_EQ(got[1], long_packet);
     EXPECT_TRUE(log_.contains("GLINK_int buffer len is 0"));
-    TearDown();
-    peer_ = -1;
+    EXPECT_EQ(log_.count("GLINK_int partial read bytes = "), 4);
   }
-  EXPECT_EQ(log_.count("GLINK_int partial read bytes = "), 8);
-}
+};
+
+TEST_F(LengthFraming, DfuLengthIsAtOffsetEightFromSeventeenBytes) { check("glink_pkt_marlo_dfu", 44, 8, 17); }
+
+TEST_F(LengthFraming, RmaLengthIsAtOffsetFourFromThirteenBytes) { check("glink_pkt_marlo_rma", 40, 4, 13); }
 
 TEST_F(Framing, CustomDataDeliversTheWholeFirstReadBuffer) {
   ASSERT_EQ(connect("glink_pkt_marlo_custom_data", 44), 0);
