@@ -36,6 +36,16 @@ TEST_F(E2e, NoflashPsramGetsMiscDataAndRmaService) {
   EXPECT_EQ(device_->coprocessor().boot_mode(), sim::kBootModeHost);
 }
 
+TEST_F(E2e, MiscDataAlreadyPushedIsSkippedButRmaIsServed) {
+  set_property("vendor.zt_aon.misc_update", "1");
+  start_device(noflash());
+  start_daemon();
+  ASSERT_TRUE(wait_for([&] { return device_->rma().status().runs_completed >= 1; }));
+  EXPECT_EQ(device_->misc().status().finishes, 0);
+  EXPECT_EQ(request_index("BOOT_STATUS", 2), -1) << "no misc-data update started";
+  EXPECT_EQ(property("vendor.zt_aon.misc_update"), "1");
+}
+
 TEST_F(E2e, RestartDuringRmaTrafficIsServedAgainAfterPowerUp) {
   start_device(noflash());
   device_->restart_during_rma(6);
