@@ -53,7 +53,8 @@ void DfuCoprocessor::ask(int fd) {
   if (request.empty()) return;
   send(fd, request);
   awaiting_ = true;
-  deadline_ = std::chrono::steady_clock::now() + std::chrono::milliseconds(config_.resend_ms);
+  asked_at_ = std::chrono::steady_clock::now();
+  deadline_ = asked_at_ + std::chrono::milliseconds(config_.resend_ms);
 }
 
 void DfuCoprocessor::reject(int fd, const std::string& problem, bool crc) {
@@ -187,6 +188,7 @@ void DfuCoprocessor::handle_info_resp(int fd, const Bytes& m) {
 }
 
 void DfuCoprocessor::handle_offset_resp(int fd, const Bytes& m) {
+  const auto answered = std::chrono::steady_clock::now();
   if (status_.state != kStateOffsetReq || m.size() < 28 || get_u32(m, 16) != status_.image_id ||
       get_u32(m, 20) != status_.offset || get_u32(m, 24) != status_.fragment_len) {
     ++status_.stale_answers;
@@ -206,6 +208,9 @@ void DfuCoprocessor::handle_offset_resp(int fd, const Bytes& m) {
   awaiting_ = false;
   ++status_.fragments;
   status_.session_bytes += data_len;
+  if (config_.on_fragment) {
+    config_.on_fragment({status_.image_id, status_.offset, static_cast<uint32_t>(data_len), asked_at_, answered});
+  }
   if (config_.write_delay_ms > 0) std::this_thread::sleep_for(std::chrono::milliseconds(config_.write_delay_ms));
   status_.offset += static_cast<uint32_t>(data_len);
   bool image_done = status_.offset >= status_.image_size;

@@ -10,6 +10,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -22,11 +23,23 @@
 
 namespace marlo::sim {
 
+// One fragment received whole: when its IMG_OFFSET_REQ went out and when
+// the answer arrived, both taken on the channel's thread.
+struct FragmentTiming {
+  uint32_t image_id = 0;
+  uint32_t offset = 0;
+  uint32_t length = 0;
+  std::chrono::steady_clock::time_point asked;
+  std::chrono::steady_clock::time_point answered;
+};
+
 struct DfuConfig {
   std::vector<uint32_t> image_ids{kFlashImageId, kPartition1ImageId};
   uint32_t fragment_size = 4096;
   int write_delay_ms = 0;  // time the flash takes per fragment
   int resend_ms = 2000;    // a request that gets no answer is asked again
+  // Measurements: called on the channel's thread for every accepted fragment.
+  std::function<void(const FragmentTiming&)> on_fragment;
 };
 
 struct DfuStatus {
@@ -86,6 +99,7 @@ class DfuCoprocessor : public ChannelServer {
   int consecutive_bad_ = 0;
   bool awaiting_ = false;
   std::chrono::steady_clock::time_point deadline_;
+  std::chrono::steady_clock::time_point asked_at_;
 };
 
 }  // namespace marlo::sim

@@ -129,7 +129,8 @@ void RmaClient::send_step() {
   send(fd, request_for(steps_[next_]));
   ++status_.messages;
   awaiting_ = true;
-  deadline_ = std::chrono::steady_clock::now() + std::chrono::milliseconds(config_.answer_timeout_ms);
+  sent_at_ = std::chrono::steady_clock::now();
+  deadline_ = sent_at_ + std::chrono::milliseconds(config_.answer_timeout_ms);
 }
 
 std::string RmaClient::check_answer(const Bytes& m, const Step& step) const {
@@ -195,6 +196,10 @@ void RmaClient::on_packet(int, const Bytes& m) {
     return;
   }
   awaiting_ = false;
+  if (step.command == kRmaDataWrite) {
+    ++status_.blocks_written;
+    status_.write_wait += std::chrono::steady_clock::now() - sent_at_;
+  }
   if (++next_ == steps_.size()) {
     ++status_.runs_completed;
     status_.last_completed_run = run_;

@@ -50,6 +50,10 @@ struct RmaStatus {
   int bad_answers = 0;
   uint32_t last_completed_run = 0;
   std::vector<std::string> problems;
+  // DATA_WRITE requests answered well, and the time they waited for their
+  // answers (measurements).
+  int blocks_written = 0;
+  std::chrono::nanoseconds write_wait{0};
 };
 
 // An RMA message: CRC-32 of bytes 4.. | total length | command | payload.
@@ -103,6 +107,7 @@ class RmaClient : public ChannelServer {
   size_t next_ = 0;
   bool awaiting_ = false;
   std::chrono::steady_clock::time_point deadline_;
+  std::chrono::steady_clock::time_point sent_at_;
   int restart_after_ = 0;
   std::function<void()> restart_;
 };

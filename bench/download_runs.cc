@@ -1,0 +1,111 @@
+#include "bench/download_runs.h"
+
+#include <signal.h>
+
+#include <chrono>
+#include <fstream>
+#include <functional>
+#include <stdexcept>
+#include <thread>
+
+#include "bench/large_firmware.h"
+#include "bench/min_responder.h"
+#include "sim/daemon_process.h"
+#include "sim/device_root.h"
+#include "sim/virtual_device.h"
+
+namespace marlo::bench {
+
+namespace {
+
+constexpr auto kDownloadLimit = std::chrono::seconds(180);
+// Keeps the daemon's fixed waits before the download short; the download
+// itself has none.
+constexpr double kTimeScale = 0.01;
+
+// VmHWM of /proc/<pid>/status, in bytes; 0 when unreadable.
+uint64_t peak_resident_bytes(pid_t pid) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+  std::string line;
+  while (std::getline(in, line)) {
+    if (line.rfind("VmHWM:", 0) == 0) return std::stoull(line.substr(6)) * 1024;  // "VmHWM:   1234 kB"
+  }
+  return 0;
+}
+
+bool wait_until(const std::function<bool()>& done, const std::function<bool()>& still_possible) {
+  const auto deadline = std::chrono::steady_clock::now() + kDownloadLimit;
+  while (std::chrono::steady_clock::now() < deadline) {
+    if (done()) return true;
+    if (!still_possible()) return done();
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return done();
+}
+
+}  // namespace
+
+void stop_daemon(sim::DaemonProcess& daemon) {
+  // SIGTERM first, so that a profiler wrapping the daemon writes its output.
+  if (daemon.pid() > 0 && ::kill(daemon.pid(), SIGTERM) == 0) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (daemon.alive() && std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+  }
+  daemon.kill();
+}
+
+DaemonDownload run_daemon_download(const std::string& marlod, uint32_t flash_bytes) {
+  LargeRoot made = make_large_root(flash_bytes);
+  sim::set_property(made.root, "persist.vendor.zt_aon.dfu_update", "1");
+  FragmentRecorder recorder;
+  DaemonDownload result;
+  result.image_bytes = made.image_bytes;
+  {
+    sim::DeviceOptions options;
+    options.dfu.on_fragment = recorder.hook();
+    sim::VirtualDevice device(made.root, options);
+    const std::string logs = made.root + "/sim/marlod";
+    sim::DaemonProcess daemon({marlod, made.root, logs + ".log", logs + ".stderr", kTimeScale});
+    std::string error;
+    if (!daemon.start(&error)) throw std::runtime_error(error);
+    const bool finished = wait_until([&] { return device.dfu().status().sessions_completed >= 1; },
+                                     [&] { return daemon.alive(); });
+    if (!finished) {
+      throw std::runtime_error("download of " + std::to_string(flash_bytes) + " bytes did not finish; root kept: " +
+                               made.root);
+    }
+    result.vm_hwm = peak_resident_bytes(daemon.pid());
+    stop_daemon(daemon);
+  }
+  result.figures = recorder.figures();
+  remove_root(made.root);
+  return result;
+}
+
+DownloadFigures run_min_responder_download(uint32_t flash_bytes) {
+  LargeRoot made = make_large_root(flash_bytes);
+  FragmentRecorder recorder;
+  {
+    sim::EventLog log;
+    sim::VirtualFlash flash(made.root + "/sim/flash");
+    sim::DfuConfig config;
+    config.image_ids = made.set.image_ids();
+    config.on_fragment = recorder.hook();
+    sim::DfuCoprocessor dfu(made.root, flash, log, config);
+    dfu.start();
+    MinResponder responder(made.set.images, config.fragment_size);
+    if (!responder.start(made.root + "/dev/glink_pkt_marlo_dfu")) {
+      throw std::runtime_error("the minimal responder could not open the DFU channel");
+    }
+    responder.join();
+    // SESSION_END_RESP is on its way to the co-processor's thread.
+    wait_until([&] { return dfu.status().sessions_completed >= 1; }, [] { return true; });
+    if (dfu.status().sessions_completed < 1) throw std::runtime_error("the minimal responder's download failed");
+  }
+  remove_root(made.root);
+  return recorder.figures();
+}
+
+}  // namespace marlo::bench

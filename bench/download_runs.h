@@ -1,0 +1,29 @@
+// One download per image size through the real daemon, and the same
+// exchange against the minimal responder, each on a fresh device root.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "bench/fragment_recorder.h"
+#include "sim/daemon_process.h"
+
+namespace marlo::bench {
+
+struct DaemonDownload {
+  DownloadFigures figures;
+  uint64_t image_bytes = 0;  // every image the daemon loaded
+  uint64_t vm_hwm = 0;       // the daemon's peak resident memory, bytes
+};
+
+// build/marlod as a process against a virtual device whose flash.bin has
+// `flash_bytes`; throws std::runtime_error when the download does not finish.
+DaemonDownload run_daemon_download(const std::string& marlod, uint32_t flash_bytes);
+
+// Ends the daemon: SIGTERM, a while to exit, then SIGKILL.
+void stop_daemon(sim::DaemonProcess& daemon);
+
+// The same images and the same virtual co-processor, answered by MinResponder.
+DownloadFigures run_min_responder_download(uint32_t flash_bytes);
+
+}  // namespace marlo::bench

@@ -1,0 +1,117 @@
+// marlo-bench: the download path of build/marlod against the link's own
+// limit, measured in one run on one machine, and its RMA writes against a
+// plain synchronous write loop. Prints a table and, last, one line of key
+// figures.
+//
+//   build/marlo-bench [--marlod PATH] [--sizes MIB,MIB,...]
+//
+// --marlod runs another executable as the daemon (a profiler wrapping it,
+// say); --sizes downloads other image sizes (default 1,16,64; at most 64).
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <string>
+#include <vector>
+
+#include "bench/download_runs.h"
+#include "bench/rma_run.h"
+#include "sim/daemon_process.h"
+
+namespace {
+
+constexpr double kMiB = 1048576.0;
+constexpr uint32_t kMaxSizeMiB = 64;  // the virtual flash's largest image
+constexpr uint32_t kRmaPartitionBytes = 1u << 20;
+
+struct SizeRow {
+  uint32_t mib = 0;
+  marlo::bench::DaemonDownload daemon;
+  marlo::bench::DownloadFigures minimal;
+};
+
+void print_row(const char* who, uint32_t mib, const marlo::bench::DownloadFigures& f, const std::string& memory) {
+  std::printf("%-8u %-8s %9.1f %9.2f %10.1f %9.1f  %s\n", mib, who, f.mib_per_second(), f.ms_per_mib(), f.median_us,
+              f.p99_us, memory.c_str());
+}
+
+double ratio_of_totals(const std::vector<SizeRow>& rows) {
+  double daemon_bytes = 0, daemon_seconds = 0, minimal_bytes = 0, minimal_seconds = 0;
+  for (const SizeRow& row : rows) {
+    daemon_bytes += row.daemon.figures.bytes;
+    daemon_seconds += row.daemon.figures.phase_seconds;
+    minimal_bytes += row.minimal.bytes;
+    minimal_seconds += row.minimal.phase_seconds;
+  }
+  return (daemon_bytes / daemon_seconds) / (minimal_bytes / minimal_seconds);
+}
+
+// "1,16,64" to sizes; empty when any of them is not a size from 1 to 64.
+std::vector<uint32_t> parse_sizes(const std::string& text) {
+  std::vector<uint32_t> sizes;
+  size_t start = 0;
+  while (start <= text.size()) {
+    const size_t end = std::min(text.find(',', start), text.size());
+    const std::string item = text.substr(start, end - start);
+    char* rest = nullptr;
+    const unsigned long mib = std::strtoul(item.c_str(), &rest, 10);
+    if (item.empty() || *rest != '\0' || mib < 1 || mib > kMaxSizeMiB) return {};
+    sizes.push_back(static_cast<uint32_t>(mib));
+    start = end + 1;
+  }
+  return sizes;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::string marlod = marlo::sim::default_marlod_path();
+  std::vector<uint32_t> sizes = {1, 16, 64};
+  for (int i = 1; i < argc; ++i) {
+    if (std::strcmp(argv[i], "--marlod") == 0 && i + 1 < argc) {
+      marlod = argv[++i];
+    } else if (std::strcmp(argv[i], "--sizes") == 0 && i + 1 < argc && !(sizes = parse_sizes(argv[++i])).empty()) {
+      continue;
+    } else {
+      std::fprintf(stderr, "usage: %s [--marlod PATH] [--sizes MIB,MIB,...]\n", argv[0]);
+      return 2;
+    }
+  }
+  try {
+    std::vector<SizeRow> rows;
+    for (uint32_t mib : sizes) {
+      SizeRow row;
+      row.mib = mib;
+      row.daemon = marlo::bench::run_daemon_download(marlod, mib << 20);
+      row.minimal = marlo::bench::run_min_responder_download(mib << 20);
+      rows.push_back(row);
+    }
+    const marlo::bench::RmaFigures rma = marlo::bench::run_rma_writes(marlod, kRmaPartitionBytes);
+
+    std::printf("DFU image phase, 4 KiB fragments (latency: request sent to answer received, co-processor side)\n");
+    std::printf("%-8s %-8s %9s %9s %10s %9s  %s\n", "MiB", "host", "MiB/s", "ms/MiB", "median_us", "p99_us",
+                "peak RSS / images (MiB)");
+    double rss_over_images = 0;
+    for (const SizeRow& row : rows) {
+      const double rss = row.daemon.vm_hwm / kMiB;
+      const double images = row.daemon.image_bytes / kMiB;
+      rss_over_images = std::max(rss_over_images, rss - images);
+      char memory[64];
+      std::snprintf(memory, sizeof(memory), "%.1f / %.1f", rss, images);
+      print_row("marlod", row.mib, row.daemon.figures, memory);
+      print_row("minimal", row.mib, row.minimal, "");
+    }
+    const double growth = rows.back().daemon.figures.ms_per_mib() / rows.front().daemon.figures.ms_per_mib();
+    const double dfu_ratio = ratio_of_totals(rows);
+    const double rma_ratio = rma.daemon_blocks_per_second / rma.plain_blocks_per_second;
+    std::printf("\nRMA DATA_WRITE, %d blocks of 4 KiB: marlod %.0f blocks/s, write+fdatasync loop %.0f blocks/s\n",
+                rma.blocks, rma.daemon_blocks_per_second, rma.plain_blocks_per_second);
+    std::printf("\ndfu_ratio=%.2f per_mib_growth=%.2f rss_over_images_mib=%.1f rma_ratio=%.2f\n", dfu_ratio, growth,
+                rss_over_images, rma_ratio);
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "marlo-bench: %s\n", e.what());
+    return 1;
+  }
+  return 0;
+}

@@ -1,0 +1,88 @@
+#include "bench/rma_run.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "bench/download_runs.h"
+#include "bench/large_firmware.h"
+#include "sim/daemon_process.h"
+#include "sim/device_root.h"
+#include "sim/virtual_device.h"
+
+namespace marlo::bench {
+
+namespace {
+
+constexpr uint32_t kBlock = 4096;
+constexpr double kTimeScale = 0.01;
+constexpr auto kRunLimit = std::chrono::seconds(120);
+
+// The blocks written in place into an existing file of the partition's size,
+// as the daemon writes them, each followed by fdatasync.
+double plain_blocks_per_second(const std::string& dir, uint32_t partition_bytes) {
+  const std::string path = dir + "/plain-loop.bin";
+  const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  if (fd < 0) throw std::runtime_error("cannot create " + path);
+  // Allocated with zeros first, as the daemon creates a partition at CONNECT.
+  std::vector<uint8_t> block(kBlock, 0);
+  bool ok = true;
+  for (uint32_t offset = 0; ok && offset < partition_bytes; offset += kBlock) {
+    ok = ::pwrite(fd, block.data(), kBlock, offset) == static_cast<ssize_t>(kBlock);
+  }
+  ok = ok && ::fdatasync(fd) == 0;
+  const auto start = std::chrono::steady_clock::now();
+  int blocks = 0;
+  for (uint32_t offset = 0; ok && offset < partition_bytes; offset += kBlock, ++blocks) {
+    block[0] = static_cast<uint8_t>(blocks);
+    ok = ::pwrite(fd, block.data(), kBlock, offset) == static_cast<ssize_t>(kBlock) && ::fdatasync(fd) == 0;
+  }
+  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  ::close(fd);
+  ::unlink(path.c_str());
+  if (!ok) throw std::runtime_error("the plain write loop failed on " + path);
+  return blocks / seconds;
+}
+
+}  // namespace
+
+RmaFigures run_rma_writes(const std::string& marlod, uint32_t partition_bytes) {
+  LargeRoot made = make_large_root(0);
+  RmaFigures figures;
+  {
+    sim::DeviceOptions options;
+    options.variant = sim::Variant::NoflashPsram;
+    options.flash = sim::FlashContents::Empty;
+    options.running_at_start = true;
+    options.rma.partitions = {{7, 1, partition_bytes}};
+    options.rma.block_size = kBlock;
+    sim::VirtualDevice device(made.root, options);
+    const std::string logs = made.root + "/sim/marlod";
+    sim::DaemonProcess daemon({marlod, made.root, logs + ".log", logs + ".stderr", kTimeScale});
+    std::string error;
+    if (!daemon.start(&error)) throw std::runtime_error(error);
+    const auto deadline = std::chrono::steady_clock::now() + kRunLimit;
+    while (device.rma().status().runs_completed < 1 && daemon.alive() &&
+           std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    const sim::RmaStatus status = device.rma().status();
+    if (status.runs_completed < 1 || status.blocks_written == 0) {
+      throw std::runtime_error("the RMA run did not complete; root kept: " + made.root);
+    }
+    figures.blocks = status.blocks_written;
+    figures.daemon_blocks_per_second =
+        status.blocks_written / std::chrono::duration<double>(status.write_wait).count();
+    stop_daemon(daemon);
+  }
+  // The same file system as the daemon's backing files.
+  figures.plain_blocks_per_second = plain_blocks_per_second(made.root + "/data/vendor/aon", partition_bytes);
+  remove_root(made.root);
+  return figures;
+}
+
+}  // namespace marlo::bench
