@@ -1,7 +1,26 @@
 #!/usr/bin/env bash
-# Installs, builds and runs every test of marlod.
+# Installs, builds and runs every test of marlod: the test suite, then the
+# same suite under the sanitizers (scripts/sanitize.sh) and a short run of
+# every fuzzer (scripts/fuzz.sh). MARLO_QUICK=1 runs the suite only.
+#
+# The output ends with the closing lines of the normal suite's ctest run,
+# repeated after the sanitizer and fuzzer summary; the exit status is 0 only
+# when everything passed.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
 echo "== running the test suite"
-ctest --test-dir build --output-on-failure -j "$(nproc)" --timeout 120
+suite_log=build/ctest.log
+ctest --test-dir build --output-on-failure -j "$(nproc)" --timeout 120 2>&1 | tee "$suite_log"
+[ "${MARLO_QUICK:-0}" = 1 ] && exit 0
+
+start=$SECONDS
+sanitize=0
+scripts/sanitize.sh || sanitize=$?
+fuzz=0
+scripts/fuzz.sh "${MARLO_FUZZ_SECONDS:-20}" || fuzz=$?
+echo "== hardening: sanitizers $([ $sanitize -eq 0 ] && echo passed || echo FAILED)," \
+  "fuzzers $([ $fuzz -eq 0 ] && echo passed || echo FAILED) in $((SECONDS - start)) s"
+echo "== test suite"
+sed -n '/tests passed/,$p' "$suite_log"
+[ $sanitize -eq 0 ] && [ $fuzz -eq 0 ]
