@@ -185,6 +185,10 @@ void version_seeds() {
     append(record, set.version_file());
     seed("version_file_fuzzer", name, record);
   }
+  // A key line just below the longest line the parser searches (4096 bytes).
+  Bytes record(308, 0);
+  append(record, "\"apps_cochip\": \"" + std::string(4070, 'a') + "&\"\n");
+  seed("version_file_fuzzer", "long_line", record);
 }
 
 void uevent_seeds() {

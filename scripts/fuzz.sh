@@ -54,7 +54,7 @@ for name in "${fuzzers[@]}"; do
   # -close_fd_mask=2: the daemon's log copy on stderr is dropped; libFuzzer
   # and the sanitizers keep reporting on their own copy of stderr.
   status=0
-  "$out/fuzz/$fuzzer" -max_total_time="$seconds" -timeout=30 -close_fd_mask=2 -print_final_stats=1 \
+  "$out/fuzz/$fuzzer" -max_total_time="$seconds" -max_len=8192 -timeout=30 -close_fd_mask=2 -print_final_stats=1 \
     -artifact_prefix="$out/artifacts/$fuzzer-" "${dirs[@]}" >"$log" 2>&1 || status=$?
   runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -1)
   cov=$(grep -oE 'cov: [0-9]+ ft: [0-9]+' "$log" | tail -1)
