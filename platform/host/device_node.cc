@@ -10,11 +10,13 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <sys/un.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <unordered_map>
 #include <vector>
@@ -152,27 +154,53 @@ int node_ioctl(int fd, unsigned long request, void* arg) {
   return result;
 }
 
-// Reads one packet of unknown size whole from the socket.
-ssize_t receive_packet(int fd, std::vector<uint8_t>& packet) {
-  ssize_t size = ::recv(fd, nullptr, 0, MSG_PEEK | MSG_TRUNC);
-  if (size < 0) return -1;
-  if (static_cast<size_t>(size) > kMaxPacket) {
-    // Larger than any packet the device may send: drop it as a device would
-    // refuse it, and tell the reader.
-    ::recv(fd, nullptr, 0, MSG_TRUNC);
+// Receives the next packet with one call: its first `count` bytes straight
+// into `buf`, the rest into this thread's spill area, from where it is kept
+// for the next reads. (Peeking at the size first and receiving into a fresh
+// buffer cost two calls and an allocation per packet.) The spill area is
+// only address space until a packet longer than its read reaches it.
+ssize_t receive_into(int fd, void* buf, size_t count) {
+  thread_local std::unique_ptr<uint8_t[]> spill;
+  if (!spill) spill.reset(new uint8_t[kMaxPacket]);
+  const size_t direct = std::min(count, kMaxPacket);
+  struct iovec parts[2] = {{buf, direct}, {spill.get(), kMaxPacket - direct}};
+  struct msghdr message {};
+  message.msg_iov = parts;
+  message.msg_iovlen = 2;
+  const ssize_t got = ::recvmsg(fd, &message, MSG_TRUNC);
+  if (got <= 0) return got;
+  if (static_cast<size_t>(got) > kMaxPacket) {
+    // Larger than any packet the device may send: dropped as a device
+    // would refuse it, and the reader is told.
     errno = EMSGSIZE;
     return -1;
   }
-  packet.resize(static_cast<size_t>(size));
-  return ::recv(fd, packet.data(), packet.size(), 0);
+  if (static_cast<size_t>(got) <= direct) return got;
+  std::lock_guard<std::mutex> lock(g_nodes_mutex);
+  auto it = g_nodes.find(fd);
+  if (it != g_nodes.end()) {
+    it->second.kept.assign(spill.get(), spill.get() + (static_cast<size_t>(got) - direct));
+    it->second.kept_off = 0;
+  }
+  return static_cast<ssize_t>(direct);
 }
 
-ssize_t node_read(int fd, void* buf, size_t count) {
+// A read of a device node: an injected fault, else the rest of a packet
+// that an earlier read left, else the next packet. `is_node` is false (and
+// nothing is read) when `fd` is not a device node.
+ssize_t node_read(int fd, void* buf, size_t count, bool* is_node) {
   {
     std::lock_guard<std::mutex> lock(g_nodes_mutex);
     auto it = g_nodes.find(fd);
-    if (it != g_nodes.end() && it->second.kept_left() > 0) {
-      Node& node = it->second;
+    *is_node = it != g_nodes.end();
+    if (!*is_node) return 0;
+    Node& node = it->second;
+    if (node.read_fault.count > 0) {
+      --node.read_fault.count;
+      errno = node.read_fault.err;
+      return -1;
+    }
+    if (node.kept_left() > 0) {
       size_t n = std::min(count, node.kept_left());
       std::memcpy(buf, node.kept.data() + node.kept_off, n);
       node.kept_off += n;
@@ -183,21 +211,7 @@ ssize_t node_read(int fd, void* buf, size_t count) {
       return static_cast<ssize_t>(n);
     }
   }
-  std::vector<uint8_t> packet;
-  ssize_t got = receive_packet(fd, packet);
-  if (got <= 0) return got;
-  size_t n = std::min(count, static_cast<size_t>(got));
-  std::memcpy(buf, packet.data(), n);
-  if (n < static_cast<size_t>(got)) {
-    std::lock_guard<std::mutex> lock(g_nodes_mutex);
-    auto it = g_nodes.find(fd);
-    if (it != g_nodes.end()) {
-      packet.erase(packet.begin(), packet.begin() + static_cast<std::ptrdiff_t>(n));
-      it->second.kept = std::move(packet);
-      it->second.kept_off = 0;
-    }
-  }
-  return static_cast<ssize_t>(n);
+  return receive_into(fd, buf, count);
 }
 
 bool has_kept_bytes(int fd) {
@@ -239,9 +253,9 @@ int close(int fd) {
 }
 
 ssize_t read(int fd, void* buf, size_t count) {
-  if (!is_node(fd)) return ::read(fd, buf, count);
-  if (take_fault(fd, host::FaultOp::Read)) return -1;
-  return node_read(fd, buf, count);
+  bool node = false;
+  const ssize_t got = node_read(fd, buf, count, &node);
+  return node ? got : ::read(fd, buf, count);
 }
 
 ssize_t pread(int fd, void* buf, size_t count, off_t offset) { return ::pread(fd, buf, count, offset); }
