@@ -22,6 +22,9 @@ constexpr auto kDownloadLimit = std::chrono::seconds(180);
 // Keeps the daemon's fixed waits before the download short; the download
 // itself has none.
 constexpr double kTimeScale = 0.01;
+// As under init, the daemon's standard error goes nowhere; its log goes to
+// the JSON file.
+constexpr const char* kStderr = "/dev/null";
 
 // VmHWM of /proc/<pid>/status, in bytes; 0 when unreadable.
 uint64_t peak_resident_bytes(pid_t pid) {
@@ -67,7 +70,7 @@ DaemonDownload run_daemon_download(const std::string& marlod, uint32_t flash_byt
     options.dfu.on_fragment = recorder.hook();
     sim::VirtualDevice device(made.root, options);
     const std::string logs = made.root + "/sim/marlod";
-    sim::DaemonProcess daemon({marlod, made.root, logs + ".log", logs + ".stderr", kTimeScale});
+    sim::DaemonProcess daemon({marlod, made.root, logs + ".log", kStderr, kTimeScale});
     std::string error;
     if (!daemon.start(&error)) throw std::runtime_error(error);
     const bool finished = wait_until([&] { return device.dfu().status().sessions_completed >= 1; },
