@@ -3,11 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <memory>
+#include <cstdlib>
+#include <fstream>
+#include <string>
 
+#include "sim/daemon_process.h"
 #include "support/fake_control_device.h"
-#include "support/marlod_process.h"
 #include "support/test_root.h"
+#include "support/wait_until.h"
 
 using namespace std::chrono_literals;
 using marlo::test::ControlAnswer;
@@ -16,19 +19,33 @@ using marlo::test::FakeControlDevice;
 
 namespace {
 
+marlo::sim::DaemonSettings settings_for(const marlo::test::TestRoot& root) {
+  const char* build_dir = std::getenv("MARLO_BUILD_DIR");
+  return {std::string(build_dir != nullptr ? build_dir : "build") + "/marlod", root.path(), root.at("/marlod.log"),
+          root.at("/marlod.stderr"), 0.01};
+}
+
+bool log_has_line(const std::string& log_file, const std::string& line) {
+  std::ifstream in(log_file);
+  for (std::string entry; std::getline(in, entry);) {
+    if (entry.find(line) != std::string::npos) return true;
+  }
+  return false;
+}
+
 TEST(MarlodProcessTest, ExitsWithoutACoProcessor) {
   marlo::test::TestRoot root;
-  marlo::test::MarlodProcess marlod(root.path(), root.at("/marlod.log"));
-  EXPECT_EQ(marlod.wait_exit(10s), 237);
-  bool found = false;
-  for (const auto& entry : marlod.log()) {
-    if (entry.msg == "ZT AON not present: Do not perform PIL") {
-      found = true;
-      EXPECT_EQ(entry.prio, 4);
-      EXPECT_FALSE(entry.has_tag);
-    }
-  }
-  EXPECT_TRUE(found);
+  marlo::sim::DaemonProcess marlod(settings_for(root));
+  std::string error;
+  ASSERT_TRUE(marlod.start(&error)) << error;
+  const pid_t pid = marlod.pid();  // the main thread's id in the log
+  int status = 0;
+  ASSERT_TRUE(marlo::test::wait_until([&] { return !marlod.alive(&status); }, 10s));
+  EXPECT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 237);
+  EXPECT_TRUE(log_has_line(root.at("/marlod.log"),
+                           "{\"prio\": 4, \"tag\": null, \"tid\": " + std::to_string(pid) +
+                               ", \"msg\": \"ZT AON not present: Do not perform PIL\"}"));
 }
 
 TEST(MarlodProcessTest, BootsInHostModeAndServesTheResetProperty) {
@@ -45,9 +62,12 @@ TEST(MarlodProcessTest, BootsInHostModeAndServesTheResetProperty) {
     return answer;  // boot mode query answers 0: HOST
   });
 
-  marlo::test::MarlodProcess marlod(root.path(), root.at("/marlod.log"));
+  marlo::sim::DaemonProcess marlod(settings_for(root));
+  std::string error;
+  ASSERT_TRUE(marlod.start(&error)) << error;
   ASSERT_TRUE(marlo::test::wait_until([&] { return root.property("vendor.marlo.boot_complete") == "1"; }, 10s));
-  ASSERT_TRUE(marlod.wait_for_log("Marlo boot complete in HOST Mode!", 10s));
+  ASSERT_TRUE(marlo::test::wait_until(
+      [&] { return log_has_line(root.at("/marlod.log"), "Marlo boot complete in HOST Mode!"); }, 10s));
   auto requests = device.requests();
   ASSERT_FALSE(requests.empty());
   EXPECT_EQ(requests[0].request, 0xc0205609u);

@@ -12,7 +12,7 @@
 
 #include "daemon/SSRHandler.h"
 #include "support/log_capture.h"
-#include "support/marlod_process.h"
+#include "support/wait_until.h"
 #include "support/test_root.h"
 
 using namespace std::chrono_literals;

@@ -7,7 +7,7 @@
 #include "daemon/MarloDaemon.h"
 #include "support/fake_control_device.h"
 #include "support/log_capture.h"
-#include "support/marlod_process.h"
+#include "support/wait_until.h"
 #include "support/test_root.h"
 
 using marlo::test::ControlAnswer;
