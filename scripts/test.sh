@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
 # Installs, builds and runs every test of marlod: the test suite, then the
+# check of the device build description (scripts/check-android-bp.sh), the
 # same suite under the sanitizers (scripts/sanitize.sh) and a short run of
 # every fuzzer (scripts/fuzz.sh). MARLO_QUICK=1 runs the suite only.
 #
@@ -15,12 +16,15 @@ ctest --test-dir build --output-on-failure -j "$(nproc)" --timeout 120 2>&1 | te
 [ "${MARLO_QUICK:-0}" = 1 ] && exit 0
 
 start=$SECONDS
+device_build=0
+scripts/check-android-bp.sh || device_build=$?
 sanitize=0
 scripts/sanitize.sh || sanitize=$?
 fuzz=0
 scripts/fuzz.sh "${MARLO_FUZZ_SECONDS:-20}" || fuzz=$?
-echo "== hardening: sanitizers $([ $sanitize -eq 0 ] && echo passed || echo FAILED)," \
+echo "== device build description $([ $device_build -eq 0 ] && echo passed || echo FAILED);" \
+  "hardening: sanitizers $([ $sanitize -eq 0 ] && echo passed || echo FAILED)," \
   "fuzzers $([ $fuzz -eq 0 ] && echo passed || echo FAILED) in $((SECONDS - start)) s"
 echo "== test suite"
 sed -n '/tests passed/,$p' "$suite_log"
-[ $sanitize -eq 0 ] && [ $fuzz -eq 0 ]
+[ $device_build -eq 0 ] && [ $sanitize -eq 0 ] && [ $fuzz -eq 0 ]
