@@ -1,11 +1,5 @@
 // Compares the firmware that the co-processor runs with the versions shipped
 // on the device, and tells the flashless PSRAM variant apart.
-// GCC 12 reports its own regex compiler's std::function temporaries as
-// maybe-uninitialized once sanitizers are on; the warning is not about this
-// file's code.
-#if defined(__GNUC__) && !defined(__clang__)
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-#endif
 
 #include <cstring>
 #include <fstream>
