@@ -1,6 +1,5 @@
 // The DFU messages on "glink_pkt_marlo_dfu": ids, the 16-byte header, the
-// special-operation codes and the little-endian word helpers shared by the
-// download session and the special operations.
+// codes of the erase and state-query requests.
 //
 // Every message, in both directions, is one packet: a header of four
 // little-endian 32-bit words (command id, magic, total length, CRC-32 of the
@@ -10,6 +9,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <vector>
+
+#include "common/le32.h"
 
 namespace dfu {
 
@@ -64,22 +65,8 @@ enum dfu_special_operation : uint32_t {
   SPCL_OP_GET_DFU_STATE = 1,
 };
 
-inline void put_le32(uint8_t* p, uint32_t value) {
-  p[0] = static_cast<uint8_t>(value);
-  p[1] = static_cast<uint8_t>(value >> 8);
-  p[2] = static_cast<uint8_t>(value >> 16);
-  p[3] = static_cast<uint8_t>(value >> 24);
-}
-
-inline uint32_t get_le32(const uint8_t* p) {
-  return static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) |
-         (static_cast<uint32_t>(p[2]) << 16) | (static_cast<uint32_t>(p[3]) << 24);
-}
-
-inline void append_le32(std::vector<uint8_t>& out, uint32_t value) {
-  uint8_t word[4];
-  put_le32(word, value);
-  out.insert(out.end(), word, word + 4);
-}
+using marlo::append_le32;
+using marlo::get_le32;
+using marlo::put_le32;
 
 }  // namespace dfu

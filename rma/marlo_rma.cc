@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "common/crc32.h"
+#include "common/le32.h"
 #include "daemon/marlo_deamon_log.h"
 #include "glink/marlo_glink.h"
 #include "platform/os.h"
@@ -47,22 +48,10 @@ constexpr uint32_t kConnectBlockSize = 4096;
 constexpr uint32_t kWriteDone = 0;
 constexpr uint32_t kWriteFailed = 1;
 
-// A 32-bit little-endian field of a request. A message too short to hold the
-// field reads it as 0, so a short request is served with zero fields rather
-// than with bytes that never arrived.
-uint32_t field(const std::vector<uint8_t>& message, size_t offset) {
-  uint32_t value = 0;
-  if (message.size() >= offset + sizeof(value)) std::memcpy(&value, message.data() + offset, sizeof(value));
-  return value;
-}
-
 std::vector<uint8_t> words(std::initializer_list<uint32_t> values) {
-  std::vector<uint8_t> out(values.size() * sizeof(uint32_t));
-  size_t at = 0;
-  for (uint32_t value : values) {
-    std::memcpy(out.data() + at, &value, sizeof(value));
-    at += sizeof(value);
-  }
+  std::vector<uint8_t> out;
+  out.reserve(values.size() * sizeof(uint32_t));
+  for (uint32_t value : values) marlo::append_le32(out, value);
   return out;
 }
 
@@ -211,17 +200,17 @@ void marlo_rma::rma_conn_res_event_cb(const uint8_t* data, unsigned size) {
     return;
   }
   const std::vector<uint8_t> message(data, data + size);
-  switch (field(message, kCommandOffset)) {
+  switch (marlo::le32_at(message, kCommandOffset)) {
     case RMA_CONNECT: {
       MARLO_LOGD("GLINK_int received CONNECT ");
       const size_t covered = std::min<size_t>(message.size(), kConnectSize) - kCrcStart;
       const uint32_t crc = marlo::crc32(message.data() + kCrcStart, covered);
-      MARLO_LOGD("GLINK_int received CRC %d and CRC calculated %d size %d ", field(message, 0), crc, size);
-      memory_id = field(message, kMemoryIdOffset);
+      MARLO_LOGD("GLINK_int received CRC %d and CRC calculated %d size %d ", marlo::le32_at(message, 0), crc, size);
+      memory_id = marlo::le32_at(message, kMemoryIdOffset);
       file_memory_id = memory_id.load();
-      client_priv = field(message, kClientPrivOffset);
-      second_id = field(message, kSecondIdOffset);
-      const uint32_t partition_size = field(message, kSizeOffset);
+      client_priv = marlo::le32_at(message, kClientPrivOffset);
+      second_id = marlo::le32_at(message, kSecondIdOffset);
+      const uint32_t partition_size = marlo::le32_at(message, kSizeOffset);
       MARLO_LOGD("memory_id received CONNECT %d,partition_sz_bytes %d, client_priv %d ", memory_id.load(),
                  partition_size, client_priv.load());
       const std::string path = kPartitionDir + partition_name(memory_id);
@@ -246,26 +235,26 @@ void marlo_rma::rma_conn_res_event_cb(const uint8_t* data, unsigned size) {
     }
     case RMA_DISCONNECT: {
       MARLO_LOGD("GLINK_int received DISCONNECT ");
-      auto payload = words({memory_id, client_priv, field(message, kMemoryIdOffset), 0});
+      auto payload = words({memory_id, client_priv, marlo::le32_at(message, kMemoryIdOffset), 0});
       send_aon_request(RMA_DISCONNECT_RESP, payload.data(), static_cast<unsigned>(payload.size()));
       break;
     }
     case RMA_DATA_READ: {
       MARLO_LOGD("GLINK_int received DATA_READ 1");
-      const uint32_t request_word = field(message, kRequestWordOffset);
-      const uint32_t block_size = field(message, kSizeOffset);
-      std::vector<uint8_t> block = readFile(partition_name(memory_id), field(message, kSecondIdOffset), block_size);
+      const uint32_t request_word = marlo::le32_at(message, kRequestWordOffset);
+      const uint32_t block_size = marlo::le32_at(message, kSizeOffset);
+      std::vector<uint8_t> block = readFile(partition_name(memory_id), marlo::le32_at(message, kSecondIdOffset), block_size);
       MARLO_LOGD("prepare DATA_READ data:");
       std::vector<uint8_t> payload =
-          words({request_word, client_priv, field(message, kMemoryIdOffset), block_size, 0});
+          words({request_word, client_priv, marlo::le32_at(message, kMemoryIdOffset), block_size, 0});
       payload.insert(payload.end(), block.begin(), block.end());
       send_aon_request(RMA_DATA_READ_RESP, payload.data(), static_cast<unsigned>(payload.size()));
       break;
     }
     case RMA_DATA_WRITE: {
-      MARLO_LOGD("GLINK_int received DATA_WRITE and len %d", field(message, 4));
-      const uint32_t request_word = field(message, kRequestWordOffset);
-      const uint32_t block_size = field(message, kSizeOffset);
+      MARLO_LOGD("GLINK_int received DATA_WRITE and len %d", marlo::le32_at(message, 4));
+      const uint32_t request_word = marlo::le32_at(message, kRequestWordOffset);
+      const uint32_t block_size = marlo::le32_at(message, kSizeOffset);
       uint32_t result = kWriteFailed;
       // The block is taken only from bytes that arrived.
       if (message.size() < kBlockOffset || block_size > message.size() - kBlockOffset) {
@@ -273,12 +262,12 @@ void marlo_rma::rma_conn_res_event_cb(const uint8_t* data, unsigned size) {
       } else {
         const std::vector<uint8_t> block(message.begin() + kBlockOffset, message.begin() + kBlockOffset + block_size);
         const std::string path = kPartitionDir + partition_name(request_word);
-        if (AppendToFile(path, field(message, kSecondIdOffset), block_size,
+        if (AppendToFile(path, marlo::le32_at(message, kSecondIdOffset), block_size,
                          reinterpret_cast<const char*>(block.data())) == 0) {
           result = kWriteDone;
         }
       }
-      auto payload = words({request_word, client_priv, field(message, kMemoryIdOffset), block_size, result});
+      auto payload = words({request_word, client_priv, marlo::le32_at(message, kMemoryIdOffset), block_size, result});
       send_aon_request(RMA_DATA_WRITE_RESP, payload.data(), static_cast<unsigned>(payload.size()));
       break;
     }

@@ -6,16 +6,14 @@
 #include <cstdint>
 #include <vector>
 
+#include "common/le32.h"
+
 namespace marlo::sim {
 
 using Bytes = std::vector<uint8_t>;
 
 // The word at `offset`, 0 when the buffer is too short to hold it.
-inline uint32_t get_u32(const Bytes& b, size_t offset) {
-  if (offset + 4 > b.size()) return 0;
-  return static_cast<uint32_t>(b[offset]) | static_cast<uint32_t>(b[offset + 1]) << 8 |
-         static_cast<uint32_t>(b[offset + 2]) << 16 | static_cast<uint32_t>(b[offset + 3]) << 24;
-}
+inline uint32_t get_u32(const Bytes& b, size_t offset) { return marlo::le32_at(b, offset); }
 
 inline uint16_t get_u16(const Bytes& b, size_t offset) {
   if (offset + 2 > b.size()) return 0;
