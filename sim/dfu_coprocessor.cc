@@ -51,9 +51,11 @@ Bytes DfuCoprocessor::current_request() const {
 void DfuCoprocessor::ask(int fd) {
   Bytes request = current_request();
   if (request.empty()) return;
+  // Taken before the send: on one processor the host may answer before the
+  // send returns.
+  asked_at_ = std::chrono::steady_clock::now();
   send(fd, request);
   awaiting_ = true;
-  asked_at_ = std::chrono::steady_clock::now();
   deadline_ = asked_at_ + std::chrono::milliseconds(config_.resend_ms);
 }
 
@@ -72,7 +74,9 @@ void DfuCoprocessor::reject(int fd, const std::string& problem, bool crc) {
 }
 
 void DfuCoprocessor::on_packet(int fd, const Bytes& m) {
+  const auto received = std::chrono::steady_clock::now();
   std::lock_guard<std::mutex> lock(mutex_);
+  received_at_ = received;
   std::string problem = check_dfu_message(m);
   if (!problem.empty()) {
     reject(fd, problem, problem == "CRC mismatch");
@@ -188,7 +192,6 @@ void DfuCoprocessor::handle_info_resp(int fd, const Bytes& m) {
 }
 
 void DfuCoprocessor::handle_offset_resp(int fd, const Bytes& m) {
-  const auto answered = std::chrono::steady_clock::now();
   if (status_.state != kStateOffsetReq || m.size() < 28 || get_u32(m, 16) != status_.image_id ||
       get_u32(m, 20) != status_.offset || get_u32(m, 24) != status_.fragment_len) {
     ++status_.stale_answers;
@@ -209,7 +212,7 @@ void DfuCoprocessor::handle_offset_resp(int fd, const Bytes& m) {
   ++status_.fragments;
   status_.session_bytes += data_len;
   if (config_.on_fragment) {
-    config_.on_fragment({status_.image_id, status_.offset, static_cast<uint32_t>(data_len), asked_at_, answered});
+    config_.on_fragment({status_.image_id, status_.offset, static_cast<uint32_t>(data_len), asked_at_, received_at_});
   }
   if (config_.write_delay_ms > 0) std::this_thread::sleep_for(std::chrono::milliseconds(config_.write_delay_ms));
   status_.offset += static_cast<uint32_t>(data_len);

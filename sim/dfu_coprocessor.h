@@ -23,8 +23,9 @@
 
 namespace marlo::sim {
 
-// One fragment received whole: when its IMG_OFFSET_REQ went out and when
-// the answer arrived, both taken on the channel's thread.
+// One fragment received whole: when its IMG_OFFSET_REQ was about to go out
+// and when the answer had been received, before any check of it; both taken
+// on the channel's thread.
 struct FragmentTiming {
   uint32_t image_id = 0;
   uint32_t offset = 0;
@@ -100,6 +101,7 @@ class DfuCoprocessor : public ChannelServer {
   bool awaiting_ = false;
   std::chrono::steady_clock::time_point deadline_;
   std::chrono::steady_clock::time_point asked_at_;
+  std::chrono::steady_clock::time_point received_at_;  // of the packet being handled
 };
 
 }  // namespace marlo::sim
