@@ -116,7 +116,7 @@ class LogQueue {
         file_fd_ = file_path_.empty() ? -1 : ::open(file_path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
       }
     }
-    const bool was_empty = queued_bytes() == 0;
+    const size_t before = queued_bytes();
     append_record(records_, entry);
     if (urgent || exiting_ || !writer_running()) {
       lock.unlock();
@@ -125,7 +125,9 @@ class LogQueue {
       drain(lock);
       return;
     }
-    if (was_empty || queued_bytes() >= kBatchBytes) queued_.notify_one();
+    // The writer is woken for the first entry and once more when a full
+    // batch has gathered, not again for every later entry.
+    if (before == 0 || (before < kBatchBytes && queued_bytes() >= kBatchBytes)) queued_.notify_one();
     room_.wait(lock, [this] { return queued_bytes() <= kMaxQueuedBytes || !writer_running(); });
   }
 
