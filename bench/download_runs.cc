@@ -2,6 +2,7 @@
 
 #include <signal.h>
 
+#include <algorithm>
 #include <chrono>
 #include <fstream>
 #include <functional>
@@ -34,6 +35,16 @@ uint64_t peak_resident_bytes(pid_t pid) {
     if (line.rfind("VmHWM:", 0) == 0) return std::stoull(line.substr(6)) * 1024;  // "VmHWM:   1234 kB"
   }
   return 0;
+}
+
+uint64_t count_lines(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  uint64_t lines = 0;
+  char buffer[1 << 16];
+  while (in.read(buffer, sizeof(buffer)) || in.gcount() > 0) {
+    lines += static_cast<uint64_t>(std::count(buffer, buffer + in.gcount(), '\n'));
+  }
+  return lines;
 }
 
 bool wait_until(const std::function<bool()>& done, const std::function<bool()>& still_possible) {
@@ -69,8 +80,8 @@ DaemonDownload run_daemon_download(const std::string& marlod, uint32_t flash_byt
     sim::DeviceOptions options;
     options.dfu.on_fragment = recorder.hook();
     sim::VirtualDevice device(made.root, options);
-    const std::string logs = made.root + "/sim/marlod";
-    sim::DaemonProcess daemon({marlod, made.root, logs + ".log", kStderr, kTimeScale});
+    const std::string log_file = made.root + "/sim/marlod.log";
+    sim::DaemonProcess daemon({marlod, made.root, log_file, kStderr, kTimeScale});
     std::string error;
     if (!daemon.start(&error)) throw std::runtime_error(error);
     const bool finished = wait_until([&] { return device.dfu().status().sessions_completed >= 1; },
@@ -81,6 +92,7 @@ DaemonDownload run_daemon_download(const std::string& marlod, uint32_t flash_byt
     }
     result.vm_hwm = peak_resident_bytes(daemon.pid());
     stop_daemon(daemon);
+    result.log_entries = count_lines(log_file);
   }
   result.figures = recorder.figures();
   remove_root(made.root);

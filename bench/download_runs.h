@@ -14,6 +14,7 @@ struct DaemonDownload {
   DownloadFigures figures;
   uint64_t image_bytes = 0;  // every image the daemon loaded
   uint64_t vm_hwm = 0;       // the daemon's peak resident memory, bytes
+  uint64_t log_entries = 0;  // lines of its log file over the whole run
 };
 
 // build/marlod as a process against a virtual device whose flash.bin has

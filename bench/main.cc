@@ -3,10 +3,12 @@
 // plain synchronous write loop. Prints a table and, last, one line of key
 // figures.
 //
-//   build/marlo-bench [--marlod PATH] [--sizes MIB,MIB,...]
+//   build/marlo-bench [--marlod PATH] [--sizes MIB,MIB,...] [--unpinned]
 //
 // --marlod runs another executable as the daemon (a profiler wrapping it,
-// say); --sizes downloads other image sizes (default 1,16,64; at most 64).
+// say); --sizes downloads other image sizes (default 1,16,64; at most 64);
+// --unpinned leaves the placement of threads to the scheduler instead of
+// running everything on one processor (bench/placement.h).
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -16,6 +18,7 @@
 #include <vector>
 
 #include "bench/download_runs.h"
+#include "bench/placement.h"
 #include "bench/rma_run.h"
 #include "sim/daemon_process.h"
 
@@ -34,9 +37,24 @@ struct SizeRow {
   marlo::bench::DownloadFigures minimal;
 };
 
-void print_row(const char* who, uint32_t mib, const marlo::bench::DownloadFigures& f, const std::string& memory) {
-  std::printf("%-8u %-8s %9.1f %9.2f %10.1f %9.1f  %s\n", mib, who, f.mib_per_second(), f.ms_per_mib(), f.median_us,
-              f.p99_us, memory.c_str());
+double seconds_per_fragment(const marlo::bench::DownloadFigures& f) {
+  return f.fragments > 0 ? f.phase_seconds / f.fragments : 0;
+}
+
+// The daemon's row carries what it is compared on: the ratio to the minimal
+// responder, the time it adds to each request, its log entries per request
+// and its memory.
+void print_rows(const SizeRow& row) {
+  const marlo::bench::DownloadFigures& d = row.daemon.figures;
+  const marlo::bench::DownloadFigures& m = row.minimal;
+  const double ratio = d.ms_per_mib() > 0 ? m.ms_per_mib() / d.ms_per_mib() : 0;
+  const double added_us = (seconds_per_fragment(d) - seconds_per_fragment(m)) * 1e6;
+  const double logs = d.fragments > 0 ? static_cast<double>(row.daemon.log_entries) / d.fragments : 0;
+  std::printf("%-5u %-8s %8.1f %8.2f %6.2f %9.1f %7.1f %7.1f %6.1f  %.1f / %.1f\n", row.mib, "marlod",
+              d.mib_per_second(), d.ms_per_mib(), ratio, added_us, d.median_us, d.p99_us, logs,
+              row.daemon.vm_hwm / kMiB, row.daemon.image_bytes / kMiB);
+  std::printf("%-5u %-8s %8.1f %8.2f %6s %9s %7.1f %7.1f\n", row.mib, "minimal", m.mib_per_second(), m.ms_per_mib(),
+              "", "", m.median_us, m.p99_us);
 }
 
 double ratio_of_totals(const std::vector<SizeRow>& rows) {
@@ -78,14 +96,25 @@ std::vector<uint32_t> parse_sizes(const std::string& text) {
 int main(int argc, char** argv) {
   std::string marlod = marlo::sim::default_marlod_path();
   std::vector<uint32_t> sizes = {1, 16, 64};
+  bool pinned = true;
   for (int i = 1; i < argc; ++i) {
     if (std::strcmp(argv[i], "--marlod") == 0 && i + 1 < argc) {
       marlod = argv[++i];
+    } else if (std::strcmp(argv[i], "--unpinned") == 0) {
+      pinned = false;
     } else if (std::strcmp(argv[i], "--sizes") == 0 && i + 1 < argc && !(sizes = parse_sizes(argv[++i])).empty()) {
       continue;
     } else {
-      std::fprintf(stderr, "usage: %s [--marlod PATH] [--sizes MIB,MIB,...]\n", argv[0]);
+      std::fprintf(stderr, "usage: %s [--marlod PATH] [--sizes MIB,MIB,...] [--unpinned]\n", argv[0]);
       return 2;
+    }
+  }
+  std::string placement = "as the scheduler chooses";
+  if (pinned) {
+    placement = marlo::bench::run_on_one_processor();
+    if (placement.empty()) {
+      std::fprintf(stderr, "marlo-bench: cannot bind to one processor; run with --unpinned\n");
+      return 1;
     }
   }
   try {
@@ -106,28 +135,27 @@ int main(int argc, char** argv) {
     }
     const marlo::bench::RmaFigures rma = marlo::bench::run_rma_writes(marlod, kRmaPartitionBytes);
 
-    std::printf("DFU image phase, 4 KiB fragments, median of %d runs (latency: request sent to answer received, "
-                "co-processor side; peak RSS: the largest of the runs)\n",
-                kRuns);
-    std::printf("%-8s %-8s %9s %9s %10s %9s  %s\n", "MiB", "host", "MiB/s", "ms/MiB", "median_us", "p99_us",
-                "peak RSS / images (MiB)");
+    std::printf("DFU image phase, 4 KiB fragments, %s; median of %d runs\n", placement.c_str(), kRuns);
+    std::printf("(ratio: of the minimal responder's time per MiB; added: time the daemon adds per request; "
+                "latency: request sent to answer received; logs: daemon log entries per request; "
+                "peak RSS: the largest of the runs)\n");
+    std::printf("%-5s %-8s %8s %8s %6s %9s %7s %7s %6s  %s\n", "MiB", "host", "MiB/s", "ms/MiB", "ratio", "added_us",
+                "med_us", "p99_us", "logs", "peak RSS / images (MiB)");
     double rss_over_images = 0;
     for (const SizeRow& row : rows) {
-      const double rss = row.daemon.vm_hwm / kMiB;
-      const double images = row.daemon.image_bytes / kMiB;
-      rss_over_images = std::max(rss_over_images, rss - images);
-      char memory[64];
-      std::snprintf(memory, sizeof(memory), "%.1f / %.1f", rss, images);
-      print_row("marlod", row.mib, row.daemon.figures, memory);
-      print_row("minimal", row.mib, row.minimal, "");
+      rss_over_images = std::max(rss_over_images, (row.daemon.vm_hwm - static_cast<double>(row.daemon.image_bytes)) / kMiB);
+      print_rows(row);
     }
     const double growth = rows.back().daemon.figures.ms_per_mib() / rows.front().daemon.figures.ms_per_mib();
     const double dfu_ratio = ratio_of_totals(rows);
     const double rma_ratio = rma.daemon_blocks_per_second / rma.plain_blocks_per_second;
     std::printf("\nRMA DATA_WRITE, %d blocks of 4 KiB: marlod %.0f blocks/s, write+fdatasync loop %.0f blocks/s\n",
                 rma.blocks, rma.daemon_blocks_per_second, rma.plain_blocks_per_second);
-    std::printf("\ndfu_ratio=%.2f per_mib_growth=%.2f rss_over_images_mib=%.1f rma_ratio=%.2f\n", dfu_ratio, growth,
-                rss_over_images, rma_ratio);
+    const SizeRow& largest = rows.back();
+    const double added_us =
+        (seconds_per_fragment(largest.daemon.figures) - seconds_per_fragment(largest.minimal)) * 1e6;
+    std::printf("\ndfu_ratio=%.2f per_mib_growth=%.2f rss_over_images_mib=%.1f rma_ratio=%.2f added_us_per_request=%.1f\n",
+                dfu_ratio, growth, rss_over_images, rma_ratio, added_us);
   } catch (const std::exception& e) {
     std::fprintf(stderr, "marlo-bench: %s\n", e.what());
     return 1;
