@@ -143,7 +143,8 @@ int main(int argc, char** argv) {
                 "med_us", "p99_us", "logs", "peak RSS / images (MiB)");
     double rss_over_images = 0;
     for (const SizeRow& row : rows) {
-      rss_over_images = std::max(rss_over_images, (row.daemon.vm_hwm - static_cast<double>(row.daemon.image_bytes)) / kMiB);
+      const double rss_over = (static_cast<double>(row.daemon.vm_hwm) - row.daemon.image_bytes) / kMiB;
+      rss_over_images = std::max(rss_over_images, rss_over);
       print_rows(row);
     }
     const double growth = rows.back().daemon.figures.ms_per_mib() / rows.front().daemon.figures.ms_per_mib();
@@ -154,7 +155,8 @@ int main(int argc, char** argv) {
     const SizeRow& largest = rows.back();
     const double added_us =
         (seconds_per_fragment(largest.daemon.figures) - seconds_per_fragment(largest.minimal)) * 1e6;
-    std::printf("\ndfu_ratio=%.2f per_mib_growth=%.2f rss_over_images_mib=%.1f rma_ratio=%.2f added_us_per_request=%.1f\n",
+    std::printf("\ndfu_ratio=%.2f per_mib_growth=%.2f rss_over_images_mib=%.1f rma_ratio=%.2f "
+                "added_us_per_request=%.1f\n",
                 dfu_ratio, growth, rss_over_images, rma_ratio, added_us);
   } catch (const std::exception& e) {
     std::fprintf(stderr, "marlo-bench: %s\n", e.what());
