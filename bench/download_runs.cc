@@ -20,12 +20,7 @@ namespace marlo::bench {
 namespace {
 
 constexpr auto kDownloadLimit = std::chrono::seconds(180);
-// Keeps the daemon's fixed waits before the download short; the download
-// itself has none.
 constexpr double kTimeScale = 0.01;
-// As under init, the daemon's standard error goes nowhere; its log goes to
-// the JSON file.
-constexpr const char* kStderr = "/dev/null";
 
 // VmHWM of /proc/<pid>/status, in bytes; 0 when unreadable.
 uint64_t peak_resident_bytes(pid_t pid) {
@@ -59,6 +54,10 @@ bool wait_until(const std::function<bool()>& done, const std::function<bool()>& 
 
 }  // namespace
 
+sim::DaemonSettings daemon_settings(const std::string& marlod, const std::string& root, const std::string& log_file) {
+  return {marlod, root, log_file, "/dev/null", kTimeScale};
+}
+
 void stop_daemon(sim::DaemonProcess& daemon) {
   // SIGTERM first, so that a profiler wrapping the daemon writes its output.
   if (daemon.pid() > 0 && ::kill(daemon.pid(), SIGTERM) == 0) {
@@ -81,7 +80,7 @@ DaemonDownload run_daemon_download(const std::string& marlod, uint32_t flash_byt
     options.dfu.on_fragment = recorder.hook();
     sim::VirtualDevice device(made.root, options);
     const std::string log_file = made.root + "/sim/marlod.log";
-    sim::DaemonProcess daemon({marlod, made.root, log_file, kStderr, kTimeScale});
+    sim::DaemonProcess daemon(daemon_settings(marlod, made.root, log_file));
     std::string error;
     if (!daemon.start(&error)) throw std::runtime_error(error);
     const bool finished = wait_until([&] { return device.dfu().status().sessions_completed >= 1; },

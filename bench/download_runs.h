@@ -21,6 +21,11 @@ struct DaemonDownload {
 // `flash_bytes`; throws std::runtime_error when the download does not finish.
 DaemonDownload run_daemon_download(const std::string& marlod, uint32_t flash_bytes);
 
+// How the benchmark runs `marlod` on a device root: as under init, standard
+// error going nowhere and the log going to `log_file`; the fixed waits
+// before any transfer shortened by the time scale (transfers have none).
+sim::DaemonSettings daemon_settings(const std::string& marlod, const std::string& root, const std::string& log_file);
+
 // Ends the daemon: SIGTERM, a while to exit, then SIGKILL.
 void stop_daemon(sim::DaemonProcess& daemon);
 

@@ -19,10 +19,6 @@ namespace marlo::bench {
 namespace {
 
 constexpr uint32_t kBlock = 4096;
-constexpr double kTimeScale = 0.01;
-// As under init, the daemon's standard error goes nowhere; its log goes to
-// the JSON file.
-constexpr const char* kStderr = "/dev/null";
 constexpr auto kRunLimit = std::chrono::seconds(120);
 
 // The blocks written in place into an existing file of the partition's size,
@@ -68,8 +64,7 @@ RmaFigures run_rma_writes(const std::string& marlod, uint32_t partition_bytes) {
     options.rma.partitions = {{7, 1, partition_bytes}};
     options.rma.block_size = kBlock;
     sim::VirtualDevice device(made.root, options);
-    const std::string logs = made.root + "/sim/marlod";
-    sim::DaemonProcess daemon({marlod, made.root, logs + ".log", kStderr, kTimeScale});
+    sim::DaemonProcess daemon(daemon_settings(marlod, made.root, made.root + "/sim/marlod.log"));
     std::string error;
     if (!daemon.start(&error)) throw std::runtime_error(error);
     const auto deadline = std::chrono::steady_clock::now() + kRunLimit;
