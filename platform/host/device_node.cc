@@ -90,6 +90,13 @@ int connect_node(const std::string& socket_path) {
     errno = err;
     return -1;
   }
+  // A packet is one message, and a message may not exceed the socket's send
+  // buffer: room for the largest packet a channel carries (beyond the
+  // system's limit for unprivileged processes where the caller may).
+  int send_buffer = static_cast<int>(kMaxPacket) + 4096;
+  if (::setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &send_buffer, sizeof(send_buffer)) != 0) {
+    ::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &send_buffer, sizeof(send_buffer));
+  }
   // A device that never answers the open fails it instead of hanging it.
   struct timeval limit = {kOpenStatusTimeoutSeconds, 0};
   ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
