@@ -51,6 +51,7 @@ MarloDaemon::~MarloDaemon() = default;
 
 void MarloDaemon::startMarloDaemon() {
   __android_log_print(ANDROID_LOG_INFO, nullptr, "Start Marlo Daemon");
+  marlo_rma::remove_stale_temporaries();  // before the RMA channel can be served
   g_marlo_daemon = this;
   g_daemon_state = 1;
   getMarloPILDevice();

@@ -14,10 +14,13 @@
 #include "daemon/marlo_deamon_log.h"
 #include "glink/marlo_glink.h"
 #include "platform/os.h"
+#include "rma/rma_backing_store.h"
+#include "rma/rma_file.h"
 
 namespace {
 
-const char* const kPartitionDir = "/data/vendor/aon/";
+using marlo::rma::kPartitionDir;
+
 constexpr uint32_t kReadSize = 40;
 
 enum rma_command : uint32_t {
@@ -47,49 +50,18 @@ constexpr uint32_t kConnectVersion = 3;
 constexpr uint32_t kConnectBlockSize = 4096;
 constexpr uint32_t kWriteDone = 0;
 constexpr uint32_t kWriteFailed = 1;
+// A DATA_READ answer is one packet: header, five words, the block. A larger
+// block is answered as a read that failed, so that no size the co-processor
+// names makes the daemon allocate more than one packet.
+constexpr size_t kReadAnswerWords = 5;
+constexpr uint32_t kMaxReadBlock =
+    marlo_glink::kMaxPacketSize - static_cast<uint32_t>(kHeaderSize + kReadAnswerWords * sizeof(uint32_t));
 
 std::vector<uint8_t> words(std::initializer_list<uint32_t> values) {
   std::vector<uint8_t> out;
   out.reserve(values.size() * sizeof(uint32_t));
   for (uint32_t value : values) marlo::append_le32(out, value);
   return out;
-}
-
-// Closes a descriptor of a backing file when it goes out of scope.
-struct file_descriptor {
-  explicit file_descriptor(int value) : fd(value) {}
-  ~file_descriptor() {
-    if (fd >= 0) platform::close(fd);
-  }
-  file_descriptor(const file_descriptor&) = delete;
-  file_descriptor& operator=(const file_descriptor&) = delete;
-  int fd;
-};
-
-// Writes all of `length` bytes; false when the file system refused.
-bool write_all(int fd, const uint8_t* data, uint64_t length) {
-  while (length > 0) {
-    ssize_t n = platform::write(fd, data, static_cast<size_t>(std::min<uint64_t>(length, 1u << 20)));
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    data += n;
-    length -= static_cast<uint64_t>(n);
-  }
-  return true;
-}
-
-// Fills a new backing file with `size` zero bytes and puts them on stable
-// storage, in bounded chunks whatever the partition size.
-bool fill_with_zeros(int fd, uint64_t size) {
-  static const uint8_t kZeros[64 * 1024] = {};
-  while (size > 0) {
-    uint64_t chunk = std::min<uint64_t>(size, sizeof(kZeros));
-    if (!write_all(fd, kZeros, chunk)) return false;
-    size -= chunk;
-  }
-  // The file's contents are on a regular file system: fdatasync on the
-  // descriptor itself.
-  return ::fdatasync(fd) == 0;
 }
 
 }  // namespace
@@ -123,14 +95,19 @@ void marlo_rma::rma_conn_error_cb(glink_interface_error error) {
 
 int marlo_rma::send_aon_request(unsigned command, const uint8_t* payload, unsigned length) {
   const bool has_payload = payload != nullptr && length != 0;
-  std::vector<uint8_t> message(kHeaderSize + (has_payload ? length : 0));
+  std::vector<uint8_t> message;
+  message.reserve(kHeaderSize + (has_payload ? length : 0));
+  message.resize(kHeaderSize);
+  if (has_payload) message.insert(message.end(), payload, payload + length);
+  return send_message(command, message);
+}
+
+int marlo_rma::send_message(unsigned command, std::vector<uint8_t>& message) {
   const uint32_t total = static_cast<uint32_t>(message.size());
-  std::memcpy(message.data() + 4, &total, sizeof(total));
-  const uint32_t command_id = command;
-  std::memcpy(message.data() + kCommandOffset, &command_id, sizeof(command_id));
-  if (has_payload) std::memcpy(message.data() + kHeaderSize, payload, length);
+  marlo::put_le32(message.data() + 4, total);
+  marlo::put_le32(message.data() + kCommandOffset, command);
   const uint32_t crc = marlo::crc32(message.data() + kCrcStart, message.size() - kCrcStart);
-  std::memcpy(message.data(), &crc, sizeof(crc));
+  marlo::put_le32(message.data(), crc);
   MARLO_LOGD("send_aon_request %x", crc);
   glink_interface* transport = glinkInterface;
   if (transport == nullptr) {
@@ -140,42 +117,46 @@ int marlo_rma::send_aon_request(unsigned command, const uint8_t* payload, unsign
   return transport->send_request(message.data(), total);
 }
 
+void marlo_rma::remove_stale_temporaries() { marlo::rma::remove_stale_temporaries(); }
+
 std::string marlo_rma::partition_name(uint32_t last) const {
   return std::to_string(file_memory_id.load()) + std::to_string(second_id.load()) + std::to_string(last);
 }
 
-std::vector<uint8_t> marlo_rma::readFile(std::string name, unsigned offset, unsigned size) {
+bool marlo_rma::append_block(const std::string& name, unsigned offset, unsigned size, std::vector<uint8_t>& out) {
   const std::string path = kPartitionDir + name;
   MARLO_LOGD("readFile Path : %s and size :%d ", path.c_str(), size);
-  file_descriptor file(platform::open(path.c_str(), O_RDONLY));
+  marlo::rma::file_descriptor file(platform::open(path.c_str(), O_RDONLY));
   struct stat st;
-  if (file.fd < 0 || ::fstat(file.fd, &st) != 0) {
+  if (!file.valid() || ::fstat(file.get(), &st) != 0) {
     MARLO_LOGE("File open failed : %s", path.c_str());
-    return {};
+    return false;
   }
-  // Never more than the partition file can hold, whatever was asked for; a
-  // block reaching past its end reads the missing bytes as zeros.
-  const uint64_t file_size = static_cast<uint64_t>(st.st_size);
-  std::vector<uint8_t> data(static_cast<size_t>(std::min<uint64_t>(size, file_size)), 0);
-  size_t done = 0;
-  while (done < data.size()) {
-    ssize_t n = platform::pread(file.fd, data.data() + done, data.size() - done, static_cast<off_t>(offset) + done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) MARLO_LOGE("read of %s failed: %s", path.c_str(), strerror(errno));
-    if (n <= 0) break;
-    done += static_cast<size_t>(n);
+  // The block is clipped to the file's size; the bytes of it that lie past
+  // the end of the file are zeros.
+  const size_t length = static_cast<size_t>(std::min<uint64_t>(size, static_cast<uint64_t>(st.st_size)));
+  const size_t at = out.size();
+  out.resize(at + length, 0);
+  if (marlo::rma::read_at(file.get(), out.data() + at, length, offset) < 0) {
+    MARLO_LOGE("read of %s failed: %s", path.c_str(), strerror(errno));
   }
-  MARLO_LOGD("read : %d", static_cast<int>(data.size()));
+  MARLO_LOGD("read : %d", static_cast<int>(length));
+  return true;
+}
+
+std::vector<uint8_t> marlo_rma::readFile(std::string name, unsigned offset, unsigned size) {
+  std::vector<uint8_t> data;
+  append_block(name, offset, size, data);
   return data;
 }
 
 int marlo_rma::AppendToFile(const std::string& path, unsigned offset, unsigned size, const char* data) {
-  file_descriptor file(platform::open(path.c_str(), O_RDWR));
-  if (file.fd < 0) {
+  marlo::rma::file_descriptor file(platform::open(path.c_str(), O_RDWR));
+  if (!file.valid()) {
     MARLO_LOGE("Cannot open file %s", path.c_str());
     return -1;
   }
-  const off_t end = ::lseek(file.fd, 0, SEEK_END);
+  const off_t end = ::lseek(file.get(), 0, SEEK_END);
   const uint64_t file_size = end < 0 ? 0 : static_cast<uint64_t>(end);
   if (offset > file_size || static_cast<uint64_t>(offset) + size > file_size) {
     MARLO_LOGE("block of %u bytes at %u does not fit the %llu-byte file %s", size, offset,
@@ -184,8 +165,9 @@ int marlo_rma::AppendToFile(const std::string& path, unsigned offset, unsigned s
   }
   MARLO_LOGD("write to file : %d", size);
   if (data != nullptr) {
-    if (::lseek(file.fd, static_cast<off_t>(offset), SEEK_SET) < 0 ||
-        !write_all(file.fd, reinterpret_cast<const uint8_t*>(data), size) || ::fdatasync(file.fd) != 0) {
+    if (::lseek(file.get(), static_cast<off_t>(offset), SEEK_SET) < 0 ||
+        !marlo::rma::write_all(file.get(), reinterpret_cast<const uint8_t*>(data), size) ||
+        ::fdatasync(file.get()) != 0) {
       MARLO_LOGE("write to file %s failed: %s", path.c_str(), strerror(errno));
       return -1;
     }
@@ -213,21 +195,19 @@ void marlo_rma::rma_conn_res_event_cb(const uint8_t* data, unsigned size) {
       const uint32_t partition_size = marlo::le32_at(message, kSizeOffset);
       MARLO_LOGD("memory_id received CONNECT %d,partition_sz_bytes %d, client_priv %d ", memory_id.load(),
                  partition_size, client_priv.load());
-      const std::string path = kPartitionDir + partition_name(memory_id);
-      int fd = platform::open(path.c_str(), O_CREAT | O_EXCL | O_WRONLY, 0600);
-      if (fd < 0 && errno == EEXIST) {
-        MARLO_LOGE("file exists %s  ", path.c_str());
-      } else if (fd < 0) {
-        MARLO_LOGE("File opening failed");
-      } else {
-        file_descriptor file(fd);
-        if (!fill_with_zeros(fd, partition_size)) {
-          // An incomplete partition would be kept as it is by the next
-          // CONNECT: remove it so that the next one creates it anew.
-          MARLO_LOGE("creating %s failed: %s", path.c_str(), strerror(errno));
-          ::unlink(platform::path(path).c_str());
-        }
-        MARLO_LOGD("size of file %d ", static_cast<int>(partition_size));
+      const std::string name = partition_name(memory_id);
+      switch (marlo::rma::create_backing_file(name, partition_size)) {
+        case marlo::rma::create_result::exists:
+          MARLO_LOGE("file exists %s  ", (kPartitionDir + name).c_str());
+          break;
+        case marlo::rma::create_result::failed:
+          MARLO_LOGE("File opening failed");
+          break;
+        case marlo::rma::create_result::refused:  // logged with the policy's figures
+          break;
+        case marlo::rma::create_result::created:
+          MARLO_LOGD("size of file %d ", static_cast<int>(partition_size));
+          break;
       }
       auto payload = words({client_priv, 0, memory_id, kConnectVersion, kConnectBlockSize, kConnectBlockSize});
       send_aon_request(RMA_CONNECT_RESP, payload.data(), static_cast<unsigned>(payload.size()));
@@ -241,14 +221,23 @@ void marlo_rma::rma_conn_res_event_cb(const uint8_t* data, unsigned size) {
     }
     case RMA_DATA_READ: {
       MARLO_LOGD("GLINK_int received DATA_READ 1");
-      const uint32_t request_word = marlo::le32_at(message, kRequestWordOffset);
       const uint32_t block_size = marlo::le32_at(message, kSizeOffset);
-      std::vector<uint8_t> block = readFile(partition_name(memory_id), marlo::le32_at(message, kSecondIdOffset), block_size);
+      // The answer is built in place: header, the echoed words, then the
+      // block read straight behind them.
+      std::vector<uint8_t> answer(kHeaderSize);
+      answer.reserve(kHeaderSize + kReadAnswerWords * sizeof(uint32_t));
+      for (uint32_t word : {marlo::le32_at(message, kRequestWordOffset), client_priv.load(),
+                            marlo::le32_at(message, kMemoryIdOffset), block_size, 0u}) {
+        marlo::append_le32(answer, word);
+      }
+      if (block_size > kMaxReadBlock) {
+        MARLO_LOGE("DATA_READ block of %u bytes does not fit one packet (at most %u), answered as a failed read",
+                   block_size, kMaxReadBlock);
+      } else {
+        append_block(partition_name(memory_id), marlo::le32_at(message, kSecondIdOffset), block_size, answer);
+      }
       MARLO_LOGD("prepare DATA_READ data:");
-      std::vector<uint8_t> payload =
-          words({request_word, client_priv, marlo::le32_at(message, kMemoryIdOffset), block_size, 0});
-      payload.insert(payload.end(), block.begin(), block.end());
-      send_aon_request(RMA_DATA_READ_RESP, payload.data(), static_cast<unsigned>(payload.size()));
+      send_message(RMA_DATA_READ_RESP, answer);
       break;
     }
     case RMA_DATA_WRITE: {
@@ -260,10 +249,9 @@ void marlo_rma::rma_conn_res_event_cb(const uint8_t* data, unsigned size) {
       if (message.size() < kBlockOffset || block_size > message.size() - kBlockOffset) {
         MARLO_LOGE("DATA_WRITE block of %u bytes is larger than the %u-byte message", block_size, size);
       } else {
-        const std::vector<uint8_t> block(message.begin() + kBlockOffset, message.begin() + kBlockOffset + block_size);
         const std::string path = kPartitionDir + partition_name(request_word);
         if (AppendToFile(path, marlo::le32_at(message, kSecondIdOffset), block_size,
-                         reinterpret_cast<const char*>(block.data())) == 0) {
+                         reinterpret_cast<const char*>(message.data() + kBlockOffset)) == 0) {
           result = kWriteDone;
         }
       }

@@ -27,6 +27,9 @@ class marlo_rma {
   void rma_conn_res_event_cb(const uint8_t* data, unsigned size);
   void rma_conn_error_cb(glink_interface_error error);
   int send_aon_request(unsigned command, const uint8_t* payload, unsigned length);
+  // Removes what an interrupted creation of a backing file left behind;
+  // called at the daemon's start-up, before the channel is served.
+  static void remove_stale_temporaries();
   // Up to `size` bytes of the backing file "/data/vendor/aon/<name>" from
   // `offset`, never more than the file holds.
   std::vector<uint8_t> readFile(std::string name, unsigned offset, unsigned size);
@@ -37,6 +40,13 @@ class marlo_rma {
  private:
   // The backing file's name after "/data/vendor/aon/": three decimal numbers.
   std::string partition_name(uint32_t last) const;
+  // Completes `message` (12 header bytes, then the payload) with its length,
+  // command id and CRC, and sends it.
+  int send_message(unsigned command, std::vector<uint8_t>& message);
+  // Appends to `out` the bytes of the backing file "/data/vendor/aon/<name>"
+  // from `offset` that an answer to a read of `size` bytes carries; false
+  // when the file cannot be opened.
+  bool append_block(const std::string& name, unsigned offset, unsigned size, std::vector<uint8_t>& out);
 
   std::atomic<uint32_t> memory_id{0};
   std::atomic<uint32_t> client_priv{0};

@@ -1,13 +1,17 @@
 // The RMA client serving a virtual co-processor on a real packet channel.
 #include "rma/marlo_rma.h"
 
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <zlib.h>
 
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <filesystem>
 #include <initializer_list>
 #include <memory>
 #include <string>
@@ -68,10 +72,10 @@ class RmaTest : public ::testing::Test {
     return request(command, {word, memory_id, offset, size, 0}, block);
   }
 
-  // The next answer, checked for its length field and CRC.
+  // The next answer (up to one whole packet), checked for its length field and CRC.
   Bytes receive() {
-    Bytes answer(1 << 16);
-    long n = sim::receive_packet(peer_, answer.data(), answer.size(), 5000);
+    Bytes answer;
+    long n = sim::receive_message(peer_, answer, 5000);
     answer.resize(n < 12 ? 12 : static_cast<size_t>(n));
     EXPECT_EQ(word_at(answer, 4), answer.size());
     EXPECT_EQ(word_at(answer, 0), ::crc32(0, answer.data() + 4, static_cast<uInt>(answer.size() - 4)));
@@ -136,14 +140,102 @@ TEST_F(RmaTest, HostileSizesNeitherOverReadNorOverAllocate) {
   // A message too short for its fields: missing fields read as 0, no block.
   answer = exchange(request(512, {7, 7}));
   EXPECT_EQ(words(answer, 5), (std::vector<uint32_t>{7, 99, 7, 0, 1}));
-  // A read of 4 GiB gets at most the partition.
+  // A read of 4 GiB is answered as a failed read: the echoed words, no data.
   answer = exchange(data_request(256, 1, 7, 0, 0xFFFFFFFFu));
-  EXPECT_EQ(answer.size(), 32u + 4096u);
+  EXPECT_EQ(answer.size(), 32u);
+  EXPECT_EQ(words(answer, 5), (std::vector<uint32_t>{1, 99, 7, 0xFFFFFFFFu, 0}));
+  EXPECT_TRUE(log_.contains("does not fit one packet"));
   // Shorter than a header (the transport pads runts to its first read, so
   // it is handed in directly): dropped; the next request is answered.
   const uint8_t runt[3] = {2, 0, 0};
   rma_->rma_conn_res_event_cb(runt, sizeof(runt));
   EXPECT_EQ(word_at(exchange(request(2, {0, 7})), 8), 3u);
+}
+
+TEST_F(RmaTest, ReadAnswerIsServedUpToOnePacketAndFailsBeyond) {
+  constexpr uint32_t kPacket = 1u << 20;
+  exchange(connect_request(7, 5, kPacket, 99));
+  Bytes tail = {'e', 'n', 'd'};
+  exchange(data_request(512, 7, 7, kPacket - 35, 3, tail));
+  // Header, five words and the block fill one packet exactly.
+  Bytes answer = exchange(data_request(256, 2, 7, 0, kPacket - 32));
+  ASSERT_EQ(answer.size(), kPacket);
+  EXPECT_EQ(words(answer, 5), (std::vector<uint32_t>{2, 99, 7, kPacket - 32, 0}));
+  EXPECT_EQ(Bytes(answer.end() - 3, answer.end()), tail);
+  // One byte more would not fit: a failed read.
+  answer = exchange(data_request(256, 3, 7, 0, kPacket - 31));
+  EXPECT_EQ(answer.size(), 32u);
+  EXPECT_EQ(words(answer, 5), (std::vector<uint32_t>{3, 99, 7, kPacket - 31, 0}));
+}
+
+TEST_F(RmaTest, StoragePolicyRefusesPartitionsBeyondItsCapsAndKeepsExistingFiles) {
+  constexpr uint64_t kMiB = 1u << 20;
+  // A partition above the per-file cap: answered as usual, never created,
+  // so that writes fail and reads answer as failed reads.
+  Bytes answer = exchange(connect_request(7, 5, 64 * kMiB + 1, 99));
+  EXPECT_EQ(words(answer, 6), (std::vector<uint32_t>{99, 0, 7, 3, 4096, 4096}));
+  EXPECT_FALSE(root_.exists("/data/vendor/aon/757"));
+  EXPECT_TRUE(log_.contains("bytes a backing file may hold, not created"));
+  EXPECT_EQ(words(exchange(data_request(512, 7, 7, 0, 1, {'x'})), 5)[4], 1u);
+  answer = exchange(data_request(256, 7, 7, 0, 16));
+  EXPECT_EQ(answer.size(), 32u);
+
+  // Existing (sparse) files hold all but 8 KiB of the directory's cap: a
+  // partition of 8 KiB fits exactly, one byte more does not.
+  const uint64_t existing[] = {200 * kMiB, 56 * kMiB - 8192};
+  for (uint64_t size : existing) {
+    const std::string name = "/data/vendor/aon/" + std::to_string(size);
+    root_.write(name, "");
+    ASSERT_EQ(::truncate(root_.at(name).c_str(), static_cast<off_t>(size)), 0);
+  }
+  exchange(connect_request(1, 1, 8192, 5));
+  EXPECT_EQ(root_.read("/data/vendor/aon/111"), std::string(8192, '\0'));
+  exchange(connect_request(2, 2, 1, 5));
+  EXPECT_FALSE(root_.exists("/data/vendor/aon/222"));
+  EXPECT_TRUE(log_.contains("to more than its 268435456 bytes, not created"));
+  for (uint64_t size : existing) {
+    struct stat st;
+    ASSERT_EQ(::stat(root_.at("/data/vendor/aon/" + std::to_string(size)).c_str(), &st), 0);
+    EXPECT_EQ(static_cast<uint64_t>(st.st_size), size) << "existing files are never touched";
+  }
+}
+
+// A crash while a backing file is being created: the child running the
+// CONNECT is killed by the file-size limit part-way through the zeros.
+TEST_F(RmaTest, CreationKilledHalfWayLeavesOnlyATemporaryThatStartUpRemoves) {
+  pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    struct rlimit no_core = {0, 0}, limit = {4096, 4096};
+    ::setrlimit(RLIMIT_CORE, &no_core);
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+    ::signal(SIGXFSZ, SIG_DFL);
+    marlo_deamon_log::set_level(marlo_deamon_log::LOG_LEVEL_NONE);  // no log lock taken after the fork
+    Bytes connect = connect_request(7, 5, 8192, 99);
+    marlo_rma().rma_conn_res_event_cb(connect.data(), static_cast<unsigned>(connect.size()));
+    ::_exit(0);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGXFSZ) << "status " << status;
+  auto names = [this] {
+    std::vector<std::string> out;
+    for (const auto& entry : std::filesystem::directory_iterator(root_.at("/data/vendor/aon"))) {
+      out.push_back(entry.path().filename());
+    }
+    return out;
+  };
+  std::vector<std::string> left = names();
+  ASSERT_EQ(left.size(), 1u) << "the partial file";
+  EXPECT_NE(left[0], "757") << "a partition name was given to a partial file";
+
+  root_.write("/data/vendor/aon/123", "kept");
+  marlo_rma::remove_stale_temporaries();
+  EXPECT_EQ(names(), std::vector<std::string>{"123"});
+  exchange(connect_request(7, 5, 8192, 99));
+  const std::string created = root_.read("/data/vendor/aon/757");
+  EXPECT_EQ(created.size(), 8192u);
+  EXPECT_EQ(created.find_first_not_of('\0'), std::string::npos);
 }
 
 TEST_F(RmaTest, DisconnectAnswersStoredIdsAndUnknownCommandsGoUnanswered) {
