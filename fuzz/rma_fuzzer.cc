@@ -5,27 +5,30 @@
 // answers over a real RMA channel whose co-processor end checks every
 // answer's length word and CRC.
 //
-// Backing files are capped by a file-size limit (RLIMIT_FSIZE, with SIGXFSZ
-// ignored): a CONNECT may ask for a partition of up to 4 GiB, and creating
-// it must then fail cleanly instead of filling the disk. The directory is
-// emptied after each input.
-#include <signal.h>
-#include <sys/resource.h>
-
+// No file-size limit hides what a CONNECT asks for: the storage policy alone
+// bounds the backing files, and after each input the harness checks that it
+// held (no file above the per-file cap, the directory within its cap, no
+// temporary left by a creation) before emptying the directory. The scratch
+// root is on tmpfs, so one input occupies at most the policy's 256 MiB of
+// memory, and only until it ends.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <string>
 #include <vector>
 
 #include "fuzz/packet_sink.h"
 #include "fuzz/scratch_root.h"
 #include "rma/marlo_rma.h"
+#include "rma/rma_backing_store.h"
 #include "sim/device_root.h"
 
 namespace {
 
-constexpr rlim_t kFileSizeLimit = 256 * 1024;
 constexpr const char* kBackingDir = "/data/vendor/aon";
 
 struct Client {
@@ -36,9 +39,6 @@ struct Client {
 Client* client() {
   static Client* c = [] {
     marlo::sim::build_device_root(marlo::fuzz::scratch_root(), marlo::sim::RootOptions{});
-    ::signal(SIGXFSZ, SIG_IGN);
-    struct rlimit limit = {kFileSizeLimit, kFileSizeLimit};
-    if (::setrlimit(RLIMIT_FSIZE, &limit) != 0) std::abort();
     auto* created = new Client;
     created->channel =
         std::make_unique<marlo::fuzz::PacketSink>("/dev/glink_pkt_marlo_rma", marlo::fuzz::check_rma_packet);
@@ -46,6 +46,28 @@ Client* client() {
     return created;
   }();
   return c;
+}
+
+[[noreturn]] void violated(const char* what, const std::string& name, uint64_t bytes) {
+  std::fprintf(stderr, "storage policy violated: %s (%s, %llu bytes)\n", what, name.c_str(),
+               static_cast<unsigned long long>(bytes));
+  std::abort();
+}
+
+// What the input left in the backing directory must be within the policy.
+void check_backing_dir() {
+  namespace fs = std::filesystem;
+  uint64_t total = 0;
+  std::error_code ignored;
+  for (const auto& entry : fs::directory_iterator(marlo::fuzz::scratch_root() + kBackingDir, ignored)) {
+    const std::string name = entry.path().filename();
+    if (!entry.is_regular_file(ignored)) continue;
+    const uint64_t size = entry.file_size(ignored);
+    if (name.find(marlo::rma::kTemporarySuffix) != std::string::npos) violated("temporary left", name, size);
+    if (size > marlo::rma::kMaxPartitionBytes) violated("backing file above its cap", name, size);
+    total += size;
+  }
+  if (total > marlo::rma::kMaxStorageBytes) violated("directory above its cap", kBackingDir, total);
 }
 
 }  // namespace
@@ -61,6 +83,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     c->rma.rma_conn_res_event_cb(message.data(), static_cast<unsigned>(message.size()));
     at += length;
   }
+  check_backing_dir();
   marlo::fuzz::empty_dir(kBackingDir);
   return 0;
 }
