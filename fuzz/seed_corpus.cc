@@ -105,6 +105,31 @@ void dfu_seeds() {
   }
 }
 
+// Plan byte, then length-prefixed messages (one length byte each).
+void dfu_setup_race_seeds() {
+  const Bytes info = dfu(3, {1});
+  const Bytes offset = dfu(5, {1, 0, 4096});
+  const Bytes partition = dfu(5, {2, 8192, 1024});
+  const Bytes erase_done = dfu(14, {0, 0, 0, 0, 0, 0, 0});
+  const Bytes state_offset = dfu(14, {1, 0, 0, 2, 1, 4096, 4096});
+  const Bytes session_end = dfu(11, {});
+  const std::pair<const char*, std::vector<Bytes>> flows[] = {
+      {"requests", {info, offset, info, partition, offset, partition}},
+      {"erase_then_resume", {erase_done, erase_done, erase_done, state_offset, offset}},
+      {"session_end_in_between", {info, offset, session_end, info, offset}},
+  };
+  for (const auto& [name, flow] : flows) {
+    for (uint8_t plan : {0x00, 0x21, 0x32, 0x53}) {
+      Bytes input{plan};
+      for (const Bytes& m : flow) {
+        input.push_back(static_cast<uint8_t>(m.size()));
+        append(input, m);
+      }
+      seed("dfu_setup_race_fuzzer", std::string(name) + "_" + std::to_string(plan), input);
+    }
+  }
+}
+
 void rma_seeds() {
   const Bytes connect = rma(0, words({0, 7, 1, 8192, 0, 0x00C0FFEE}));  // 40 bytes
   Bytes block(1024, 0x5A);
@@ -210,6 +235,7 @@ int main(int argc, char** argv) {
   }
   g_out = argv[1];
   dfu_seeds();
+  dfu_setup_race_seeds();
   rma_seeds();
   transport_seeds();
   partition_seeds();

@@ -6,6 +6,7 @@
 // one special operation is outstanding at a time.
 #include <cstdint>
 #include <ctime>
+#include <memory>
 #include <string>
 
 #include "daemon/marlo_deamon_log.h"
@@ -65,12 +66,14 @@ void marlo_fw_updater::getCurrentDFUStateAndContinueDownload() {
 
 void marlo_fw_updater::eraseAllRAWPartition() {
   MARLO_LOGD("eraseAllRAWPartition");
-  for (auto& resource : fw_resources) {
-    if (resource->erased || !resource->isErasable || resource->xml_size == 0) continue;
+  const std::shared_ptr<const fw_resource_list> resources = fwResourcesSnapshot();
+  for (const auto& resource : *resources) {
+    if (!resource->isErasable || resource->xml_size == 0) continue;
+    // Claimed before the request goes out: the answer is handled on the
+    // reader thread, which must already see this partition as done, and an
+    // early answer may start a walk there while this one runs.
+    if (resource->erased.exchange(true)) continue;
     reportDFU("Erase Requested for partition: " + resource->partition_name, Callback::STATUS_STARTED);
-    // Marked before the request goes out: the answer is handled on the
-    // reader thread, which must already see this partition as done.
-    resource->erased = true;
     sendRAWFlashEraseReq(static_cast<uint32_t>(resource->offset), static_cast<uint32_t>(resource->xml_size));
     return;
   }

@@ -4,7 +4,10 @@
 // callback that resumes an interrupted download, and the end of a session.
 //
 // The co-processor drives the session; every received request is answered
-// on the transport's reader thread from the images loaded at set-up.
+// on the transport's reader thread from the images loaded at set-up. The
+// images are loaded completely before the reader thread can see them, and
+// each request serves from the list it found, which stays alive until the
+// answer is sent even when the session ends meanwhile.
 #include <cutils/properties.h>
 
 #include <algorithm>
@@ -12,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -68,8 +72,7 @@ const char* received_command_name(uint32_t command_id) {
   return command_id < names.size() ? names[command_id] : nullptr;
 }
 
-const marlo_fw_resource* find_image(const std::vector<std::unique_ptr<marlo_fw_resource>>& resources,
-                                    uint32_t image_id) {
+const marlo_fw_resource* find_image(const fw_resource_list& resources, uint32_t image_id) {
   for (const auto& resource : resources) {
     if (static_cast<uint32_t>(resource->img_id) == image_id) return resource.get();
   }
@@ -121,6 +124,14 @@ void marlo_fw_updater::reportDFU(const std::string& message, Callback::Status st
 
 void marlo_fw_updater::startMarloDownloaderWithCallback(Callback* cb) {
   callback = cb;
+  // The images are loaded aside and published whole before the channel is
+  // opened: a co-processor may ask for an image the moment the reader thread
+  // starts, and a transport kept from an earlier session may be serving one
+  // already. The set-up sends nothing, so no byte on the wire moves.
+  auto loading = std::make_shared<fw_resource_list>();
+  loadFwResources(std::string(fw_image_dir) + partition_table_file, loading.get());
+  const std::shared_ptr<const fw_resource_list> loaded = std::move(loading);
+  publishFwResources(loaded);
   if (!glinkInterface) {
     glink_conn_config config;
     config.channel_name = kDfuChannel;
@@ -137,10 +148,13 @@ void marlo_fw_updater::startMarloDownloaderWithCallback(Callback* cb) {
       open_failed = t_open_failed;
       t_open_failed = false;
     }
-    if (open_failed) endMarloDownloader();
+    if (open_failed) {
+      // Ending the session empties the list; the images stay loaded after
+      // it all the same, as when they were loaded after the channel.
+      endMarloDownloader();
+      publishFwResources(loaded);
+    }
   }
-  truncateFwResources();
-  parsePartitionAndSaveFw(std::string(fw_image_dir) + partition_table_file);
 }
 
 void marlo_fw_updater::marloFirmwareUpdateReq() {
@@ -232,7 +246,8 @@ void marlo_fw_updater::conn_res_event_cb(const uint8_t* data, uint32_t length) {
 
 void marlo_fw_updater::sendmarloImageInfoRes(uint32_t image_id) {
   MARLO_LOGD("sendmarloImageInfoRes %d", image_id);
-  const marlo_fw_resource* image = find_image(fw_resources, image_id);
+  const std::shared_ptr<const fw_resource_list> resources = fwResourcesSnapshot();
+  const marlo_fw_resource* image = find_image(*resources, image_id);
   const uint32_t size = image != nullptr ? image->size : 0;
   uint8_t payload[12];
   put_le32(payload, image_id);
@@ -245,7 +260,10 @@ void marlo_fw_updater::sendmarloImageInfoRes(uint32_t image_id) {
 
 void marlo_fw_updater::sendmarloImageOffsetRes(uint32_t image_id, uint32_t offset, uint32_t fragment_len) {
   MARLO_LOGD("sendmarloImageOffsetRes ID=%d offset=%d fragment_len=%d", image_id, offset, fragment_len);
-  const marlo_fw_resource* image = find_image(fw_resources, image_id);
+  // Held until the answer is sent: a session end on another thread empties
+  // the updater's list, not this one.
+  const std::shared_ptr<const fw_resource_list> resources = fwResourcesSnapshot();
+  const marlo_fw_resource* image = find_image(*resources, image_id);
   const uint32_t size = image != nullptr ? image->size : 0;
   // 32-bit arithmetic on purpose: the product wraps for offsets above about
   // 42 MB, and the progress text shows the wrapped value.
@@ -338,9 +356,10 @@ void marlo_fw_updater::conn_error_cb(glink_interface_error error) {
 void marlo_fw_updater::endMarloDownloader() {
   MARLO_LOGD("endMarloDownloader");
   if (glinkInterface) {
-    // The reader thread answers requests from the images and sends through
-    // this pointer: stop it while the pointer still names the transport,
-    // then destroy the transport, then free the images.
+    // The reader thread sends through this pointer: stop it while the
+    // pointer still names the transport, then destroy the transport. The
+    // images are released from the list; a request being answered keeps
+    // its own hold on them.
     glinkInterface->disconnect_interface();
     glinkInterface.reset();
   }

@@ -1,9 +1,14 @@
 // The images the DFU session serves: the partitions of the partition table
 // and the two fixed images, each read whole from the image directory.
+//
+// A list is built completely before it is published, and a published list
+// is never changed: the reader thread may serve a request at any moment.
 #include <tinyxml2.h>
 
+#include <cinttypes>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "daemon/marlo_deamon_log.h"
@@ -26,9 +31,43 @@ struct partition_working_values {
   std::string partition_name;
 };
 
+// The image files read while one list is built, by identity: a table may
+// name the same file in many elements, or under several spellings of its
+// path ("big.bin", "./big.bin", "/big.bin"); it is read once and its bytes
+// are shared, so memory grows with the distinct files, not the elements.
+class image_cache {
+ public:
+  // The bytes of the file at `image_path` (under the image directory).
+  marlo_image_data read(marlo_fw_updater& updater, const std::string& image_path) {
+    marlo_fw::WholeFileInfo identity;
+    if (marlo_fw::whole_file_identity(platform::path(std::string(fw_image_dir) + image_path), &identity)) {
+      for (const auto& [file, bytes] : files_) {
+        if (marlo_fw::same_file(file, identity)) return bytes;
+      }
+    }
+    marlo_fw::WholeFileInfo read_info;
+    auto bytes = std::make_shared<const std::vector<uint8_t>>(updater.readFile(image_path, &read_info));
+    marlo_image_data data(std::move(bytes));
+    // Keyed by the file actually read; one that could not be read is not kept.
+    if (read_info.device != 0 || read_info.inode != 0) files_.emplace_back(read_info, data);
+    return data;
+  }
+
+ private:
+  std::vector<std::pair<marlo_fw::WholeFileInfo, marlo_image_data>> files_;
+};
+
 }  // namespace
 
 unsigned marlo_fw_updater::parsePartitionAndSaveFw(const std::string& path) {
+  auto list = std::make_shared<fw_resource_list>(*fwResourcesSnapshot());
+  const unsigned result = loadFwResources(path, list.get());
+  publishFwResources(std::move(list));
+  return result;
+}
+
+unsigned marlo_fw_updater::loadFwResources(const std::string& path, fw_resource_list* list) {
+  image_cache images;
   tinyxml2::XMLDocument doc(true, tinyxml2::PRESERVE_WHITESPACE);
   if (doc.LoadFile(platform::path(path).c_str()) != tinyxml2::XML_SUCCESS) {
     MARLO_LOGE("XML Config File Not Opened");
@@ -105,64 +144,83 @@ unsigned marlo_fw_updater::parsePartitionAndSaveFw(const std::string& path) {
         resource->partition_name = working.partition_name;
         resource->xml_size = working.xml_size;
         resource->isErasable = erasable;
-        resource->erased = false;
         if (working.image_path != nullptr && working.image_path[0] != '\0') {
           resource->image_path = working.image_path;
-          resource->data = readFile(resource->image_path);
+          resource->data = images.read(*this, resource->image_path);
           resource->size = static_cast<uint32_t>(resource->data.size());
           MARLO_LOGD("firmware %s resource Size : %d", resource->partition_name.c_str(),
                      static_cast<int>(resource->size));
         }
-        fw_resources.push_back(std::move(resource));
+        list->push_back(std::move(resource));
       }
     }
   }
 
-  // The flash image carries the host's platform facts for the boot loader.
+  // The flash image carries the host's platform facts for the boot loader:
+  // its patched bytes are its own, never shared.
   auto flash = std::make_unique<marlo_fw_resource>();
   flash->img_id = kFlashImageId;
   flash->partition_name = "flash_IMAGE";
   flash->image_path = "flash_IMAGE";
-  flash->data = readFile("./flash.bin");
-  updatePlatformInfo(flash->data, getPlatformInfo());
+  std::vector<uint8_t> flash_bytes = readFile("./flash.bin");
+  updatePlatformInfo(flash_bytes, getPlatformInfo());
+  flash->data = marlo_image_data(std::make_shared<const std::vector<uint8_t>>(std::move(flash_bytes)));
   flash->size = static_cast<uint32_t>(flash->data.size());
   MARLO_LOGD("firmware flash.bin resource Size : %d", static_cast<int>(flash->size));
-  fw_resources.push_back(std::move(flash));
+  list->push_back(std::move(flash));
 
   auto partition_1 = std::make_unique<marlo_fw_resource>();
   partition_1->img_id = kPartitionImageId;
   partition_1->partition_name = "partition_1_IMAGE";
   partition_1->image_path = "partition_1_IMAGE";
-  partition_1->data = readFile("./partition_1.bin");
+  partition_1->data = images.read(*this, "./partition_1.bin");
   partition_1->size = static_cast<uint32_t>(partition_1->data.size());
   MARLO_LOGD("firmware partition_1.bin resource Size : %d", static_cast<int>(partition_1->size));
-  fw_resources.push_back(std::move(partition_1));
+  list->push_back(std::move(partition_1));
 
   MARLO_LOGD("Partition XML Parsing Done.");
   return 1;
 }
 
-std::vector<uint8_t> marlo_fw_updater::readFile(const std::string& path) {
+std::vector<uint8_t> marlo_fw_updater::readFile(const std::string& path, marlo_fw::WholeFileInfo* info) {
   // Joined as they stand: no test for an absolute path or a doubled slash.
   const std::string full_path = std::string(fw_image_dir) + path;
   MARLO_LOGD("readFile Path : %s", full_path.c_str());
 
   std::vector<uint8_t> bytes;
-  switch (marlo_fw::read_whole_file(platform::path(full_path), &bytes)) {
+  marlo_fw::WholeFileInfo file;
+  switch (marlo_fw::read_whole_file(platform::path(full_path), kMaxFwImageSize, &bytes, &file)) {
     case marlo_fw::WholeFileResult::kRead:
       break;
     case marlo_fw::WholeFileResult::kNotOpened:
       MARLO_LOGE("File open failed : %s", full_path.c_str());
       break;
     case marlo_fw::WholeFileResult::kTooLarge:
-      MARLO_LOGE("File too large : %s", full_path.c_str());
+      MARLO_LOGE("File too large : %s is %" PRIu64 " bytes, the largest image is %" PRIu64 " bytes",
+                 full_path.c_str(), file.size, kMaxFwImageSize);
       break;
   }
+  if (info != nullptr) *info = file;
   return bytes;
 }
 
+std::shared_ptr<const fw_resource_list> marlo_fw_updater::fwResourcesSnapshot() const {
+  std::lock_guard<std::mutex> lock(fw_resources_lock);
+  return fw_resources;
+}
+
+void marlo_fw_updater::publishFwResources(std::shared_ptr<const fw_resource_list> list) {
+  {
+    std::lock_guard<std::mutex> lock(fw_resources_lock);
+    fw_resources.swap(list);
+  }
+  // The list replaced is freed here, outside the lock, unless a request
+  // still serves from it; then its last holder frees it.
+}
+
 bool marlo_fw_updater::checkForFlashbin() {
-  for (const auto& resource : fw_resources) {
+  const std::shared_ptr<const fw_resource_list> resources = fwResourcesSnapshot();
+  for (const auto& resource : *resources) {
     if (resource->img_id != kFlashImageId) continue;
     if (resource->size != 0) return true;
     MARLO_LOGD("flash.bin file is not found");
@@ -172,6 +230,6 @@ bool marlo_fw_updater::checkForFlashbin() {
 }
 
 int marlo_fw_updater::truncateFwResources() {
-  fw_resources.clear();
+  publishFwResources(std::make_shared<const fw_resource_list>());
   return 0;
 }

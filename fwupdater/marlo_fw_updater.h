@@ -11,14 +11,38 @@
 #include <ctime>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "comhandler/wear_firmware_info.h"
 #include "glink/glink_interface.h"
 
+namespace marlo_fw {
+struct WholeFileInfo;
+}
+
+// An image file's bytes: read once, never changed afterwards, and shared by
+// every record that names the same file. Empty when no file was read.
+class marlo_image_data {
+ public:
+  marlo_image_data() = default;
+  explicit marlo_image_data(std::shared_ptr<const std::vector<uint8_t>> bytes) : bytes_(std::move(bytes)) {}
+
+  size_t size() const { return bytes_ ? bytes_->size() : 0; }
+  bool empty() const { return size() == 0; }
+  const uint8_t* data() const { return bytes_ ? bytes_->data() : nullptr; }
+  const uint8_t* begin() const { return data(); }
+  const uint8_t* end() const { return data() + size(); }
+
+ private:
+  std::shared_ptr<const std::vector<uint8_t>> bytes_;
+};
+
 // One image that the DFU session can serve (a partition of the partition
-// table, or one of the two fixed images).
+// table, or one of the two fixed images). Complete when it is published in
+// the updater's list; from then on only `erased` changes.
 struct marlo_fw_resource {
   int32_t img_id = 0;
   int32_t offset = 0;          // start of the partition on the co-processor's flash
@@ -26,10 +50,22 @@ struct marlo_fw_resource {
   std::string image_path;      // as written in the table, without the directory
   uint32_t size = 0;           // bytes in data
   int32_t xml_size = 0;        // partition size from the table
-  std::vector<uint8_t> data;   // the whole image file
-  bool erased = false;
+  marlo_image_data data;       // the whole image file
+  // Set by the erase walk once it has asked for this partition's erase. The
+  // walk runs on the daemon's thread and then on the reader thread, and a
+  // co-processor may answer early: the mark is claimed atomically, so each
+  // partition is asked for once.
+  mutable std::atomic<bool> erased{false};
   bool isErasable = false;
 };
+
+// The images of one session, in load order. A published list is never
+// changed: it is replaced whole.
+using fw_resource_list = std::vector<std::shared_ptr<const marlo_fw_resource>>;
+
+// The largest image file loaded. A larger one is refused like an unreadable
+// one: the daemon holds every image whole in memory on a 32-bit device.
+constexpr uint64_t kMaxFwImageSize = 256u * 1024u * 1024u;
 
 // The host's platform facts patched into the flash image's boot loader.
 struct platform_info {
@@ -122,7 +158,8 @@ class marlo_fw_updater {
 
   // Firmware resources and partition table.
   unsigned parsePartitionAndSaveFw(const std::string& path);
-  std::vector<uint8_t> readFile(const std::string& path);
+  // info, when given, receives the size and identity of the file opened.
+  std::vector<uint8_t> readFile(const std::string& path, marlo_fw::WholeFileInfo* info = nullptr);
   bool checkForFlashbin();
   int truncateFwResources();
 
@@ -169,8 +206,9 @@ class marlo_fw_updater {
   int send_crc_data_buffer(unsigned short type, std::vector<uint8_t> data, glink__shm_packet_response* resp);
   int send_finish_data_buffer(glink__shm_packet_response* resp);
 
-  // Read-only views for the daemon and tests.
-  const std::vector<std::unique_ptr<marlo_fw_resource>>& firmwareResources() const { return fw_resources; }
+  // Read-only views for the daemon and tests (the images: a copy of the
+  // current list, whose records stay alive as long as the copy).
+  fw_resource_list firmwareResources() const { return *fwResourcesSnapshot(); }
   const std::vector<std::unique_ptr<marlo_misc_resource>>& miscResources() const { return misc_resources; }
   int32_t tbxElfOffset() const { return tbx_elf_offset; }
 
@@ -179,11 +217,22 @@ class marlo_fw_updater {
   void reportDFU(const std::string& message, Callback::Status status);
   // Reports a step of the misc-data transfer to the callback, if one is set.
   void reportSHM(const std::string& message, Callback::Status status);
+  // Reads the partition table and the images into `list`, after the records
+  // it already holds; publishes nothing.
+  unsigned loadFwResources(const std::string& path, fw_resource_list* list);
+  // The current list of images; a request takes it once and serves from it.
+  std::shared_ptr<const fw_resource_list> fwResourcesSnapshot() const;
+  // Makes `list` the current one at once.
+  void publishFwResources(std::shared_ptr<const fw_resource_list> list);
 
   // The session's fields are set on the daemon's thread and read on the
   // transport's reader thread, hence atomic.
   int32_t log_level = 0;
-  std::vector<std::unique_ptr<marlo_fw_resource>> fw_resources;
+  // Published on the daemon's thread at set-up and replaced by an empty list
+  // at the session's end (reader or daemon thread); read on both. Guarded by
+  // fw_resources_lock, held only to copy or swap the pointer.
+  mutable std::mutex fw_resources_lock;
+  std::shared_ptr<const fw_resource_list> fw_resources = std::make_shared<const fw_resource_list>();
   std::atomic<time_t> start_time{0};
   std::atomic<bool> continue_download{false};
   std::atomic<bool> update_finished{false};

@@ -1,37 +1,94 @@
+// File sizes are 64-bit in this file whatever the platform's default, so
+// that a file of 2 GiB or more is measured (and refused), not misread; no
+// off_t leaves it.
+#ifndef _FILE_OFFSET_BITS
+#define _FILE_OFFSET_BITS 64
+#endif
+
 #include "fwupdater/whole_file.h"
 
-#include <filesystem>
-#include <fstream>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <limits>
+#include <new>
+#include <stdexcept>
 
 namespace marlo_fw {
+namespace {
 
-WholeFileResult read_whole_file(const std::string& host_path, std::vector<uint8_t>* bytes) {
+// Closes the descriptor it holds.
+class FileDescriptor {
+ public:
+  explicit FileDescriptor(int fd) : fd_(fd) {}
+  ~FileDescriptor() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  FileDescriptor(const FileDescriptor&) = delete;
+  FileDescriptor& operator=(const FileDescriptor&) = delete;
+  int get() const { return fd_; }
+
+ private:
+  int fd_;
+};
+
+void fill_info(const struct stat& st, WholeFileInfo* info) {
+  if (info == nullptr) return;
+  info->size = st.st_size > 0 ? static_cast<uint64_t>(st.st_size) : 0;
+  info->device = static_cast<uint64_t>(st.st_dev);
+  info->inode = static_cast<uint64_t>(st.st_ino);
+}
+
+}  // namespace
+
+WholeFileResult read_whole_file(const std::string& host_path, uint64_t max_size, std::vector<uint8_t>* bytes,
+                                WholeFileInfo* info) {
   bytes->clear();
-  // Only regular files hold images; a directory or device would open as a
-  // stream but report a meaningless size.
-  std::error_code error;
-  if (!std::filesystem::is_regular_file(host_path, error)) return WholeFileResult::kNotOpened;
-  std::ifstream file(host_path, std::ios::in | std::ios::binary);
-  if (!file.is_open()) return WholeFileResult::kNotOpened;
-
-  file.unsetf(std::ios::skipws);
-  file.seekg(0, std::ios::end);
-  const std::streamoff size = file.tellg();
-  file.seekg(0, std::ios::beg);
-  // Records carry the size in 32 bits; a larger file cannot be served.
-  if (size > static_cast<std::streamoff>(std::numeric_limits<uint32_t>::max()))
-    return WholeFileResult::kTooLarge;
-  // A stream that cannot tell its size (not a regular file) reads as empty.
-  if (size <= 0) return WholeFileResult::kRead;
+  if (info != nullptr) *info = WholeFileInfo{};
+  FileDescriptor file(::open(host_path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  if (file.get() < 0) return WholeFileResult::kNotOpened;
+  // Only regular files hold images; a directory or device would open but
+  // report a meaningless size. The size and identity are those of the file
+  // opened, not of whatever the path names a moment later.
+  struct stat st {};
+  if (::fstat(file.get(), &st) != 0 || !S_ISREG(st.st_mode)) return WholeFileResult::kNotOpened;
+  fill_info(st, info);
+  const uint64_t size = st.st_size > 0 ? static_cast<uint64_t>(st.st_size) : 0;
+  if (size > max_size || size > std::numeric_limits<uint32_t>::max()) return WholeFileResult::kTooLarge;
+  if (size == 0) return WholeFileResult::kRead;
 
   // One pass into the buffer sized from the file; reading stops at the size
   // measured, so a file that grows meanwhile cannot make the buffer grow,
   // and one that shrinks or cannot be read keeps only the bytes it gave.
-  bytes->resize(static_cast<size_t>(size));
-  file.read(reinterpret_cast<char*>(bytes->data()), size);
-  bytes->resize(static_cast<size_t>(file.gcount()));
+  try {
+    bytes->resize(static_cast<size_t>(size));
+  } catch (const std::bad_alloc&) {
+    return WholeFileResult::kTooLarge;
+  } catch (const std::length_error&) {
+    return WholeFileResult::kTooLarge;
+  }
+  size_t done = 0;
+  while (done < bytes->size()) {
+    const ssize_t n = ::read(file.get(), bytes->data() + done, bytes->size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    done += static_cast<size_t>(n);
+  }
+  bytes->resize(done);
   return WholeFileResult::kRead;
+}
+
+WholeFileResult read_whole_file(const std::string& host_path, std::vector<uint8_t>* bytes) {
+  return read_whole_file(host_path, std::numeric_limits<uint32_t>::max(), bytes, nullptr);
+}
+
+bool whole_file_identity(const std::string& host_path, WholeFileInfo* info) {
+  struct stat st {};
+  if (::stat(host_path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
+  fill_info(st, info);
+  return true;
 }
 
 }  // namespace marlo_fw

@@ -4,7 +4,7 @@
 # fixed time, starting from the generated seeds, the committed regression
 # inputs in fuzz/corpus/<fuzzer>/ and what earlier runs found.
 #
-#   scripts/fuzz.sh [SECONDS] [FUZZER...]     default: 20 s each, all six
+#   scripts/fuzz.sh [SECONDS] [FUZZER...]     default: 20 s each, all seven
 #
 # Exit status 0 only when no fuzzer found anything. Crashing inputs are left
 # in build-fuzz/artifacts/.
@@ -14,7 +14,7 @@ cd "$(dirname "$0")/.."
 seconds=${1:-20}
 shift || true
 fuzzers=("$@")
-[ ${#fuzzers[@]} -gt 0 ] || fuzzers=(dfu_dispatch rma glink_framing partition_elf version_file uevent)
+[ ${#fuzzers[@]} -gt 0 ] || fuzzers=(dfu_dispatch dfu_setup_race rma glink_framing partition_elf version_file uevent)
 
 # Only the fuzz build needs clang and its runtime libraries.
 missing=()

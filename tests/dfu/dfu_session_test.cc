@@ -148,6 +148,42 @@ TEST_F(DfuSessionTest, CompleteSession) {
   EXPECT_EQ(root.property("persist.vendor.zt_aon.dfu_update"), "1");
 }
 
+// Loading the flash image reads the platform facts from sysfs; the test
+// serves that file as a device node and holds the read, so the set-up stops
+// in the middle of loading the images while the co-processor sends requests.
+TEST_F(DfuSessionTest, RequestsDuringTheSetUpAreServedFromCompleteImages) {
+  root.mkdir("/sys/devices/soc0");
+  marlo::sim::DeviceNode hw_platform{root.at("/sys/devices/soc0/hw_platform")};
+  std::thread device([&] { peer = node.accept_open(5000); });
+  std::thread setup([&] { updater->startMarloDownloaderWithCallback(&cb); });
+  int held = hw_platform.accept_open(5000);
+  EXPECT_GE(held, 0);
+  // A channel opened only after the load has nothing to ask meanwhile.
+  const bool open_while_loading = node.opens_seen() > 0;
+  if (!open_while_loading) ::close(held);
+  device.join();
+  if (peer >= 0) {
+    send(3, {1});
+    EXPECT_EQ(receive(4), words({1, 2048, 0})) << "open while loading: " << open_while_loading;
+  }
+  if (open_while_loading) ::close(held);
+  setup.join();
+  ASSERT_GE(peer, 0);
+
+  // Set up again on the kept transport: until the new images are complete,
+  // the co-processor is served the previous ones, never a partial list.
+  std::thread again([&] { updater->startMarloDownloaderWithCallback(&cb); });
+  held = hw_platform.accept_open(5000);
+  EXPECT_GE(held, 0);
+  send(3, {1});
+  EXPECT_EQ(receive(4), words({1, 2048, 0}));
+  EXPECT_EQ(fragment(3, 100, 16, 44), boot_bytes(100, 116));
+  ::close(held);
+  again.join();
+  send(3, {3});
+  EXPECT_EQ(receive(4), words({3, 10000, 0}));
+}
+
 TEST_F(DfuSessionTest, EdgeRequestsShortAndInvalidMessages) {
   start();
   send(3, {7});  // no image has id 7

@@ -16,6 +16,9 @@ inline void write_table(const TestRoot& root, const std::string& body) {
   root.write(kTablePath, "<?xml version=\"1.0\"?>\n<Marlo>\n" + body + "</Marlo>\n");
 }
 
-inline std::string as_string(const std::vector<uint8_t>& bytes) { return std::string(bytes.begin(), bytes.end()); }
+template <typename Bytes>
+std::string as_string(const Bytes& bytes) {
+  return std::string(bytes.begin(), bytes.end());
+}
 
 }  // namespace marlo::test

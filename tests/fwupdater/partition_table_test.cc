@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <filesystem>
+
 #include "fw_test_files.h"
 #include "fwupdater/marlo_fw_updater.h"
 #include "support/log_capture.h"
@@ -76,6 +79,58 @@ TEST_F(PartitionTableTest, MissingOrUnreadableImagesGiveEmptyRecordsAndShadowThe
   EXPECT_EQ(record(2).size, 5u);
   EXPECT_FALSE(updater.checkForFlashbin());
   EXPECT_TRUE(log.contains("flash.bin file is not found"));
+}
+
+TEST_F(PartitionTableTest, EachDistinctFileIsReadOnceAndItsBytesShared) {
+  root.write(kImageDir + "big.bin", std::string(4096, 'b'));
+  std::string partitions = "<Partition><img_id>5</img_id><Image_Path>big.bin</Image_Path></Partition>";
+  for (int i = 0; i < 20; ++i) partitions += "<Partition><Offset>" + std::to_string(i) + "</Offset></Partition>";
+  partitions += "<Partition><Image_Path>./big.bin</Image_Path></Partition>"
+                "<Partition><Image_Path>/big.bin</Image_Path></Partition>"
+                "<Partition><Image_Path>partition_1.bin</Image_Path></Partition>"
+                "<Partition><Image_Path>flash.bin</Image_Path></Partition>";
+  write_table(root, "<Bank_1><Partition_table>" + partitions + "</Partition_table></Bank_1>");
+  ASSERT_EQ(load(), 1u);
+  const auto& records = updater.firmwareResources();
+  ASSERT_EQ(records.size(), 27u);
+  // However its path is written, big.bin is one buffer behind 23 records.
+  for (size_t i = 0; i < 23; ++i) {
+    EXPECT_EQ(records[i]->size, 4096u);
+    EXPECT_EQ(records[i]->data.data(), records[0]->data.data()) << "record " << i;
+  }
+  EXPECT_EQ(as_string(records[22]->data), std::string(4096, 'b'));
+  // partition_1.bin named in the table and as the fixed image: shared too.
+  EXPECT_EQ(records[26]->data.data(), records[23]->data.data());
+  EXPECT_EQ(as_string(records[26]->data), "PART1");
+  // The flash image is patched with the platform facts: its bytes are its own.
+  EXPECT_EQ(as_string(records[25]->data), "FLASH");
+  EXPECT_NE(records[25]->data.data(), records[24]->data.data());
+}
+
+TEST_F(PartitionTableTest, ImagesOverTheSizeCapGiveEmptyRecordsAndNoDownload) {
+  const auto sparse = [&](const std::string& name, uintmax_t size) {
+    root.write(kImageDir + name, "");
+    std::filesystem::resize_file(root.at(kImageDir + name), size);  // no bytes on disk
+  };
+  const uintmax_t just_over = (uintmax_t{256} << 20) + 1;
+  sparse("big.bin", just_over);
+  sparse("flash.bin", just_over);
+  write_table(root, "<Bank_1><Partition_table><Partition><img_id>5</img_id><Image_Path>big.bin</Image_Path>"
+                    "</Partition></Partition_table></Bank_1>");
+  ASSERT_EQ(load(), 1u);
+  ASSERT_EQ(record(0).size, 0u);
+  ASSERT_EQ(record(1).size, 0u);
+  EXPECT_TRUE(record(0).data.empty());
+  EXPECT_TRUE(log.contains("File too large : /vendor/firmware_mnt/image/big.bin is 268435457 bytes"));
+  EXPECT_TRUE(log.contains("File too large : /vendor/firmware_mnt/image/./flash.bin is 268435457 bytes"));
+  EXPECT_FALSE(updater.checkForFlashbin());
+  EXPECT_EQ(as_string(record(2).data), "PART1");
+
+  // 2 to 4 GiB: sizes a 32-bit process cannot even ask to allocate.
+  sparse("big.bin", uintmax_t{3} << 30);
+  ASSERT_EQ(load(), 1u);
+  EXPECT_EQ(record(0).size, 0u);
+  EXPECT_TRUE(log.contains("File too large : /vendor/firmware_mnt/image/big.bin is 3221225472 bytes"));
 }
 
 TEST_F(PartitionTableTest, MissingSectionsAndBrokenFiles) {

@@ -60,7 +60,8 @@ class PlatformInfoTest : public ::testing::TestWithParam<bool> {
   std::vector<uint8_t> served() {
     updater.truncateFwResources();
     updater.parsePartitionAndSaveFw(std::string(fw_image_dir) + partition_table_file);
-    return updater.firmwareResources().at(0)->data;
+    const auto& data = updater.firmwareResources().at(0)->data;
+    return std::vector<uint8_t>(data.begin(), data.end());
   }
   template <typename T>
   void poke(std::vector<uint8_t>& bytes, size_t at, T value) {
