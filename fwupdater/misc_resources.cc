@@ -1,5 +1,6 @@
 // The misc-data files (Bluetooth firmware and settings) that a flashless
 // co-processor takes, loaded whole before they are sent.
+#include <cinttypes>
 #include <memory>
 
 #include "daemon/marlo_deamon_log.h"
@@ -19,13 +20,17 @@ unsigned marlo_fw_updater::loadAndSaveMiscFw() {
     // The path is used as stored; no directory is put in front of it.
     MARLO_LOGD("readFile Path : %s", path.c_str());
     std::vector<uint8_t> bytes;
-    const marlo_fw::WholeFileResult result = marlo_fw::read_whole_file(platform::path(path), &bytes);
+    marlo_fw::WholeFileInfo file;
+    // Held whole in memory like the images, so under the same cap.
+    const marlo_fw::WholeFileResult result =
+        marlo_fw::read_whole_file(platform::path(path), kMaxFwImageSize, &bytes, &file);
     if (result == marlo_fw::WholeFileResult::kNotOpened) {
       MARLO_LOGE("File open failed : %s", path.c_str());
       continue;
     }
     if (result == marlo_fw::WholeFileResult::kTooLarge) {
-      MARLO_LOGE("File too large : %s", path.c_str());
+      MARLO_LOGE("File too large : %s is %" PRIu64 " bytes, the largest file is %" PRIu64 " bytes", path.c_str(),
+                 file.size, kMaxFwImageSize);
       continue;
     }
 

@@ -80,10 +80,6 @@ WholeFileResult read_whole_file(const std::string& host_path, uint64_t max_size,
   return WholeFileResult::kRead;
 }
 
-WholeFileResult read_whole_file(const std::string& host_path, std::vector<uint8_t>* bytes) {
-  return read_whole_file(host_path, std::numeric_limits<uint32_t>::max(), bytes, nullptr);
-}
-
 bool whole_file_identity(const std::string& host_path, WholeFileInfo* info) {
   struct stat st {};
   if (::stat(host_path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return false;

@@ -32,9 +32,6 @@ inline bool same_file(const WholeFileInfo& a, const WholeFileInfo& b) {
 WholeFileResult read_whole_file(const std::string& host_path, uint64_t max_size, std::vector<uint8_t>* bytes,
                                 WholeFileInfo* info);
 
-// The same with no limit but the 32-bit size a record carries.
-WholeFileResult read_whole_file(const std::string& host_path, std::vector<uint8_t>* bytes);
-
 // The identity of the regular file at host_path, without opening it; false
 // when there is none.
 bool whole_file_identity(const std::string& host_path, WholeFileInfo* info);

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "fw_test_files.h"
 #include "fwupdater/marlo_fw_updater.h"
 
@@ -38,6 +40,18 @@ TEST(MiscResourcesTest, FilesLoadInPathOrderAndMissingOnesTakeNoIndex) {
   updater.loadAndSaveMiscFw();
   ASSERT_EQ(loaded.size(), 4u);
   EXPECT_EQ(loaded[2]->index, 0u);
+}
+
+TEST(MiscResourcesTest, FileOverTheSizeCapIsSkippedLikeAMissingOne) {
+  TestRoot root;
+  marlo_fw_updater updater;
+  root.write(kFirmware, "");
+  std::filesystem::resize_file(root.at(kFirmware), (uintmax_t{3} << 30));  // sparse: no bytes on disk
+  root.write(kSettings, "NV");
+  EXPECT_EQ(updater.loadAndSaveMiscFw(), 1u);
+  ASSERT_EQ(updater.miscResources().size(), 1u);
+  EXPECT_EQ(updater.miscResources()[0]->path, kSettings);
+  EXPECT_EQ(updater.miscResources()[0]->index, 0u);
 }
 
 }  // namespace
