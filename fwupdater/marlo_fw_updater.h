@@ -63,8 +63,9 @@ struct marlo_fw_resource {
 // changed: it is replaced whole.
 using fw_resource_list = std::vector<std::shared_ptr<const marlo_fw_resource>>;
 
-// The largest image file loaded. A larger one is refused like an unreadable
-// one: the daemon holds every image whole in memory on a 32-bit device.
+// The largest image or misc-data file loaded. A larger one is refused like an
+// unreadable one: the daemon holds every such file whole in memory on a
+// 32-bit device.
 constexpr uint64_t kMaxFwImageSize = 256u * 1024u * 1024u;
 
 // The host's platform facts patched into the flash image's boot loader.
