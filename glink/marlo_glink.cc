@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 #include <exception>
+#include <new>
 
 #include "comhandler/client_wakelock.h"
 #include "daemon/marlo_deamon_log.h"
@@ -70,12 +71,25 @@ glink_error_cb marlo_glink::error_callback() {
 }
 
 int marlo_glink::trigger_event_cb(const glink_data_cb& data_cb) {
-  uint32_t length = _ind_buf_len;
-  if (length == 0) {
+  std::shared_ptr<const std::vector<uint8_t>> packet;
+  {
+    std::lock_guard<std::mutex> lock(_ind_buf_mutex);
+    packet = _ind_buf;
+  }
+  if (!packet || packet->empty()) {
     MARLO_LOGE("GLINK_int buffer len is 0");
     return -1;
   }
-  data_cb(_ind_buf.load(), length);
+  // The callback may write to its buffer, and the packet may be shared with
+  // another caller: each call gets its own copy.
+  const size_t length = packet->size();
+  std::unique_ptr<uint8_t[]> copy(new (std::nothrow) uint8_t[length]);
+  if (!copy) {
+    MARLO_LOGE("GLINK_int memory allocation failed for a %zu-byte packet", length);
+    return -1;
+  }
+  std::memcpy(copy.get(), packet->data(), length);
+  data_cb(copy.get(), static_cast<uint32_t>(length));
   return 0;
 }
 
@@ -176,6 +190,11 @@ void marlo_glink::glink_disconnect(bool join_reader) {
     }
     _reader_life.reset();
     _thread_started = false;
+    {
+      // The reader is gone or let go: no packet is being delivered any more.
+      std::lock_guard<std::mutex> lock(_ind_buf_mutex);
+      _ind_buf.reset();
+    }
     close_wakeup_pipe();
   }
   // Under the write lock, so that no request is being written to the
@@ -226,7 +245,7 @@ void marlo_glink::glink_thread_routine(marlo_glink* self, std::shared_ptr<reader
       if (result >= 1) {
         MARLO_LOGD("GLINK_int waiting for _s_glink_read_mutex");
         MARLO_LOGD("calling glink response handler: ");
-        self->glink_response_handler(buffer);
+        self->glink_response_handler(std::move(buffer));
         if (life->stop) return;
       } else {
         MARLO_LOGE("GLINK_int read has failed with errno = %d, g_glink_err_cnt = %d", result,

@@ -1,15 +1,18 @@
 // Opening, reopening after a hang-up, closing and request I/O of the
 // transport against a virtual packet channel.
 #include <cerrno>
+#include <future>
 
 #include "glink_channel_fixture.h"
 #include "platform/host_testing.h"
+#include "support/wait_until.h"
 
 namespace marlo::test {
 namespace {
 
 using Connection = GlinkChannelTest;
 using platform::host::FaultOp;
+using namespace std::chrono_literals;
 
 TEST_F(Connection, HangUpReopensTheChannelAndTheReaderGoesOn) {
   ASSERT_EQ(connect("glink_pkt_marlo_rma", 40), 0);
@@ -75,6 +78,32 @@ TEST_F(Connection, DestructionFromTheDataCallbackDetachesTheReader) {
   send(framed(20, 8, 20));
   EXPECT_TRUE(wait_log("disconnect on the reader thread, detaching it"));
   EXPECT_TRUE(wait_log("GLINK_int triggered event callback, got value 0"));
+}
+
+TEST_F(Connection, PacketHandedToAnotherThreadStaysValidAfterItsDelivery) {
+  ASSERT_EQ(connect("glink_pkt_marlo_dfu", 44), 0);
+  std::promise<void> delivering, released;
+  std::shared_future<void> release = released.get_future().share();
+  glink_->register_cb(
+      [&](uint8_t*, uint32_t) {
+        delivering.set_value();
+        release.wait();
+      },
+      {});
+  const Bytes packet = framed(40, 8, 40);
+  send(packet);
+  ASSERT_EQ(delivering.get_future().wait_for(5s), std::future_status::ready);
+
+  // This thread takes the packet while the reader delivers it, then lets the
+  // reader finish and reads the bytes only once nothing is being delivered.
+  Bytes seen;
+  const int result = glink_->trigger_event_cb([&](uint8_t* data, uint32_t length) {
+    released.set_value();
+    EXPECT_TRUE(wait_until([&] { return glink_->trigger_event_cb([](uint8_t*, uint32_t) {}) == -1; }, 5s));
+    seen.assign(data, data + length);
+  });
+  EXPECT_EQ(result, 0);
+  EXPECT_EQ(seen, packet);
 }
 
 TEST_F(Connection, PacketArrivingWhileClosingIsDropped) {
