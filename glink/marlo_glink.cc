@@ -24,6 +24,26 @@ constexpr int kHangUpError = POLLHUP;
 constexpr char kStopReader = 'd';
 constexpr char kReloadChannel = 'c';
 
+// The first descriptor above standard input, output and error.
+constexpr int kFirstFreeDescriptor = 3;
+
+// A process started with standard input closed is handed descriptor 0 by
+// its first open. A channel is never kept there, where it would be taken for
+// standard input: it is moved above the standard descriptors. The new
+// descriptor, or -1 with errno set when it cannot be moved.
+int move_above_standard_descriptors(int fd) {
+  const int moved = platform::fcntl(fd, F_DUPFD_CLOEXEC, kFirstFreeDescriptor);
+  const int err = errno;
+  platform::close(fd);
+  if (moved < 0) {
+    MARLO_LOGE("GLINK_int could not move descriptor %d above %d, errno = %d", fd, kFirstFreeDescriptor - 1, err);
+    errno = err;
+    return -1;
+  }
+  MARLO_LOGI("GLINK_int descriptor %d moved to %d", fd, moved);
+  return moved;
+}
+
 unsigned long long address_of(const void* object) {
   return static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(object));
 }
@@ -98,13 +118,13 @@ int marlo_glink::glink_open(const std::string& path) {
   for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
     MARLO_LOGD("GLINK_int about to open glink channel on dev node = %s", path.c_str());
     int fd = platform::open(path.c_str(), O_RDWR);
+    if (fd == 0) fd = move_above_standard_descriptors(fd);
     if (fd >= 1) {
       MARLO_LOGD("GLINK_int glink open successful, fd = %d", fd);
       _reconnecting = false;
       return fd;
     }
     err = errno;
-    if (fd == 0) platform::close(fd);  // descriptor 0 is not taken for a channel
     MARLO_LOGE("GLINK_int open on dev node = %s failed with errno = %d", path.c_str(), err);
     platform::sleep(1);
   }

@@ -1,5 +1,7 @@
 // Opening, reopening after a hang-up, closing and request I/O of the
 // transport against a virtual packet channel.
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <future>
 
@@ -104,6 +106,31 @@ TEST_F(Connection, PacketHandedToAnotherThreadStaysValidAfterItsDelivery) {
   });
   EXPECT_EQ(result, 0);
   EXPECT_EQ(seen, packet);
+}
+
+TEST_F(Connection, ChannelOpenedOnDescriptorZeroIsMovedAboveTheStandardOnes) {
+  ASSERT_EQ(connect("glink_pkt_marlo_dfu", 44), 0);
+  glink_->disconnect_interface();
+  ::close(peer_);
+  // As in a process started with standard input closed: the channel's open
+  // is handed descriptor 0.
+  const int saved_stdin = ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3);
+  ASSERT_GE(saved_stdin, 0);
+  ::close(STDIN_FILENO);
+  const int result = connect_again();
+  struct stat zero;
+  const bool channel_at_zero = ::fstat(STDIN_FILENO, &zero) == 0 && S_ISSOCK(zero.st_mode);
+  if (result == 0) {
+    send(framed(20, 8, 20));
+    EXPECT_EQ(packets(1).size(), 1u);
+    unsigned char request[3] = {1, 2, 3};
+    EXPECT_EQ(glink_->send_request(request, sizeof(request)), 3);
+  }
+  glink_->disconnect_interface();  // before descriptor 0 is given back
+  ::dup2(saved_stdin, STDIN_FILENO);
+  ::close(saved_stdin);
+  EXPECT_EQ(result, 0);
+  EXPECT_FALSE(channel_at_zero);
 }
 
 TEST_F(Connection, PacketArrivingWhileClosingIsDropped) {
