@@ -21,7 +21,7 @@ const std::regex& reference() {
 // so that separators, closing ampersands and equals signs meet often.
 std::string generated_line(std::mt19937& random) {
   static const char* const kPieces[] = {"\"", "\": \"", "&", "&\"", "=", " ", ":", "a", "b", "\"x\": \"v\"", ","};
-  static const char kChars[] = "\"\"\"::  ==&&&ab\r\t";
+  static const char kChars[] = "\"\"\"::  ==&&&ab\r\t\0\x80\xff";  // NUL and high bytes too
   const size_t length = std::uniform_int_distribution<size_t>(0, 200)(random);
   const bool pieces = random() % 2 == 0;
   std::string line;
