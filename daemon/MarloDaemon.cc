@@ -125,11 +125,9 @@ int MarloDaemon::getMarloPILStatus() {
 
 bool MarloDaemon::isTWMexit() {
   int fd = platform::open(kTwmExitFile, O_RDONLY);
-  if (fd < 1) {
-    // Descriptor 0 counts as a failed open, as it always has.
-    if (fd == 0) platform::close(fd);
-    return false;
-  }
+  // Descriptor 0 is a good descriptor (the process entry keeps the standard
+  // descriptors open, so it is not handed out here in practice).
+  if (fd < 0) return false;
   char text[21] = {};  // 20 bytes read at most, always terminated
   int state = -1;
   if (platform::pread(fd, text, 20, 0) >= 0) {

@@ -1,5 +1,8 @@
 // marlod: boots the Marlo co-processor and keeps it served for the life of
 // the device. Exits with -19 when the device has no such co-processor.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <cstring>
 
@@ -9,7 +12,31 @@
 #include "daemon/MarloDaemon.h"
 #include "daemon/marlo_deamon_log.h"
 
+namespace {
+
+// A daemon started with standard input, output or error closed would hand
+// that descriptor number to its first open (a channel, a sysfs file), and
+// anything later written to standard output or error would land there. The
+// free standard descriptors are filled with the real /dev/null first (not a
+// device path of the platform, hence the plain open).
+void keep_standard_descriptors_open() {
+  for (;;) {
+    const int fd = ::open("/dev/null", O_RDWR);
+    if (fd < 0) {
+      __android_log_print(ANDROID_LOG_ERROR, nullptr, "Unable to open /dev/null for the standard descriptors\n");
+      return;
+    }
+    if (fd > STDERR_FILENO) {
+      ::close(fd);
+      return;
+    }
+  }
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
+  keep_standard_descriptors_open();
   for (int i = 1; i < argc; ++i) {
     if (std::strcmp(argv[i], "--stderr-log") == 0) marlo_deamon_log::enable_stderr_logging();
   }

@@ -1,13 +1,17 @@
 // Compares the firmware that the co-processor runs with the versions shipped
 // on the device, and tells the flashless PSRAM variant apart.
 
+#include <cstdint>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
-#include <regex>
+#include <optional>
 #include <string>
+#include <string_view>
 
 #include "daemon/marlo_deamon_log.h"
 #include "fwupdater/marlo_fw_updater.h"
+#include "fwupdater/version_line.h"
 #include "platform/os.h"
 
 namespace {
@@ -17,13 +21,41 @@ const std::string marlo_meta_fallback_file = "/vendor/firmware_mnt/verinfo/ver_i
 const std::string apps_cochip_key = "apps_cochip";
 const std::string btfw_cochip_key = "btfw_cochip";
 
-// A quoted key, colon, blank and quoted value; the value is the second group.
-// An ampersand may close the value and is not part of it.
-const char* const kMetaLineExpression = "\"([^=]*)\": \"([^&]*)&?\"";
+// A version file is a few lines of text; a larger one is not read at all
+// and counts as a file that does not open, so that memory stays bounded.
+constexpr uint64_t kMaxVersionFileSize = 1u << 20;
+constexpr size_t kReadChunk = 64 * 1024;
 
-// Lines of a version file are short; the backtracking search is not run on
-// longer ones, whose cost and stack use would grow with their length.
-constexpr size_t kMaxMetaLineLength = 4096;
+// The whole text of a version file, or nothing when it does not open or is
+// larger than the limit (logged with its size).
+std::optional<std::string> read_version_file(const std::string& file_path) {
+  const std::string host_path = platform::path(file_path);
+  std::ifstream file(host_path, std::ios::in | std::ios::binary);
+  if (!file.is_open()) return std::nullopt;
+
+  std::error_code error;
+  const uintmax_t size = std::filesystem::file_size(host_path, error);
+  if (!error && size > kMaxVersionFileSize) {
+    MARLO_LOGE("version file %s of %llu bytes is above the limit of %llu bytes, not read", file_path.c_str(),
+               static_cast<unsigned long long>(size), static_cast<unsigned long long>(kMaxVersionFileSize));
+    return std::nullopt;
+  }
+  // Read in chunks and never past the limit, so that a file that grows
+  // meanwhile, or has no size, cannot make the text grow without bound.
+  std::string text;
+  while (file) {
+    const size_t had = text.size();
+    text.resize(had + kReadChunk);
+    file.read(&text[had], static_cast<std::streamsize>(kReadChunk));
+    text.resize(had + static_cast<size_t>(file.gcount()));
+    if (text.size() > kMaxVersionFileSize) {
+      MARLO_LOGE("version file %s of more than %llu bytes is above the limit, not read", file_path.c_str(),
+                 static_cast<unsigned long long>(kMaxVersionFileSize));
+      return std::nullopt;
+    }
+  }
+  return text;
+}
 
 // The text of a version field of the co-processor's record, which need not
 // be terminated within its field.
@@ -36,15 +68,14 @@ std::string record_text(const char (&field)[N]) {
 
 marlo_meta_info marlo_fw_updater::readMarloMetaBuildInfo() {
   marlo_meta_info meta;
-  const std::regex expression(kMetaLineExpression, std::regex::ECMAScript);
 
-  // The fallback file is read only when the primary cannot be opened.
+  // The fallback file is read only when the primary cannot be read.
   std::string file_path = marlo_meta_file;
-  std::ifstream file(platform::path(file_path));
-  if (!file.is_open()) {
+  std::optional<std::string> text = read_version_file(file_path);
+  if (!text) {
     file_path = marlo_meta_fallback_file;
-    file.open(platform::path(file_path));
-    if (!file.is_open()) return meta;
+    text = read_version_file(file_path);
+    if (!text) return meta;
   }
   MARLO_LOGD("aon build from %s.\n", file_path.c_str());
 
@@ -54,22 +85,24 @@ marlo_meta_info marlo_fw_updater::readMarloMetaBuildInfo() {
       {"dsp_cochip", &meta.dsp_cochip},
   };
 
-  std::string line;
-  while (std::getline(file, line)) {
+  const std::string_view all(*text);
+  for (size_t begin = 0; begin < all.size();) {
+    size_t end = all.find('\n', begin);
+    if (end == std::string_view::npos) end = all.size();
+    const std::string_view line = all.substr(begin, end - begin);
+    begin = end + 1;
+
+    // One line gives one value, assigned to every key that it names.
+    std::optional<std::string> value;
+    bool searched = false;
     for (const auto& [key, field] : keys) {
-      if (line.find(key) == std::string::npos) continue;
-      if (line.size() > kMaxMetaLineLength) {
-        MARLO_LOGE("version line of %zu bytes skipped", line.size());
-        break;
+      if (line.find(key) == std::string_view::npos) continue;
+      if (!searched) {
+        std::string found;
+        if (marlo_fw::version_line_value(line, &found)) value = std::move(found);
+        searched = true;
       }
-      std::smatch match;
-      try {
-        if (!std::regex_search(line, match, expression)) continue;
-      } catch (const std::regex_error& error) {
-        MARLO_LOGE("version line not parsed: %s", error.what());
-        break;
-      }
-      *field = match.size() >= 3 ? match[2].str() : std::string();
+      if (value) *field = *value;
     }
   }
   return meta;

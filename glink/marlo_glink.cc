@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 #include <exception>
+#include <new>
 
 #include "comhandler/client_wakelock.h"
 #include "daemon/marlo_deamon_log.h"
@@ -22,6 +23,26 @@ constexpr int kHangUpError = POLLHUP;
 // that it polls the channel descriptor afresh.
 constexpr char kStopReader = 'd';
 constexpr char kReloadChannel = 'c';
+
+// The first descriptor above standard input, output and error.
+constexpr int kFirstFreeDescriptor = 3;
+
+// A process started with standard input closed is handed descriptor 0 by
+// its first open. A channel is never kept there, where it would be taken for
+// standard input: it is moved above the standard descriptors. The new
+// descriptor, or -1 with errno set when it cannot be moved.
+int move_above_standard_descriptors(int fd) {
+  const int moved = platform::fcntl(fd, F_DUPFD_CLOEXEC, kFirstFreeDescriptor);
+  const int err = errno;
+  platform::close(fd);
+  if (moved < 0) {
+    MARLO_LOGE("GLINK_int could not move descriptor %d above %d, errno = %d", fd, kFirstFreeDescriptor - 1, err);
+    errno = err;
+    return -1;
+  }
+  MARLO_LOGI("GLINK_int descriptor %d moved to %d", fd, moved);
+  return moved;
+}
 
 unsigned long long address_of(const void* object) {
   return static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(object));
@@ -70,12 +91,25 @@ glink_error_cb marlo_glink::error_callback() {
 }
 
 int marlo_glink::trigger_event_cb(const glink_data_cb& data_cb) {
-  uint32_t length = _ind_buf_len;
-  if (length == 0) {
+  std::shared_ptr<const std::vector<uint8_t>> packet;
+  {
+    std::lock_guard<std::mutex> lock(_ind_buf_mutex);
+    packet = _ind_buf;
+  }
+  if (!packet || packet->empty()) {
     MARLO_LOGE("GLINK_int buffer len is 0");
     return -1;
   }
-  data_cb(_ind_buf.load(), length);
+  // The callback may write to its buffer, and the packet may be shared with
+  // another caller: each call gets its own copy.
+  const size_t length = packet->size();
+  std::unique_ptr<uint8_t[]> copy(new (std::nothrow) uint8_t[length]);
+  if (!copy) {
+    MARLO_LOGE("GLINK_int memory allocation failed for a %zu-byte packet", length);
+    return -1;
+  }
+  std::memcpy(copy.get(), packet->data(), length);
+  data_cb(copy.get(), static_cast<uint32_t>(length));
   return 0;
 }
 
@@ -84,13 +118,13 @@ int marlo_glink::glink_open(const std::string& path) {
   for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
     MARLO_LOGD("GLINK_int about to open glink channel on dev node = %s", path.c_str());
     int fd = platform::open(path.c_str(), O_RDWR);
+    if (fd == 0) fd = move_above_standard_descriptors(fd);
     if (fd >= 1) {
       MARLO_LOGD("GLINK_int glink open successful, fd = %d", fd);
       _reconnecting = false;
       return fd;
     }
     err = errno;
-    if (fd == 0) platform::close(fd);  // descriptor 0 is not taken for a channel
     MARLO_LOGE("GLINK_int open on dev node = %s failed with errno = %d", path.c_str(), err);
     platform::sleep(1);
   }
@@ -176,6 +210,11 @@ void marlo_glink::glink_disconnect(bool join_reader) {
     }
     _reader_life.reset();
     _thread_started = false;
+    {
+      // The reader is gone or let go: no packet is being delivered any more.
+      std::lock_guard<std::mutex> lock(_ind_buf_mutex);
+      _ind_buf.reset();
+    }
     close_wakeup_pipe();
   }
   // Under the write lock, so that no request is being written to the
@@ -226,7 +265,7 @@ void marlo_glink::glink_thread_routine(marlo_glink* self, std::shared_ptr<reader
       if (result >= 1) {
         MARLO_LOGD("GLINK_int waiting for _s_glink_read_mutex");
         MARLO_LOGD("calling glink response handler: ");
-        self->glink_response_handler(buffer);
+        self->glink_response_handler(std::move(buffer));
         if (life->stop) return;
       } else {
         MARLO_LOGE("GLINK_int read has failed with errno = %d, g_glink_err_cnt = %d", result,

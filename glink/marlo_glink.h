@@ -40,8 +40,9 @@ class marlo_glink : public glink_interface {
   int connect_interface(bool start_reader) override;
   void disconnect_interface() override;
 
-  // Hands the packet being delivered to `data_cb`; -1 when nothing is
-  // buffered. Called by the reader thread while it delivers a packet.
+  // Hands a copy of the packet being delivered to `data_cb`, valid for the
+  // call; -1 when nothing is being delivered. Called by the reader thread
+  // while it delivers a packet, and safe from any other thread.
   int trigger_event_cb(const glink_data_cb& data_cb);
 
  private:
@@ -83,8 +84,11 @@ class marlo_glink : public glink_interface {
   std::atomic<int> g_glink_err_cnt{0};
   std::atomic<bool> _reconnecting{false};
   std::atomic<bool> _closing{false};
-  std::atomic<uint8_t*> _ind_buf{nullptr};
-  std::atomic<uint32_t> _ind_buf_len{0};
+  // The packet being delivered to the data callback, bytes and length in one
+  // immutable object: a reader of it holds its own reference, so the packet
+  // lives until the last reader is done. Set and cleared by the reader thread.
+  std::mutex _ind_buf_mutex;  // guards the pointer _ind_buf, not the packet
+  std::shared_ptr<const std::vector<uint8_t>> _ind_buf;
   client_wakelock* _wakelock = nullptr;
   std::mutex _callbacks_mutex;  // guards _callbacks; never held while a callback runs
   std::unique_ptr<glink_register_cb> _callbacks;

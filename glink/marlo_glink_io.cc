@@ -258,15 +258,17 @@ void marlo_glink::glink_response_handler(std::vector<uint8_t> packet) {
     return;
   }
   MARLO_LOGD("buffer_len %zu", packet.size());
-  const uint32_t length = static_cast<uint32_t>(packet.size());
-  std::unique_ptr<uint8_t[]> copy(new (std::nothrow) uint8_t[length == 0 ? 1 : length]);
-  _ind_buf_len = length;
-  if (!copy) {
+  std::shared_ptr<const std::vector<uint8_t>> shared;
+  try {
+    shared = std::make_shared<const std::vector<uint8_t>>(std::move(packet));
+  } catch (const std::bad_alloc&) {
     MARLO_LOGD("memory allocation failed for _ind_buf");
     return;
   }
-  if (length > 0) std::memcpy(copy.get(), packet.data(), length);
-  _ind_buf = copy.get();
+  {
+    std::lock_guard<std::mutex> lock(_ind_buf_mutex);
+    _ind_buf = shared;
+  }
   // Locals only after the callback: it may delete this object.
   const std::shared_ptr<reader_life> life = _reader_life;
   client_wakelock* const wakelock = _wakelock;
@@ -280,8 +282,10 @@ void marlo_glink::glink_response_handler(std::vector<uint8_t> packet) {
     MARLO_LOGV("GLINK_int triggered event callback, got value %d", result);
   }
   if (!life || !life->stop) {
-    _ind_buf = nullptr;
-    _ind_buf_len = 0;
+    // A caller still holding the packet keeps it alive; it is only no
+    // longer the one being delivered.
+    std::lock_guard<std::mutex> lock(_ind_buf_mutex);
+    _ind_buf.reset();
   }
   if (wakelock != nullptr) {
     MARLO_LOGD("releasing wakelock");

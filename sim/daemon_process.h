@@ -14,6 +14,7 @@ struct DaemonSettings {
   std::string log_file;     // MARLO_LOG_FILE
   std::string stderr_file;  // where its stderr goes
   double time_scale = 1.0;
+  bool stdin_closed = false;  // started with standard input closed, not on /dev/null
 };
 
 class DaemonProcess {

@@ -18,6 +18,7 @@ ssize_t write(int fd, const void* buf, size_t count) { return ::write(fd, buf, c
 int poll(struct pollfd* fds, nfds_t nfds, int timeout_ms) { return ::poll(fds, nfds, timeout_ms); }
 int ioctl(int fd, unsigned long request, void* arg) { return ::ioctl(fd, request, arg); }
 int pipe(int fds[2]) { return ::pipe2(fds, O_CLOEXEC); }
+int fcntl(int fd, int cmd, int arg) { return ::fcntl(fd, cmd, arg); }
 int access(const char* path, int mode) { return ::access(path, mode); }
 DIR* opendir(const char* path) { return ::opendir(path); }
 FILE* fopen(const char* path, const char* mode) { return ::fopen(path, mode); }

@@ -305,6 +305,19 @@ int ioctl(int fd, unsigned long request, void* arg) {
 
 int pipe(int fds[2]) { return ::pipe2(fds, O_CLOEXEC); }
 
+int fcntl(int fd, int cmd, int arg) {
+  const int result = ::fcntl(fd, cmd, arg);
+  if (result >= 0 && (cmd == F_DUPFD || cmd == F_DUPFD_CLOEXEC)) {
+    std::lock_guard<std::mutex> lock(g_nodes_mutex);
+    auto it = g_nodes.find(fd);
+    if (it != g_nodes.end()) {
+      Node copy = it->second;  // the new descriptor reads the same packet stream
+      g_nodes[result] = std::move(copy);
+    }
+  }
+  return result;
+}
+
 uint32_t user_word(void* p) {
   if (p == nullptr) return 0;
   if (t_user_words.size() >= 16) t_user_words.clear();  // words never used by an ioctl

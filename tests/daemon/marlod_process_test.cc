@@ -1,5 +1,7 @@
 // The built daemon as a separate process against a device root and a fake
 // control device, as an outside harness drives it.
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -48,19 +50,24 @@ TEST(MarlodProcessTest, ExitsWithoutACoProcessor) {
                                ", \"msg\": \"ZT AON not present: Do not perform PIL\"}"));
 }
 
-TEST(MarlodProcessTest, BootsInHostModeAndServesTheResetProperty) {
-  marlo::test::TestRoot root;
+// A running co-processor that boots in HOST mode, behind `device`.
+void host_boot_device(const marlo::test::TestRoot& root, FakeControlDevice* device) {
   root.set_property("ro.vendor.zt_aon_presence", "1");
   root.write("/sys/devices/platform/marlo/remoteproc0/name", "soc:zeno,rproc-marlo\n");
   root.write("/sys/devices/platform/marlo/remoteproc0/state", "running\n");
   root.symlink("../../devices/platform/marlo/remoteproc0", "/sys/class/remoteproc/remoteproc0");
   root.write("/sys/devices/soc0/platform_subtype_id", "0");
-  FakeControlDevice device(root.at("/dev/marlo_com_dev"));
-  device.set_responder([](const ControlRequest& request) {
+  device->set_responder([](const ControlRequest& request) {
     ControlAnswer answer;
     if (request.request == 0xc0205608) answer.reply = FakeControlDevice::version_record(0, "APPS", "DSP", "BT");
     return answer;  // boot mode query answers 0: HOST
   });
+}
+
+TEST(MarlodProcessTest, BootsInHostModeAndServesTheResetProperty) {
+  marlo::test::TestRoot root;
+  FakeControlDevice device(root.at("/dev/marlo_com_dev"));
+  host_boot_device(root, &device);
 
   marlo::sim::DaemonProcess marlod(settings_for(root));
   std::string error;
@@ -84,6 +91,24 @@ TEST(MarlodProcessTest, BootsInHostModeAndServesTheResetProperty) {
     EXPECT_EQ(request.data, 0x08000000u);
   }
   EXPECT_EQ(resets, 1);
+}
+
+TEST(MarlodProcessTest, StartedWithStandardInputClosedKeepsDescriptorZeroOnDevNull) {
+  marlo::test::TestRoot root;
+  FakeControlDevice device(root.at("/dev/marlo_com_dev"));
+  host_boot_device(root, &device);
+  marlo::sim::DaemonSettings settings = settings_for(root);
+  settings.stdin_closed = true;
+  marlo::sim::DaemonProcess marlod(settings);
+  std::string error;
+  ASSERT_TRUE(marlod.start(&error)) << error;
+  ASSERT_TRUE(marlo::test::wait_until(
+      [&] { return log_has_line(root.at("/marlod.log"), "Marlo boot complete in HOST Mode!"); }, 10s));
+  // Nothing the daemon opened (its log, a channel, a sysfs file) took it.
+  char target[64] = {};
+  const std::string fd0 = "/proc/" + std::to_string(marlod.pid()) + "/fd/0";
+  ASSERT_GT(::readlink(fd0.c_str(), target, sizeof(target) - 1), 0);
+  EXPECT_STREQ(target, "/dev/null");
 }
 
 }  // namespace

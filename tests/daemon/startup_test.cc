@@ -1,3 +1,6 @@
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -77,6 +80,22 @@ TEST_F(StartupTest, TwmExitRunsItsCommandsBetweenTheRamdumpWrites) {
   // The restart listener was started; wait for its socket so that it binds
   // inside this root.
   EXPECT_TRUE(marlo::test::wait_until([&] { return root_.exists("/dev/uevent"); }, std::chrono::seconds(5)));
+}
+
+TEST_F(StartupTest, TwmExitStateIsReadOnDescriptorZero) {
+  root_.write("/sys/class/pmic-lpm/pmic_twm_exit", "1");
+  MarloDaemon daemon;
+  // As in a process started with standard input closed: the open of the
+  // state file is handed descriptor 0.
+  const int saved_stdin = ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3);
+  ASSERT_GE(saved_stdin, 0);
+  ::close(STDIN_FILENO);
+  const bool exiting = daemon.isTWMexit();
+  const bool zero_closed_again = ::fcntl(STDIN_FILENO, F_GETFD) == -1;
+  ::dup2(saved_stdin, STDIN_FILENO);
+  ::close(saved_stdin);
+  EXPECT_TRUE(exiting);
+  EXPECT_TRUE(zero_closed_again);
 }
 
 TEST_F(StartupTest, UnsupportedSubtypeSkipsTheBoot) {

@@ -56,6 +56,39 @@ TEST_F(VersionCheckTest, FallbackIsReadOnlyWhenThePrimaryCannotBeOpened) {
   EXPECT_EQ(updater.fw_version_check(&running), 0);
 }
 
+TEST_F(VersionCheckTest, LinesOfAnyLengthGiveTheirValue) {
+  // A build number far longer than any record text: read whole, it cannot
+  // be found in the running version, so the update goes ahead.
+  const std::string build(100 * 1024, 'B');
+  const std::string quotes(100 * 1024, '"');
+  root.write(kPrimary, "\"apps_cochip\": \"" + build + "\",\n\"dsp_cochip\": \"" + quotes + "&\"\n");
+  const marlo_meta_info meta = updater.readMarloMetaBuildInfo();
+  EXPECT_EQ(meta.apps_cochip, build);
+  EXPECT_EQ(meta.dsp_cochip, quotes);
+  wear_firmware_info_t running = record("TBX.1.0", "", "");
+  EXPECT_EQ(updater.fw_version_check(&running), -1);
+  EXPECT_TRUE(log.contains("crm_build_number MIS-MATHCHED"));
+}
+
+TEST_F(VersionCheckTest, PrimaryFileAboveOneMebibyteCountsAsNotOpened) {
+  // `size` bytes: the key line, then filler lines without keys.
+  auto file_of = [](size_t size) {
+    std::string text = "\"apps_cochip\": \"PRIMARY\"\n";
+    while (text.size() < size) text += std::string(1023, 'x') + "\n";
+    text.resize(size);
+    return text;
+  };
+  root.write(kPrimary, file_of(1 << 20));
+  EXPECT_EQ(updater.readMarloMetaBuildInfo().apps_cochip, "PRIMARY");
+
+  root.write(kPrimary, file_of((1 << 20) + 1));
+  EXPECT_EQ(updater.readMarloMetaBuildInfo().apps_cochip, "") << "nothing to fall back to";
+  EXPECT_TRUE(log.contains(std::string("version file ") + kPrimary + " of 1048577 bytes is above the limit"));
+  root.write(kFallback, "\"apps_cochip\": \"FALLBACK\"\n");
+  EXPECT_EQ(updater.readMarloMetaBuildInfo().apps_cochip, "FALLBACK");
+  EXPECT_TRUE(log.contains(std::string("aon build from ") + kFallback + ".\n"));
+}
+
 TEST_F(VersionCheckTest, ComparesBuildAlwaysButBluetoothAndDspOnlyWhenReported) {
   root.write(kPrimary, "\"apps_cochip\": \"TBX.1.0\"\n\"btfw_cochip\": \"BT.2\"\n\"dsp_cochip\": \"DSP.3\"\n");
   struct Case {

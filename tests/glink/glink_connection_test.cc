@@ -1,15 +1,20 @@
 // Opening, reopening after a hang-up, closing and request I/O of the
 // transport against a virtual packet channel.
+#include <sys/stat.h>
+
 #include <cerrno>
+#include <future>
 
 #include "glink_channel_fixture.h"
 #include "platform/host_testing.h"
+#include "support/wait_until.h"
 
 namespace marlo::test {
 namespace {
 
 using Connection = GlinkChannelTest;
 using platform::host::FaultOp;
+using namespace std::chrono_literals;
 
 TEST_F(Connection, HangUpReopensTheChannelAndTheReaderGoesOn) {
   ASSERT_EQ(connect("glink_pkt_marlo_rma", 40), 0);
@@ -75,6 +80,57 @@ TEST_F(Connection, DestructionFromTheDataCallbackDetachesTheReader) {
   send(framed(20, 8, 20));
   EXPECT_TRUE(wait_log("disconnect on the reader thread, detaching it"));
   EXPECT_TRUE(wait_log("GLINK_int triggered event callback, got value 0"));
+}
+
+TEST_F(Connection, PacketHandedToAnotherThreadStaysValidAfterItsDelivery) {
+  ASSERT_EQ(connect("glink_pkt_marlo_dfu", 44), 0);
+  std::promise<void> delivering, released;
+  std::shared_future<void> release = released.get_future().share();
+  glink_->register_cb(
+      [&](uint8_t*, uint32_t) {
+        delivering.set_value();
+        release.wait();
+      },
+      {});
+  const Bytes packet = framed(40, 8, 40);
+  send(packet);
+  ASSERT_EQ(delivering.get_future().wait_for(5s), std::future_status::ready);
+
+  // This thread takes the packet while the reader delivers it, then lets the
+  // reader finish and reads the bytes only once nothing is being delivered.
+  Bytes seen;
+  const int result = glink_->trigger_event_cb([&](uint8_t* data, uint32_t length) {
+    released.set_value();
+    EXPECT_TRUE(wait_until([&] { return glink_->trigger_event_cb([](uint8_t*, uint32_t) {}) == -1; }, 5s));
+    seen.assign(data, data + length);
+  });
+  EXPECT_EQ(result, 0);
+  EXPECT_EQ(seen, packet);
+}
+
+TEST_F(Connection, ChannelOpenedOnDescriptorZeroIsMovedAboveTheStandardOnes) {
+  ASSERT_EQ(connect("glink_pkt_marlo_dfu", 44), 0);
+  glink_->disconnect_interface();
+  ::close(peer_);
+  // As in a process started with standard input closed: the channel's open
+  // is handed descriptor 0.
+  const int saved_stdin = ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3);
+  ASSERT_GE(saved_stdin, 0);
+  ::close(STDIN_FILENO);
+  const int result = connect_again();
+  struct stat zero;
+  const bool channel_at_zero = ::fstat(STDIN_FILENO, &zero) == 0 && S_ISSOCK(zero.st_mode);
+  if (result == 0) {
+    send(framed(20, 8, 20));
+    EXPECT_EQ(packets(1).size(), 1u);
+    unsigned char request[3] = {1, 2, 3};
+    EXPECT_EQ(glink_->send_request(request, sizeof(request)), 3);
+  }
+  glink_->disconnect_interface();  // before descriptor 0 is given back
+  ::dup2(saved_stdin, STDIN_FILENO);
+  ::close(saved_stdin);
+  EXPECT_EQ(result, 0);
+  EXPECT_FALSE(channel_at_zero);
 }
 
 TEST_F(Connection, PacketArrivingWhileClosingIsDropped) {

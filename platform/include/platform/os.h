@@ -27,6 +27,9 @@ ssize_t write(int fd, const void* buf, size_t count);
 int poll(struct pollfd* fds, nfds_t nfds, int timeout_ms);
 int ioctl(int fd, unsigned long request, void* arg);
 int pipe(int fds[2]);
+// Only F_DUPFD and F_DUPFD_CLOEXEC are used: a copy of a device node is
+// the same device node.
+int fcntl(int fd, int cmd, int arg);
 int access(const char* path, int mode);
 DIR* opendir(const char* path);
 FILE* fopen(const char* path, const char* mode);
