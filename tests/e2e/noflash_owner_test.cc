@@ -1,7 +1,8 @@
 // Power events that land in the middle of a flash-less co-processor's
-// misc-data push or of a download. The interleavings are forced by hooks of
-// the virtual co-processor.
+// misc-data push or of a download, and power events lost in a uevent socket
+// overrun. The interleavings are forced by hooks of the virtual co-processor.
 #include <atomic>
+#include <filesystem>
 #include <memory>
 
 #include "e2e_fixture.h"
@@ -95,6 +96,29 @@ TEST_F(NoflashOwner, PowerUpDuringADownloadLeavesTheDfuChannelToTheDownload) {
   EXPECT_EQ(dfu.crc_errors, 0);
   EXPECT_EQ(dfu.sessions_started, 1);
   EXPECT_EQ(device_->misc().status().rejected, 0);
+}
+
+TEST_F(NoflashOwner, PowerEventsLostInAnOverrunAreActedOnFromTheState) {
+  start_device(noflash());
+  start_daemon();
+  expect_one_complete_push_and_one_rma_client(1);
+
+  // The power-down is lost: the daemon finds the co-processor offline.
+  device_->coprocessor().unload("test: power-down");
+  ASSERT_TRUE(sim::arm_uevent_overrun(root_));
+  ASSERT_TRUE(sim::send_uevent(root_, sim::marlo_uevent(sim::kEventPowerDown)));
+  ASSERT_TRUE(wait_for([&] { return log_count("on_aon_down: called") == 1; }));
+  EXPECT_EQ(property("vendor.marlo.boot_complete"), "0");
+
+  // So is the power-up: the daemon finds it running and pushes again.
+  ASSERT_EQ(device_->coprocessor().load(), 0);
+  ASSERT_TRUE(sim::arm_uevent_overrun(root_));
+  ASSERT_TRUE(sim::send_uevent(root_, sim::marlo_uevent(sim::kEventPowerUp)));
+  ASSERT_TRUE(wait_for([&] { return device_->rma().status().runs_completed >= 2; }));
+  expect_one_complete_push_and_one_rma_client(2);
+  EXPECT_EQ(property("vendor.marlo.boot_complete"), "1");
+  EXPECT_EQ(log_count("uevent socket overrun"), 2);
+  EXPECT_FALSE(std::filesystem::exists(root_ + "/dev/uevent.overrun")) << "every fault consumed";
 }
 
 }  // namespace
