@@ -74,9 +74,9 @@ class MarloDaemon {
   // One job's push on the worker thread: misc data unless already pushed.
   void pushNoFlashPsramMiscData();
 
-  // Shared between the main thread, the restart listener and the updater's
-  // reader thread without a lock: every such field is atomic. The PIL state
-  // path is written once, before those threads start.
+  // Shared between the main thread, the restart listener, the flash-less
+  // worker and the updater's reader thread without a lock: every such field
+  // is atomic. The PIL state path is written once, before those threads start.
   std::atomic<bool> noflash_psram{false};
   char pil_state_path[50] = {};
   std::unique_ptr<MarloComHandler> com_handler;

@@ -8,9 +8,12 @@
 #include "e2e_fixture.h"
 #include "sim/device_root.h"
 #include "sim/uevent_sender.h"
+#include "support/wait_until.h"
 
 namespace marlo::e2e {
 namespace {
+
+using namespace std::chrono_literals;
 
 sim::DeviceOptions noflash() {
   sim::DeviceOptions options;
@@ -44,11 +47,14 @@ class NoflashOwner : public E2e {
   // events and waits until the daemon has seen the power-up; then answers
   // the packet, or hangs its connection up as a restart does.
   void power_events_at_second_packet(bool with_power_down, bool hang_up) {
-    device_->misc().set_packet_hook([this, with_power_down, hang_up](int packets) {
+    // Runs on the channel's thread: it uses copies, not the fixture's fields.
+    const std::string root = root_;
+    const std::string log = root_ + "/sim/marlod-" + std::to_string(starts_ + 1) + ".log";
+    device_->misc().set_packet_hook([root, log, with_power_down, hang_up](int packets) {
       if (packets != 2) return true;
-      if (with_power_down) sim::send_uevent(root_, sim::marlo_uevent(sim::kEventPowerDown));
-      sim::send_uevent(root_, sim::marlo_uevent(sim::kEventPowerUp));
-      wait_for([&] { return log_count("on_aon_up: called") == 1; });
+      if (with_power_down) sim::send_uevent(root, sim::marlo_uevent(sim::kEventPowerDown));
+      sim::send_uevent(root, sim::marlo_uevent(sim::kEventPowerUp));
+      EXPECT_TRUE(test::wait_until([&] { return sim::log_contains(log, "on_aon_up: called"); }, 15s));
       return !hang_up;
     });
   }

@@ -71,7 +71,7 @@ class Session {
     daemon_.reset();
     std::vector<std::thread> helpers;
     {
-      std::lock_guard<std::mutex> lock(mutex_);
+      std::lock_guard<std::mutex> lock(helpers_mutex_);
       helpers.swap(helpers_);
     }
     for (std::thread& helper : helpers) helper.join();
@@ -128,17 +128,21 @@ class Session {
   // one from a hook never wait for another restart to end.
   void restart() {
     const int offline_ms = pick(0, 20);
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard<std::mutex> lock(helpers_mutex_);
     helpers_.emplace_back([this, offline_ms] {
       std::lock_guard<std::mutex> one_at_a_time(restart_mutex_);
       device_->coprocessor().restart(offline_ms);
     });
   }
 
+  // Called from the co-processor's power listener and from channel hooks, so
+  // no lock of this object is held while the device's are taken.
   void mark_power_up(bool rma_run_expected) {
+    const int finishes = device_->misc().status().finishes;
+    const int rma_runs = device_->rma().status().runs_completed;
     std::lock_guard<std::mutex> lock(mutex_);
-    at_power_up_.finishes = device_->misc().status().finishes;
-    if (rma_run_expected) at_power_up_.rma_runs = device_->rma().status().runs_completed;
+    at_power_up_.finishes = finishes;
+    if (rma_run_expected) at_power_up_.rma_runs = rma_runs;
   }
 
   void power_up_event() {
@@ -211,8 +215,9 @@ class Session {
   std::unique_ptr<VirtualDevice> device_;
   std::unique_ptr<DaemonProcess> daemon_;
   std::mutex mutex_;
-  Counts at_power_up_;                // guarded by mutex_
-  std::vector<std::thread> helpers_;  // guarded by mutex_
+  Counts at_power_up_;  // guarded by mutex_
+  std::mutex helpers_mutex_;
+  std::vector<std::thread> helpers_;  // guarded by helpers_mutex_
   std::mutex restart_mutex_;          // one restart at a time
   bool failed_ = false;
 };
