@@ -65,6 +65,7 @@ class Session {
         DaemonSettings{marlod, root_, root_ + "/sim/marlod.log", root_ + "/sim/marlod.stderr", 0.01});
     std::string error;
     if (!daemon_->start(&error)) fail("marlod did not start: " + error);
+    settle();  // the boot's push and RMA client, before any event is sent
   }
 
   ~Session() {
@@ -85,6 +86,7 @@ class Session {
   void round(int number) {
     int action = pick(0, 5);
     std::printf("  round %d: action %d\n", number, action);
+    device_->events().add("stress", "round " + std::to_string(number) + ": action " + std::to_string(action));
     switch (action) {
       case 0:  // a restart now
         restart();
@@ -204,7 +206,21 @@ class Session {
 
   [[noreturn]] void fail(const std::string& what) {
     failed_ = true;
+    MiscStatus misc = device_->misc().status();
+    RmaStatus rma = device_->rma().status();
+    Counts base;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      base = at_power_up_;
+    }
     std::fprintf(stderr, "FAILED: %s\ndevice root kept: %s\n", what.c_str(), root_.c_str());
+    std::fprintf(stderr, "misc: %d packets, %d finishes, %d open; rma: %d runs completed, %d open; base %d/%d\n",
+                 misc.packets, misc.finishes, device_->misc().open_connections(), rma.runs_completed,
+                 device_->rma().open_connections(), base.finishes, base.rma_runs);
+    size_t cursor = device_->events().size() > 60 ? device_->events().size() - 60 : 0;
+    for (const DeviceEvent& event : device_->events().since(cursor)) {
+      std::fprintf(stderr, "  %s: %s\n", event.source.c_str(), event.text.c_str());
+    }
     daemon_.reset();
     std::_Exit(1);
   }
@@ -233,6 +249,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "%s is not built (set MARLO_BUILD_DIR)\n", marlod.c_str());
     return 2;
   }
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);  // every line out before a failure ends the run
   std::printf("noflash_stress: %d s, seed %u, %s\n", seconds, seed, marlod.c_str());
   std::mt19937 random(seed);
   const auto end = Clock::now() + std::chrono::seconds(seconds);
