@@ -1,7 +1,6 @@
 #include "rma/marlo_rma.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -124,23 +123,26 @@ std::string marlo_rma::partition_name(uint32_t last) const {
 }
 
 bool marlo_rma::append_block(const std::string& name, unsigned offset, unsigned size, std::vector<uint8_t>& out) {
+  if (size > kMaxReadBlock) {
+    MARLO_LOGE("DATA_READ block of %u bytes does not fit one packet (at most %u), answered as a failed read", size,
+               kMaxReadBlock);
+    return false;
+  }
   const std::string path = kPartitionDir + name;
   MARLO_LOGD("readFile Path : %s and size :%d ", path.c_str(), size);
   marlo::rma::file_descriptor file(platform::open(path.c_str(), O_RDONLY));
-  struct stat st;
-  if (!file.valid() || ::fstat(file.get(), &st) != 0) {
+  if (!file.valid()) {
     MARLO_LOGE("File open failed : %s", path.c_str());
     return false;
   }
-  // The block is clipped to the file's size; the bytes of it that lie past
-  // the end of the file are zeros.
-  const size_t length = static_cast<size_t>(std::min<uint64_t>(size, static_cast<uint64_t>(st.st_size)));
+  // The block has the size that was asked for: the part of it that lies
+  // past the end of the file (or that a failed read leaves) is zeros.
   const size_t at = out.size();
-  out.resize(at + length, 0);
-  if (marlo::rma::read_at(file.get(), out.data() + at, length, offset) < 0) {
+  out.resize(at + size, 0);
+  if (marlo::rma::read_at(file.get(), out.data() + at, size, offset) < 0) {
     MARLO_LOGE("read of %s failed: %s", path.c_str(), strerror(errno));
   }
-  MARLO_LOGD("read : %d", static_cast<int>(length));
+  MARLO_LOGD("read : %d", static_cast<int>(size));
   return true;
 }
 
@@ -230,12 +232,9 @@ void marlo_rma::rma_conn_res_event_cb(const uint8_t* data, unsigned size) {
                             marlo::le32_at(message, kMemoryIdOffset), block_size, 0u}) {
         marlo::append_le32(answer, word);
       }
-      if (block_size > kMaxReadBlock) {
-        MARLO_LOGE("DATA_READ block of %u bytes does not fit one packet (at most %u), answered as a failed read",
-                   block_size, kMaxReadBlock);
-      } else {
-        append_block(partition_name(memory_id), marlo::le32_at(message, kSecondIdOffset), block_size, answer);
-      }
+      // A block that cannot be read (no file, or more than one packet) is
+      // answered with the echoed words alone.
+      append_block(partition_name(memory_id), marlo::le32_at(message, kSecondIdOffset), block_size, answer);
       MARLO_LOGD("prepare DATA_READ data:");
       send_message(RMA_DATA_READ_RESP, answer);
       break;

@@ -30,8 +30,9 @@ class marlo_rma {
   // Removes what an interrupted creation of a backing file left behind;
   // called at the daemon's start-up, before the channel is served.
   static void remove_stale_temporaries();
-  // Up to `size` bytes of the backing file "/data/vendor/aon/<name>" from
-  // `offset`, never more than the file holds.
+  // `size` bytes of the backing file "/data/vendor/aon/<name>" from
+  // `offset`, zeros where the file ends before them; empty when the file
+  // cannot be opened or the block would not fit one answer packet.
   std::vector<uint8_t> readFile(std::string name, unsigned offset, unsigned size);
   // Writes a block inside the existing backing file at `path` and puts it on
   // stable storage; -1 when it cannot (the file never grows).
@@ -43,9 +44,10 @@ class marlo_rma {
   // Completes `message` (12 header bytes, then the payload) with its length,
   // command id and CRC, and sends it.
   int send_message(unsigned command, std::vector<uint8_t>& message);
-  // Appends to `out` the bytes of the backing file "/data/vendor/aon/<name>"
-  // from `offset` that an answer to a read of `size` bytes carries; false
-  // when the file cannot be opened.
+  // Appends to `out` the `size`-byte block of the backing file
+  // "/data/vendor/aon/<name>" at `offset`, zero-filled past the file's end;
+  // false, with nothing appended, when the file cannot be opened or the
+  // block would not fit one answer packet.
   bool append_block(const std::string& name, unsigned offset, unsigned size, std::vector<uint8_t>& out);
 
   std::atomic<uint32_t> memory_id{0};

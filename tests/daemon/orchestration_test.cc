@@ -88,6 +88,18 @@ TEST_F(OrchestrationTest, FallBackFromFlashToHostThatDoesNotLoad) {
   EXPECT_TRUE(log_.contains("Marlo boot failed in Host Mode."));
 }
 
+// A boot mode the daemon does not know is passed through from the driver and
+// only logged: no switch, no progress report, no download.
+TEST_F(OrchestrationTest, UnknownBootModeIsOnlyLogged) {
+  script(2, 0);
+  const int mode = MarloComHandler::getInstance()->get_marlo_boot_mode();
+  EXPECT_EQ(mode, 2);
+  daemon_.handleBootComplete(mode);
+  EXPECT_TRUE(log_.contains("Unknown marlo boot mode"));
+  EXPECT_EQ(root_.property("vendor.marlo.boot_complete"), "1");
+  EXPECT_EQ(trace(), "BOOT.6 BOOT.3");  // the mode query and the version query, nothing after
+}
+
 TEST_F(OrchestrationTest, CallbackReactsToChannelErrorsAndMiscDataProgress) {
   DFUCallback with_device(MarloComHandler::getInstance(), &daemon_);
   size_t logged = log_.entries().size();

@@ -51,6 +51,13 @@ class SSRHandlerTest : public ::testing::Test {
   bool wait_for_boot_complete(const std::string& value) {
     return marlo::test::wait_until([&] { return root_.property("vendor.marlo.boot_complete") == value; }, 5s);
   }
+  // Messages are handled one after another on the listener's thread: once a
+  // later message's value is stored, everything sent before it has been
+  // acted upon. The way to check that an event did nothing.
+  bool all_handled(int32_t marker) {
+    send(event("MARLO_EVENT=" + std::to_string(marker) + std::string(1, '\0')));
+    return wait_for_event(marker);
+  }
 
   marlo::test::TestRoot root_;
   marlo::test::LogCapture log_;
@@ -72,6 +79,7 @@ TEST_F(SSRHandlerTest, PowerEventsKeepBootCompleteInStep) {
   root_.set_property("vendor.marlo.boot_complete", "untouched");
   send(event(std::string("MARLO_EVENT=2\0", 14)));
   ASSERT_TRUE(wait_for_event(2));
+  ASSERT_TRUE(all_handled(100));
   EXPECT_EQ(root_.property("vendor.marlo.boot_complete"), "untouched");
 }
 
@@ -86,6 +94,7 @@ TEST_F(SSRHandlerTest, OnlyControlDeviceMessagesOfTheRightLengthCount) {
   std::string filler(1024 - head.size() - 14, 'f');
   send(head + filler + std::string("\0MARLO_EVENT=3", 14));
   ASSERT_TRUE(wait_for_event(3));
+  ASSERT_TRUE(all_handled(100));
   EXPECT_EQ(root_.property("vendor.marlo.boot_complete"), "<unset>");
 }
 

@@ -198,8 +198,18 @@ TEST_F(DfuSessionTest, EdgeRequestsShortAndInvalidMessages) {
   EXPECT_EQ(receive(4), words({4, 100, 0}));
   send(3, {4}, 16);  // header only: the image id reads as 0
   EXPECT_EQ(receive(4), words({0, 0, 0}));
+  // A special-operation answer for operation 2 is neither an erase nor a
+  // state: only its receipt is reported, nothing is sent.
+  ASSERT_TRUE(cb.wait_for("Updating Device firmware with ID: 0", Status::STATUS_INFO));  // the last report so far
+  const size_t reports = cb.reports().size();
+  send(14, {2, 1, 0, OFFSET_REQ, 3, 0, 16});
   send(13, {});
   EXPECT_TRUE(cb.wait_for("Received INVALID CMD RESP", Status::STATUS_ERROR));
+  const auto all = cb.reports();
+  EXPECT_EQ(std::vector<RecordingCallback::Report>(all.begin() + std::min(reports, all.size()), all.end()),
+            (std::vector<RecordingCallback::Report>{
+                {"Received DFU_SPCL_OPERATION_RESP response code: 1", Status::STATUS_INFO},
+                {"Received INVALID CMD RESP", Status::STATUS_ERROR}}));
   EXPECT_TRUE(silent());
 }
 

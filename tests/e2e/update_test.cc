@@ -1,7 +1,5 @@
 // The main job: a co-processor running older firmware from its flash is
 // updated by the daemon, and the next boot finds the versions matched.
-#include <thread>
-
 #include "e2e_fixture.h"
 #include "sim/device_root.h"
 
@@ -39,10 +37,13 @@ TEST_F(E2e, VersionMismatchUpdatesFlashAndNextBootMatches) {
     return log_count("Marlo firmware versions are MATHCHED") == 1 &&
            request_index("BOOT_STATUS", 1, before) >= 0;
   }));
-  std::this_thread::sleep_for(std::chrono::milliseconds(200));
-  EXPECT_EQ(device_->dfu().status().sessions_started, 1) << "no second download";
-  EXPECT_EQ(request_index("SET_BOOT_MODE", sim::kBootModeHost, before), -1);
   EXPECT_TRUE(device_->coprocessor().running());
+  // The main thread serves the reset property only after the boot handling:
+  // a switch to HOST for a download would have come before the reset.
+  set_property("vendor.marlo_reset", "1");
+  ASSERT_TRUE(wait_for([&] { return request_index("RESET", -1, before) >= 0; }));
+  EXPECT_EQ(request_index("SET_BOOT_MODE", sim::kBootModeHost, before), -1);
+  EXPECT_EQ(device_->dfu().status().sessions_started, 1) << "no second download";
 }
 
 TEST_F(E2e, DroppedChannelResumesFromReportedStateAndFlashIsExact) {

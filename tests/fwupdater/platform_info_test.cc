@@ -9,6 +9,7 @@
 
 #include "fw_test_files.h"
 #include "fwupdater/marlo_fw_updater.h"
+#include "support/log_capture.h"
 
 namespace marlo::test {
 namespace {
@@ -82,6 +83,15 @@ TEST_P(PlatformInfoTest, FiveWordsLandOnTheDebugPolicySegmentAndNothingElseChang
   const uint32_t words[5] = {1, 0x24, 0xFFFFFFFF, 0xFFFFFFFF, 12};
   std::memcpy(expected.data() + block, words, sizeof words);
   EXPECT_EQ(served(), expected);  // every byte compared
+  if (GetParam()) return;
+  // A class byte of neither 32 nor 64 bits is logged and read as 32 bits.
+  std::vector<uint8_t> odd_class = elf;
+  odd_class[4] = 3;
+  expected = flash_with(odd_class);
+  std::memcpy(expected.data() + block, words, sizeof words);
+  LogCapture log;
+  EXPECT_EQ(served(), expected);
+  EXPECT_TRUE(log.contains("Invalid ELF"));
 }
 
 TEST_P(PlatformInfoTest, HostileOrTruncatedImagesAreServedUnchanged) {

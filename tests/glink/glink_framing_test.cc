@@ -78,5 +78,22 @@ TEST_F(Framing, EagainReadsAreRetriedTwiceAndFailAtTheThird) {
   EXPECT_EQ(packets(2), (std::vector<Bytes>{first, second})) << "the packet waits for the next pass";
 }
 
+// A failed read counts twice (the read, the handler); the count passing 10
+// logs the restart trigger and starts again at 0, and a pass that ends
+// normally starts it again as well.
+TEST_F(Framing, ErrorCountPassingTenTriggersOnceAndRestarts) {
+  ASSERT_EQ(connect("glink_pkt_marlo_dfu", 44), 0);
+  size_t errors_so_far = 0, delivered = 0;
+  for (int failures : {5, 6, 5}) {
+    platform::host::inject_fault(channel_fd_, platform::host::FaultOp::Read, EIO, failures);
+    send(framed(20, 8, 20));
+    errors_so_far += static_cast<size_t>(failures);
+    ASSERT_EQ(packets(++delivered).size(), delivered);  // the read after the failures
+    EXPECT_EQ(errors(errors_so_far).size(), errors_so_far);
+  }
+  EXPECT_EQ(log_.count("GLINK_int triggred ssr g_glink_err_cnt = 12"), 1);
+  EXPECT_EQ(log_.count("GLINK_int triggred ssr"), 1);
+}
+
 }  // namespace
 }  // namespace marlo::test

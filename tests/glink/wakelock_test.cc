@@ -3,6 +3,11 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <string>
+
+#include "daemon/marlo_deamon_log.h"
+
 #include "support/log_capture.h"
 #include "support/test_root.h"
 
@@ -41,6 +46,51 @@ TEST(Wakelock, MissingKernelFileIsLoggedAndTheCountStillRises) {
   EXPECT_FALSE(log.contains("is larger than")) << "both references were counted";
   lock.get_n_locks(1);
   EXPECT_EQ(log.count("Not able to open fd for wakeup:MARLODAEMON_WAKEUP"), 2);
+}
+
+// Each statement reports the function and source line that the device's log
+// tools match, whatever line it stands on in the source.
+TEST(Wakelock, StatementsReportTheirFixedFunctionAndLine) {
+  enum Kernel { kFile, kMissing, kFull };  // kFull: every write fails with ENOSPC
+  const std::function<void(client_wakelock&)> none = [](client_wakelock&) {},
+                                              get = [](client_wakelock& l) { l.get_n_locks(1); },
+                                              get_put = [](client_wakelock& l) { l.get_n_locks(1), l.put_n_locks(1); };
+  const struct {
+    Kernel lock, unlock;
+    std::function<void(client_wakelock&)> run;
+    std::string expected;
+  } cases[] = {
+      {kMissing, kFile, none, "client_wakelock:43, fatal error opening \"/sys/power/wake_lock\": No such file or "
+                              "directory\n"},
+      {kFile, kFile, [](client_wakelock& l) { l.get_n_locks(1), l.get_n_locks(-1); },
+       "get_n_locks:75, _in_count -1 will overflow max of _accu_count 1"},
+      {kFile, kFile, [](client_wakelock& l) { l.put_n_locks(1); },
+       "put_n_locks:87, _in_count 1 is larger than _accu_count 0"},
+      {kFile, kFile, get, "acquire:108, sucess wakelock acquire:MARLODAEMON_WAKEUP"},
+      {kFull, kFile, get,
+       "acquire:112, write fail wakelock acquire:MARLODAEMON_WAKEUP, error = No space left on device"},
+      {kMissing, kFile, get, "acquire:115, Not able to open fd for wakeup:MARLODAEMON_WAKEUP"},
+      {kFile, kFile, get_put, "release:123, sucess release MARLODAEMON_WAKEUP wakelock"},
+      {kFile, kFull, get_put,
+       "release:126, failed in write:MARLODAEMON_WAKEUP wake unlock, error = No space left on device"},
+      {kFile, kMissing, get_put, "release:129, Not able to open fd for wakeup:MARLODAEMON_WAKEUP"},
+  };
+  marlo_deamon_log::set_level(marlo_deamon_log::LOG_LEVEL_VERBOSE);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.expected);
+    TestRoot root;
+    for (auto [path, kernel] : {std::pair{"/sys/power/wake_lock", c.lock}, {"/sys/power/wake_unlock", c.unlock}}) {
+      if (kernel == kFile) root.write(path, "");
+      if (kernel == kFull) root.symlink("/dev/full", path);
+    }
+    LogCapture log;
+    client_wakelock lock;
+    c.run(lock);
+    int matches = 0;
+    for (const LogEntry& entry : log.entries()) matches += entry.msg == c.expected;
+    EXPECT_EQ(matches, 1);
+  }
+  marlo_deamon_log::set_level(marlo_deamon_log::LOG_LEVEL_INFO);
 }
 
 }  // namespace

@@ -11,7 +11,9 @@
 #include <thread>
 
 #include "dfu/updater_test_support.h"
+#include "platform/host_testing.h"
 #include "sim/device_node.h"
+#include "support/log_capture.h"
 #include "support/test_root.h"
 
 namespace {
@@ -48,6 +50,10 @@ class MiscTransferTest : public ::testing::Test {
         Bytes answer(buf.begin(), buf.begin() + 16);
         put_word(answer, static_cast<uint32_t>(statuses[packets.size() - 1]));
         put_word(answer, max_payload);
+        // The daemon's end is open once its first packet came: its reads fail now.
+        for (int own = 0; packets.size() == 1 && own < 256 && failed_reads > 0; ++own) {
+          platform::host::inject_fault(own, platform::host::FaultOp::Read, EIO, failed_reads);
+        }
         marlo::sim::send_packet(fd, answer.data(), answer.size());
       }
       if (fd >= 0) ::close(fd);
@@ -64,6 +70,7 @@ class MiscTransferTest : public ::testing::Test {
       std::make_unique<marlo::sim::DeviceNode>(root.at("/dev/glink_pkt_marlo_custom_data"));
   RecordingCallback cb;
   marlo_fw_updater updater;
+  int failed_reads = 0;  // reads of the first answer that fail
 };
 
 TEST_F(MiscTransferTest, PacketsOfOneResource) {
@@ -111,6 +118,19 @@ TEST_F(MiscTransferTest, RejectedStartIsRetriedFromTheStartPacket) {
   EXPECT_EQ(cb.count("Sending Data buffer failed for type: 0", Status::STATUS_INFO), 1);
   EXPECT_EQ(cb.count("Finished transfer for type: 0 with response code: 7", Status::STATUS_INFO), 1);
   EXPECT_EQ(cb.count("Finished transfer for type: 0 with response code: 0", Status::STATUS_INFO), 1);
+}
+
+TEST_F(MiscTransferTest, UnreadableAnswerFailsTheStepAndTheStartIsRetried) {
+  root.write(kBtfw, letters(10));
+  failed_reads = 1;
+  LogCapture log;
+  auto packets = run(4096);
+  ASSERT_EQ(packets.size(), 5u);
+  EXPECT_EQ(header(packets[1]), header(packets[0]));
+  EXPECT_TRUE(log.contains("read_response: Read error"));
+  EXPECT_EQ(cb.count("Sending Data buffer failed for type: 0", Status::STATUS_INFO), 1);
+  // No answer was read for the failed attempt: it reports code 0 as well.
+  EXPECT_EQ(cb.count("Finished transfer for type: 0 with response code: 0", Status::STATUS_INFO), 2);
 }
 
 TEST_F(MiscTransferTest, OnlyTheLastResourceDecidesBetweenFinishAndFailure) {

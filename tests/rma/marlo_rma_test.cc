@@ -131,6 +131,32 @@ TEST_F(RmaTest, WrittenBlocksReadBackAndNeverGrowThePartition) {
   EXPECT_EQ(root_.read("/data/vendor/aon/757").size(), 4096u);
 }
 
+// A read answer carries the block size it was asked for: what lies past the
+// end of the file reads as zeros.
+TEST_F(RmaTest, ReadAnswerHasTheRequestedSizeZeroFilledPastTheEnd) {
+  std::string content(256, '\0');
+  for (size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>(i % 250 + 1);
+  root_.write("/data/vendor/aon/757", content);
+  exchange(connect_request(7, 5, 256, 99));
+  const Bytes file(content.begin(), content.end());
+  struct Case {
+    uint32_t offset, size;
+    Bytes data;
+  } cases[] = {
+      {0, 400, [&] { Bytes b = file; b.resize(400, 0); return b; }()},
+      {250, 10, {1, 2, 3, 4, 5, 6, 0, 0, 0, 0}},
+      {300, 16, Bytes(16, 0)},
+      {0, 0, {}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.size << " bytes at " << c.offset);
+    Bytes answer = exchange(data_request(256, 4, 7, c.offset, c.size));
+    EXPECT_EQ(words(answer, 5), (std::vector<uint32_t>{4, 99, 7, c.size, 0}));
+    ASSERT_EQ(answer.size(), 32u + c.size);
+    EXPECT_EQ(Bytes(answer.begin() + 32, answer.end()), c.data);
+  }
+}
+
 TEST_F(RmaTest, HostileSizesNeitherOverReadNorOverAllocate) {
   exchange(connect_request(7, 5, 4096, 99));
   // A block size beyond the bytes that arrived.
