@@ -1,0 +1,245 @@
+// Crash sweeps. A session runs once to count the packets the co-processor
+// receives; then, for each packet N, it runs again and is cut right as the
+// co-processor receives packet N: (a) the daemon is killed and the device
+// power cycled before a new daemon starts, (b) the co-processor restarts
+// (hang-up, power-down, power-up). Every run must converge to the shipped
+// firmware in flash, or to complete misc data and RMA blocks that read back.
+// A third sweep rebuilds, from a recorded RMA session, every disk state a
+// power loss could leave, and serves each with a fresh daemon.
+//
+// MARLO_SWEEP=all sweeps every point (scripts/sweep.sh); otherwise the first,
+// the last and a fixed handful of points run, as part of the normal suite.
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <atomic>
+#include <functional>
+#include <thread>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <set>
+#include <sstream>
+
+#include "e2e_fixture.h"
+#include "sim/device_root.h"
+#include "sim/flash_check.h"
+#include "support/wait_until.h"
+
+namespace marlo::e2e {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string sweep_mode() {
+  const char* mode = std::getenv("MARLO_SWEEP");
+  return mode != nullptr ? mode : "";
+}
+
+bool full_sweep() { return sweep_mode() == "all"; }
+
+// Every point of 1..total (MARLO_SWEEP=all), the points MARLO_SWEEP lists
+// (say "2,17", to replay a run), or the first, the last and a fixed handful.
+std::vector<int> cut_points(int total) {
+  if (!full_sweep() && !sweep_mode().empty()) {
+    std::vector<int> listed;
+    std::stringstream in(sweep_mode());
+    std::string item;
+    while (std::getline(in, item, ',')) listed.push_back(std::atoi(item.c_str()));
+    return listed;
+  }
+  if (full_sweep()) {
+    std::vector<int> all;
+    for (int n = 1; n <= total; ++n) all.push_back(n);
+    return all;
+  }
+  std::set<int> some{1, 2, total / 3, total / 2, total - 1, total};
+  some.erase(0);
+  return {some.begin(), some.end()};
+}
+
+enum class Cut { KillDaemon, RestartCoprocessor };
+
+class CrashSweep : public E2e {
+ protected:
+  // A new device root for the next run of a sweep; the one of a run that
+  // failed is kept for inspection.
+  void fresh_root(bool keep_old = false) {
+    stop_daemon();
+    device_.reset();
+    std::error_code ignored;
+    if (keep_old) {
+      std::fprintf(stderr, "device root of the failed run kept: %s\n", root_.c_str());
+    } else {
+      fs::remove_all(root_, ignored);
+    }
+    root_ = sim::make_temp_root("marlo-sweep");
+    shipped_ = sim::VirtualDevice::build_sample_root(root_);
+    starts_ = 0;
+  }
+
+  // Arms the cut at packet `n` of a device already started, then starts the
+  // daemon. A kill lands before the co-processor handles the packet: the
+  // daemon is dead (not yet reaped) when the handling begins.
+  void start_daemon_cut_at(int n, Cut cut) {
+    victim_ = 0;
+    cut_done_ = false;
+    if (cut == Cut::KillDaemon) {
+      device_->at_packet(n, [this] {
+        pid_t pid;
+        while ((pid = victim_.load()) == 0) std::this_thread::yield();
+        ::kill(pid, SIGKILL);
+        siginfo_t info;
+        ::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT);
+        cut_done_ = true;
+        return false;
+      });
+    } else {
+      device_->at_packet(n, [this] {
+        cut_done_ = true;
+        return device_->restart_on_packet();
+      });
+    }
+    start_daemon();
+    victim_ = daemon_->pid();
+  }
+
+  // Waits for the cut. A killed daemon is reaped, the device power cycled
+  // and a new daemon started.
+  void recover_from(Cut cut) {
+    ASSERT_TRUE(test::wait_until([&] { return cut_done_.load(); }, std::chrono::seconds(20))) << "never cut";
+    if (cut == Cut::KillDaemon) power_cycle_and_restart_daemon();
+  }
+
+  void power_cycle_and_restart_daemon() {
+    stop_daemon();
+    device_->power_cycle();
+    start_daemon();
+  }
+
+  struct Tally {
+    int packets = 0;
+    int runs = 0;
+    int converged_in_place = 0;      // without a power cycle after a restart
+    int converged_after_reboot = 0;  // a restart the daemon did not take up; the next boot did
+    std::vector<std::string> failures;
+  };
+
+  // Runs the session once to count its packets, then once per cut point
+  // with the cut. `converged` says what is still wrong (empty once done).
+  // After a co-processor restart the running daemon gets `in_place_ms` to
+  // converge; when it does not, the device is power cycled and the next
+  // daemon must (`reboot_allowed`), else the run failed.
+  Tally sweep(const std::function<void()>& prepare, const std::function<bool()>& finished,
+              const std::function<std::string()>& converged, Cut cut, bool reboot_allowed, int in_place_ms) {
+    prepare();
+    start_daemon();
+    EXPECT_TRUE(wait_for(finished)) << "the session to count did not finish";
+    Tally tally;
+    tally.packets = device_->packets_received();
+    size_t failed_before = 0;
+    for (int n : cut_points(tally.packets)) {
+      fresh_root(tally.failures.size() > failed_before);
+      failed_before = tally.failures.size();
+      prepare();
+      start_daemon_cut_at(n, cut);
+      recover_from(cut);
+      std::string why;
+      auto wait_converged = [&](int ms) {
+        return test::wait_until(
+            [&] {
+              why = converged();
+              return why.empty();
+            },
+            std::chrono::milliseconds(ms));
+      };
+      ++tally.runs;
+      const std::string at = "cut at packet " + std::to_string(n) + " of " + std::to_string(tally.packets) + ": ";
+      if (wait_converged(cut == Cut::KillDaemon ? 20000 : in_place_ms)) {
+        ++tally.converged_in_place;
+      } else if (cut == Cut::RestartCoprocessor && reboot_allowed) {
+        const std::string in_place = why;
+        power_cycle_and_restart_daemon();
+        if (wait_converged(20000)) {
+          ++tally.converged_after_reboot;
+        } else {
+          tally.failures.push_back(at + why + " (before the power cycle: " + in_place + ")");
+        }
+      } else {
+        tally.failures.push_back(at + why);
+      }
+    }
+    std::printf("[ sweep    ] %d packets, %d runs: %d converged in place, %d after a power cycle, %zu failed\n",
+                tally.packets, tally.runs, tally.converged_in_place, tally.converged_after_reboot,
+                tally.failures.size());
+    return tally;
+  }
+
+  std::atomic<pid_t> victim_{0};
+  std::atomic<bool> cut_done_{false};
+};
+
+// ---- the download -------------------------------------------------------
+
+class DownloadSweep : public CrashSweep {
+ protected:
+  void prepare() {
+    set_property("persist.vendor.zt_aon.dfu_update", "1");
+    sim::DeviceOptions options;
+    options.dfu.fragment_size = 8192;  // a modest packet count for the sample set
+    options.restart_offline_ms = 20;
+    start_device(options);
+  }
+
+  // The shipped firmware byte for byte in flash and running from it, and
+  // the update property set.
+  std::string converged() {
+    std::vector<std::string> problems =
+        sim::verify_flash(device_->flash(), shipped_, sim::expected_platform_block(sim::RootOptions{}));
+    if (!problems.empty()) return problems.front();
+    std::optional<sim::FirmwareManifest> running = device_->coprocessor().running_firmware();
+    if (!running || running->apps != shipped_.versions.apps) return "the shipped firmware does not run";
+    if (device_->coprocessor().boot_mode() != sim::kBootModeFlash) return "not booted from flash";
+    const std::string update = property("persist.vendor.zt_aon.dfu_update");
+    if (update != "1") return "persist.vendor.zt_aon.dfu_update is " + update;
+    return "";
+  }
+
+  // A restart during a download of the flash variant is not taken up by
+  // the running daemon (a power-up acts only for the flash-less variant):
+  // the download must then complete at the next boot.
+  void run(Cut cut) {
+    Tally tally = sweep([&] { prepare(); }, [&] { return update_finished(); }, [&] { return converged(); }, cut,
+                        /*reboot_allowed=*/true, /*in_place_ms=*/1500);
+    EXPECT_GT(tally.runs, 0);
+    for (const std::string& failure : tally.failures) ADD_FAILURE() << failure;
+  }
+};
+
+// The erase requests open the download, one at a time. A hang-up that takes
+// an erase request with it (or a restart as it arrives) leaves that
+// partition, and the ones not yet asked for, to be erased when the download
+// is taken up again: the update must not complete over stale partitions.
+TEST_F(DownloadSweep, EraseLostWithAHangUpIsAskedForAgain) {
+  for (int lost : {1, 2}) {
+    SCOPED_TRACE("erase request " + std::to_string(lost) + " lost");
+    fresh_root();
+    prepare();
+    device_->at_packet(lost, [this] {
+      device_->dfu().hang_up_all();
+      return true;
+    });
+    start_daemon();
+    ASSERT_TRUE(wait_for([&] { return update_finished(); }));
+    EXPECT_EQ(converged(), "");
+    EXPECT_EQ(device_->dfu().status().erases.size(), 2u);
+  }
+}
+
+TEST_F(DownloadSweep, DaemonKilledAtEachPacketConvergesAfterPowerCycle) { run(Cut::KillDaemon); }
+
+TEST_F(DownloadSweep, CoprocessorRestartedAtEachPacketConverges) { run(Cut::RestartCoprocessor); }
+
+}  // namespace
+}  // namespace marlo::e2e
+
