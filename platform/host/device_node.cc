@@ -247,6 +247,10 @@ int open(const char* path, int flags, mode_t mode) {
       std::lock_guard<std::mutex> lock(g_nodes_mutex);
       g_nodes[fd] = Node{};
     }
+    if (fd >= 0 && host::journal::enabled()) {
+      auto recording = host::journal::hold();
+      host::journal::opened(fd, path, false, false);
+    }
     return fd;
   }
   auto recording = host::journal::hold();
@@ -286,7 +290,10 @@ ssize_t write(int fd, const void* buf, size_t count) {
     return n;
   }
   if (take_fault(fd, host::FaultOp::Write)) return -1;
-  return ::send(fd, buf, count, MSG_NOSIGNAL);
+  auto recording = host::journal::hold();
+  const ssize_t sent = ::send(fd, buf, count, MSG_NOSIGNAL);
+  if (sent > 0) host::journal::packet(fd, buf, static_cast<size_t>(sent));
+  return sent;
 }
 
 int poll(struct pollfd* fds, nfds_t nfds, int timeout_ms) {
@@ -330,6 +337,10 @@ int fcntl(int fd, int cmd, int arg) {
       Node copy = it->second;  // the new descriptor reads the same packet stream
       g_nodes[result] = std::move(copy);
     }
+  }
+  if (result >= 0 && (cmd == F_DUPFD || cmd == F_DUPFD_CLOEXEC) && host::journal::enabled()) {
+    auto recording = host::journal::hold();
+    host::journal::duplicated(fd, result);
   }
   return result;
 }

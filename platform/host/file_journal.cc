@@ -66,10 +66,23 @@ void closed(int fd) {
   if (enabled()) g_paths.erase(fd);
 }
 
+void duplicated(int fd, int copy) {
+  const std::string* path = enabled() ? path_of(fd) : nullptr;
+  if (path == nullptr) return;
+  std::string named = *path;  // the insertion may move the entry `path` points into
+  g_paths[copy] = std::move(named);
+}
+
 void wrote(int fd, off_t offset, const void* data, size_t length) {
   const std::string* path = enabled() ? path_of(fd) : nullptr;
   if (path == nullptr || length == 0) return;
   append("W\t" + *path + "\t" + std::to_string(offset) + "\t" + std::to_string(length) + "\n", data, length);
+}
+
+void packet(int fd, const void* data, size_t length) {
+  const std::string* path = enabled() ? path_of(fd) : nullptr;
+  if (path == nullptr || length == 0) return;
+  append("P\t" + *path + "\t" + std::to_string(length) + "\n", data, length);
 }
 
 void truncated(int fd, off_t length) {

@@ -14,6 +14,9 @@
 //   S <path>                    fsync or fdatasync of a file or directory
 //   R <from> <to>               rename
 //   U <path>                    removal
+//   P <path> <length>           a packet written to a device node, followed
+//                               by its bytes and a newline (what the daemon
+//                               told the co-processor, and when)
 // Paths are device paths; every record ends with a newline.
 #pragma once
 
@@ -36,7 +39,9 @@ std::unique_lock<std::mutex> hold();
 // Each called with hold() held, after the operation succeeded.
 void opened(int fd, const std::string& device_path, bool created, bool truncated);
 void closed(int fd);
+void duplicated(int fd, int copy);
 void wrote(int fd, off_t offset, const void* data, size_t length);
+void packet(int fd, const void* data, size_t length);
 void truncated(int fd, off_t length);
 void synced(int fd);
 void renamed(const std::string& from, const std::string& to);

@@ -21,6 +21,7 @@
 #include <set>
 #include <sstream>
 
+#include "crash_states.h"
 #include "e2e_fixture.h"
 #include "sim/device_root.h"
 #include "sim/flash_check.h"
@@ -239,6 +240,125 @@ TEST_F(DownloadSweep, EraseLostWithAHangUpIsAskedForAgain) {
 TEST_F(DownloadSweep, DaemonKilledAtEachPacketConvergesAfterPowerCycle) { run(Cut::KillDaemon); }
 
 TEST_F(DownloadSweep, CoprocessorRestartedAtEachPacketConverges) { run(Cut::RestartCoprocessor); }
+
+// ---- the backing files across a power loss ------------------------------
+
+class BackingFileSweep : public CrashSweep {
+ protected:
+  static sim::DeviceOptions noflash(bool read_only) {
+    sim::DeviceOptions options;
+    options.variant = sim::Variant::NoflashPsram;
+    options.flash = sim::FlashContents::Empty;
+    options.running_at_start = true;
+    options.restart_offline_ms = 20;
+    options.rma.read_only = read_only;
+    return options;
+  }
+
+  // One RMA session with its file operations recorded: the co-processor's
+  // workload runs twice (a restart in between), so the second run
+  // overwrites every block the first one wrote.
+  std::vector<FileOp> record_session() {
+    const std::string journal = root_ + "/sim/files.journal";
+    ::setenv("MARLO_FILE_JOURNAL", journal.c_str(), 1);
+    start_device(noflash(false));
+    start_daemon();
+    ::unsetenv("MARLO_FILE_JOURNAL");
+    EXPECT_TRUE(wait_for([&] { return device_->rma().status().runs_completed >= 1; }));
+    device_->restart();
+    EXPECT_TRUE(wait_for([&] { return device_->rma().status().runs_completed >= 2; }));
+    EXPECT_TRUE(device_->rma().status().problems.empty());
+    stop_daemon();
+    // DATA_WRITE_RESP (513) with result 0: header (CRC, length, command),
+    // then request word, client value, memory id, block size, result.
+    auto write_done = [](const std::string& node, const sim::Bytes& packet) {
+      return node == "/dev/glink_pkt_marlo_rma" && packet.size() == 32 && sim::get_u32(packet, 8) == 513 &&
+             sim::get_u32(packet, 28) == 0;
+    };
+    return read_journal(journal, "/data/vendor/aon/", write_done);
+  }
+
+  // The partition a backing file name belongs to, or -1.
+  static int partition_of(const std::string& name) {
+    const std::vector<sim::RmaPartition> partitions = sim::RmaConfig{}.partitions;
+    for (size_t i = 0; i < partitions.size(); ++i) {
+      if (sim::RmaClient::backing_file(partitions[i]) == "/data/vendor/aon/" + name) return static_cast<int>(i);
+    }
+    return -1;
+  }
+
+  // Puts `state` on a fresh device and serves it with a fresh daemon whose
+  // co-processor reads every block back; what is wrong with it.
+  std::vector<std::string> check(const CrashState& state) {
+    fresh_root();
+    std::vector<std::string> problems;
+    const std::vector<sim::RmaPartition> partitions = sim::RmaConfig{}.partitions;
+    for (const auto& [name, data] : state.files) {
+      sim::write_text(root_ + "/data/vendor/aon/" + name, std::string(data.begin(), data.end()));
+      const int p = partition_of(name);
+      if (p >= 0 && data.size() != partitions[static_cast<size_t>(p)].size) {
+        problems.push_back("backing file " + name + " half-made: " + std::to_string(data.size()) + " bytes");
+      }
+    }
+    start_device(noflash(true));
+    start_daemon();
+    if (!wait_for([&] {
+          sim::RmaStatus rma = device_->rma().status();
+          return rma.runs_completed >= 1 || !rma.problems.empty();
+        })) {
+      problems.push_back("the read-back run did not complete");
+      return problems;
+    }
+    const sim::RmaStatus rma = device_->rma().status();
+    for (const std::string& problem : rma.problems) problems.push_back(problem);
+    for (const DurableBlock& block : state.durable) {
+      const int p = partition_of(block.name);
+      sim::Bytes read;
+      for (const auto& [where, bytes] : rma.reads) {
+        if (where.first == static_cast<size_t>(p)) read.insert(read.end(), bytes.begin(), bytes.end());
+      }
+      if (read.size() < block.offset + block.data.size() ||
+          !std::equal(block.data.begin(), block.data.end(), read.begin() + static_cast<long>(block.offset))) {
+        problems.push_back("block of " + std::to_string(block.data.size()) + " bytes at " +
+                           std::to_string(block.offset) + " of " + block.name + " made durable, read back different");
+      }
+    }
+    for (const auto& entry : fs::directory_iterator(root_ + "/data/vendor/aon/")) {
+      if (entry.path().extension() == ".tmp") problems.push_back("temporary left: " + entry.path().string());
+    }
+    return problems;
+  }
+};
+
+// Sector-sized blocks: the unit a disk writes whole.
+constexpr size_t kTearBlock = 512;
+
+TEST_F(BackingFileSweep, EveryPowerLossStateKeepsDurableBlocksAndNoHalfMadeFile) {
+  const std::vector<FileOp> ops = record_session();
+  ASSERT_GT(ops.size(), 20u) << "the journal holds too few operations";
+  size_t generated = 0;
+  std::vector<CrashState> states = crash_states(ops, kTearBlock, &generated);
+  std::vector<size_t> picked;
+  for (size_t i = 0; i < states.size(); ++i) picked.push_back(i);
+  if (!full_sweep()) {
+    // The first, the last and a fixed handful between.
+    std::set<size_t> some{0, states.size() - 1};
+    for (size_t k = 1; k < 6; ++k) some.insert(k * states.size() / 6);
+    picked.assign(some.begin(), some.end());
+  }
+  int violations = 0;
+  for (size_t i : picked) {
+    const CrashState& state = states[i];
+    const std::vector<std::string> problems = check(state);
+    for (const std::string& problem : problems) {
+      ADD_FAILURE() << "cut after " << state.cut << " of " << ops.size() << " operations (" << state.how
+                    << "): " << problem;
+    }
+    violations += problems.empty() ? 0 : 1;
+  }
+  std::printf("[ sweep    ] %zu file operations, %zu crash states (%zu distinct), %zu checked, %d violations\n",
+              ops.size(), generated, states.size(), picked.size(), violations);
+}
 
 }  // namespace
 }  // namespace marlo::e2e
