@@ -115,8 +115,12 @@ class CrashSweep : public E2e {
   void power_cycle_and_restart_daemon() {
     stop_daemon();
     device_->power_cycle();
+    after_power_cycle();
     start_daemon();
   }
+
+  // What the device does at power-up before the daemon starts.
+  virtual void after_power_cycle() {}
 
   struct Tally {
     int packets = 0;
@@ -240,6 +244,58 @@ TEST_F(DownloadSweep, EraseLostWithAHangUpIsAskedForAgain) {
 TEST_F(DownloadSweep, DaemonKilledAtEachPacketConvergesAfterPowerCycle) { run(Cut::KillDaemon); }
 
 TEST_F(DownloadSweep, CoprocessorRestartedAtEachPacketConverges) { run(Cut::RestartCoprocessor); }
+
+// ---- the flash-less session ---------------------------------------------
+
+class NoflashSweep : public CrashSweep {
+ protected:
+  void prepare() {
+    sim::DeviceOptions options;
+    options.variant = sim::Variant::NoflashPsram;
+    options.flash = sim::FlashContents::Empty;
+    options.running_at_start = true;
+    options.restart_offline_ms = 20;
+    options.misc_max_payload = 4096;  // a modest packet count
+    options.rma.answer_timeout_ms = 200;
+    start_device(options);
+  }
+
+  // The kernel loads a co-processor without flash in HOST mode as the
+  // device starts, as when the device was created.
+  void after_power_cycle() override {
+    device_->coprocessor().set_boot_mode(sim::kBootModeHost);
+    device_->coprocessor().load();
+  }
+
+  // The misc data complete as shipped, and a whole RMA run since the cut:
+  // every block written, answered 0 and read back as written.
+  std::string converged() {
+    const sim::MiscStatus misc = device_->misc().status();
+    if (misc.stored.size() != 2 || !misc.problems.empty()) return "misc data incomplete";
+    const std::string bt = sim::read_text(root_ + sim::kBtFirmwarePath);
+    const std::string nv = sim::read_text(root_ + sim::kBtNvPath);
+    if (std::string(misc.stored.at(0).begin(), misc.stored.at(0).end()) != bt ||
+        std::string(misc.stored.at(1).begin(), misc.stored.at(1).end()) != nv) {
+      return "misc data differ from the shipped files";
+    }
+    const sim::RmaStatus rma = device_->rma().status();
+    if (!rma.problems.empty()) return "RMA: " + rma.problems.front();
+    if (rma.runs_completed < 1) return "no RMA run completed";
+    return device_->rma().verify_backing_files();
+  }
+
+  void run(Cut cut) {
+    Tally tally = sweep([&] { prepare(); },
+                        [&] { return device_->rma().status().runs_completed >= 1; },
+                        [&] { return converged(); }, cut, /*reboot_allowed=*/false, /*in_place_ms=*/20000);
+    EXPECT_GT(tally.runs, 0);
+    for (const std::string& failure : tally.failures) ADD_FAILURE() << failure;
+  }
+};
+
+TEST_F(NoflashSweep, DaemonKilledAtEachPacketConvergesAfterPowerCycle) { run(Cut::KillDaemon); }
+
+TEST_F(NoflashSweep, CoprocessorRestartedAtEachPacketConverges) { run(Cut::RestartCoprocessor); }
 
 // ---- the backing files across a power loss ------------------------------
 
