@@ -215,7 +215,7 @@ class DownloadSweep : public CrashSweep {
   // the download must then complete at the next boot.
   void run(Cut cut) {
     Tally tally = sweep([&] { prepare(); }, [&] { return update_finished(); }, [&] { return converged(); }, cut,
-                        /*reboot_allowed=*/true, /*in_place_ms=*/1500);
+                        /*reboot_allowed=*/true, /*in_place_ms=*/1000);
     EXPECT_GT(tally.runs, 0);
     for (const std::string& failure : tally.failures) ADD_FAILURE() << failure;
   }
