@@ -50,7 +50,11 @@ void DFUCallback::handleSHMResponse(std::string message, Status status) {
     case STATUS_SUCCESS:
       log_report("handleSHMResponse", message);
       com_handler_->set_marlo_boot_status(3);
-      property_set("vendor.zt_aon.misc_update", "1");
+      if (daemon_ != nullptr) {
+        daemon_->onMiscDataPushSucceeded();
+      } else {
+        property_set("vendor.zt_aon.misc_update", "1");
+      }
       break;
     case STATUS_ERASE_DONE:
     case STATUS_ERROR:

@@ -15,6 +15,7 @@
 #include <cutils/properties.h>
 
 #include "daemon/DFUCallback.h"
+#include "daemon/NoFlashPsramWorker.h"
 #include "daemon/SSRHandler.h"
 #include "fwupdater/marlo_fw_updater.h"
 #include "platform/os.h"
@@ -45,7 +46,16 @@ MarloDaemon::MarloDaemon()
     : com_handler(std::make_unique<MarloComHandler>()),
       fw_updater(std::make_unique<marlo_fw_updater>()),
       rma(std::make_unique<marlo_rma>()),
-      dfu_callback(std::make_unique<DFUCallback>(com_handler.get(), this)) {}
+      dfu_callback(std::make_unique<DFUCallback>(com_handler.get(), this)) {
+  NoFlashPsramWorker::Steps steps;
+  steps.push = [this] { pushNoFlashPsramMiscData(); };
+  steps.startRma = [this] {
+    __android_log_print(ANDROID_LOG_DEBUG, nullptr, "starting rma connection");
+    rma->startMarloRmaConnection();
+  };
+  steps.abortPush = [this](bool abort) { fw_updater->abortMarloSHMUpdate(abort); };
+  noflash_worker = std::make_unique<NoFlashPsramWorker>(std::move(steps));
+}
 
 MarloDaemon::~MarloDaemon() = default;
 

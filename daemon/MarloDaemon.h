@@ -11,6 +11,7 @@
 
 class DFUCallback;
 class marlo_fw_updater;
+class NoFlashPsramWorker;
 class marlo_rma;
 class SSRHandler;
 
@@ -46,11 +47,16 @@ class MarloDaemon {
   void handleFlashMode();
   void changeBootmode(int mode);
   int defaultHandler();
+  // Hands the flash-less co-processor's push and RMA client to the worker
+  // and waits until it is idle again (boot path, main thread).
   void handleNoFlashPsram();
   int startFirmwareUpdate();
   int startMiscDataFirmwareUpdate();
   void on_aon_up();
   void on_aon_down();
+  // A misc-data push reported success: "vendor.zt_aon.misc_update" becomes
+  // "1" unless a power event came after the push started.
+  void onMiscDataPushSucceeded();
 
   // Called with each boot-progress code; the daemon installs none itself.
   void setBootProgressObserver(BootProgressObserver* observer) { boot_progress_observer = observer; }
@@ -65,15 +71,18 @@ class MarloDaemon {
   marlo_fw_updater* updater() const { return fw_updater.get(); }
 
  private:
-  // Shared between the main thread, the restart listener and the updater's
-  // reader thread without a lock: every such field is atomic. The PIL state
-  // path is written once, before those threads start.
+  // One job's push on the worker thread: misc data unless already pushed.
+  void pushNoFlashPsramMiscData();
+
+  // Shared between the main thread, the restart listener, the flash-less
+  // worker and the updater's reader thread without a lock: every such field
+  // is atomic. The PIL state path is written once, before those threads start.
   std::atomic<bool> noflash_psram{false};
   char pil_state_path[50] = {};
   std::unique_ptr<MarloComHandler> com_handler;
   std::unique_ptr<marlo_fw_updater> fw_updater;
   std::atomic<SSRHandler*> ssr_handler{nullptr};  // lives as long as its listener thread
-  std::unique_ptr<marlo_rma> rma;
+  std::unique_ptr<marlo_rma> rma;  // started only on the flash-less worker's thread
   // Replaced, never freed, on each boot completion: the restart listener may
   // still be reading the previous record.
   std::atomic<wear_firmware_info_t*> fw_version{nullptr};
@@ -81,6 +90,10 @@ class MarloDaemon {
   // The updater's result sink. It holds no state of its own, so one instance
   // serves every update the daemon starts.
   std::unique_ptr<DFUCallback> dfu_callback;
+  // Runs every misc-data push and RMA client start of a flash-less
+  // co-processor, on its own thread. Declared last: it is stopped before the
+  // updater and the RMA client it uses go away.
+  std::unique_ptr<NoFlashPsramWorker> noflash_worker;
 };
 
 // The running daemon, for code without a daemon pointer at hand.

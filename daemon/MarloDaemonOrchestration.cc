@@ -8,6 +8,7 @@
 
 #include "daemon/DFUCallback.h"
 #include "daemon/MarloDaemon.h"
+#include "daemon/NoFlashPsramWorker.h"
 #include "fwupdater/marlo_fw_updater.h"
 #include "platform/os.h"
 #include "rma/marlo_rma.h"
@@ -142,23 +143,46 @@ int MarloDaemon::startMiscDataFirmwareUpdate() {
   return 0;
 }
 
+// The flash-less co-processor has one owner, the worker: the boot path hands
+// it the job and waits, so that the boot still ends with the misc data pushed
+// and the RMA client started, while power events that arrive meanwhile reach
+// the same worker and are handled in order with the boot's job.
 void MarloDaemon::handleNoFlashPsram() {
+  // Also on the boot path: the next power-down must withdraw a success that
+  // this push reports.
+  noflash_psram = true;
+  noflash_worker->runBootJob();
+}
+
+void MarloDaemon::pushNoFlashPsramMiscData() {
   __android_log_print(ANDROID_LOG_INFO, nullptr, "found NOFLASH_PSRAM AON, do misc_data_fW_update");
   if (!property_is_one("vendor.zt_aon.misc_update")) startMiscDataFirmwareUpdate();
-  __android_log_print(ANDROID_LOG_DEBUG, nullptr, "starting rma connection");
-  rma->startMarloRmaConnection();
+}
+
+void MarloDaemon::onMiscDataPushSucceeded() {
+  bool current = noflash_worker->runUnlessStale([] { property_set("vendor.zt_aon.misc_update", "1"); });
+  if (!current) {
+    __android_log_print(ANDROID_LOG_INFO, nullptr, "misc-data push finished before the last power event, not counted");
+  }
 }
 
 void MarloDaemon::on_aon_up() {
   __android_log_print(ANDROID_LOG_INFO, nullptr, "%s: called\n", "on_aon_up");
   if (fw_updater->is_psram_noflash(fw_version.load()) == 0) {
     noflash_psram = true;
-    handleNoFlashPsram();
+    // A co-processor that came up holds none of the misc data: a success of
+    // an earlier push no longer counts, and the worker pushes again.
+    noflash_worker->powerUp([] {
+      if (property_is_one("vendor.zt_aon.misc_update")) property_set("vendor.zt_aon.misc_update", "0");
+    });
   }
 }
 
 void MarloDaemon::on_aon_down() {
   __android_log_print(ANDROID_LOG_INFO, nullptr, "%s: called\n", "on_aon_down");
-  // The next power-up pushes the misc data again.
-  if (noflash_psram) property_set("vendor.zt_aon.misc_update", "0");
+  // The push in progress (boot path included) stops; the next power-up
+  // pushes the misc data again.
+  noflash_worker->powerDown([this] {
+    if (noflash_psram) property_set("vendor.zt_aon.misc_update", "0");
+  });
 }

@@ -3,6 +3,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <thread>
@@ -36,10 +37,20 @@ void SSRHandler::marloSSREventListener() {
 
   // Two spare bytes terminate the last string and the list of strings.
   char buffer[kMaxMessage + 2] = {};
-  ssize_t length = uevent_kernel_multicast_recv(socket, buffer, kMaxMessage);
-  while (length > 0) {
-    handleMessage(buffer, length);
-    length = uevent_kernel_multicast_recv(socket, buffer, kMaxMessage);
+  for (;;) {
+    ssize_t length = uevent_kernel_multicast_recv(socket, buffer, kMaxMessage);
+    if (length > 0) {
+      handleMessage(buffer, length);
+      continue;
+    }
+    // A burst overran the socket's buffer: the kernel dropped uevents, the
+    // socket itself is fine. Any other failure ends the listener.
+    if (length < 0 && errno == ENOBUFS) {
+      __android_log_print(ANDROID_LOG_ERROR, kTag, "uevent socket overrun, events lost: re-reading marlo state");
+      recoverLostEvents();
+      continue;
+    }
+    break;
   }
   if (socket >= 0) close(socket);
 }
@@ -63,7 +74,37 @@ void SSRHandler::handleMessage(char* buffer, ssize_t length) {
   }
 }
 
+void SSRHandler::recoverLostEvents() {
+  if (daemon_ == nullptr) return;
+  bool believed_up;
+  switch (last_power_event_.load()) {
+    case kPowerDown:
+      believed_up = false;
+      break;
+    case kPowerUp:
+      believed_up = true;
+      break;
+    default: {  // no power event yet: the boot's outcome stands
+      char value[PROPERTY_VALUE_MAX] = {};
+      property_get("vendor.marlo.boot_complete", value, "0");
+      believed_up = std::atoi(value) == 1;
+      break;
+    }
+  }
+  int state = daemon_->getMarloPILStatus();
+  if (state == 1 && !believed_up) {
+    __android_log_print(ANDROID_LOG_ERROR, kTag, "lost power-up event: marlo is running");
+    last_event_ = kPowerUp;
+    handleEvent(kPowerUp);
+  } else if (state == 0 && believed_up) {
+    __android_log_print(ANDROID_LOG_ERROR, kTag, "lost power-down event: marlo is offline");
+    last_event_ = kPowerDown;
+    handleEvent(kPowerDown);
+  }
+}
+
 void SSRHandler::handleEvent(int32_t event) {
+  if (event == kPowerDown || event == kPowerUp) last_power_event_ = event;
   if (event == kPowerDown) {
     property_set("vendor.marlo.boot_complete", "0");
     if (daemon_ != nullptr) daemon_->on_aon_down();

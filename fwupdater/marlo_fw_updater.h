@@ -203,7 +203,8 @@ class marlo_fw_updater {
   unsigned loadAndSaveMiscFw();
   int truncateMiscFwResources();
 
-  // Misc data transfer.
+  // Misc data transfer. One push at a time, on the misc-data channel's own
+  // transport, from one thread (the daemon's flash-less worker).
   void startMarloSHMUpdater(Callback* cb);
   void marloMiscDataUpdateReq();
   void endMarloSHMUpdater();
@@ -212,6 +213,10 @@ class marlo_fw_updater {
   int send_data_to_aon(std::vector<uint8_t> packet, glink__shm_packet_response* resp);
   int send_crc_data_buffer(unsigned short type, std::vector<uint8_t> data, glink__shm_packet_response* resp);
   int send_finish_data_buffer(glink__shm_packet_response* resp);
+  // true: the push in progress sends no further packet (each step fails at
+  // once), because the co-processor went down or restarted; false: pushes
+  // run normally. Safe from any thread.
+  void abortMarloSHMUpdate(bool abort) { misc_abort = abort; }
 
   // Read-only views for the daemon and tests (the images: a copy of the
   // current list, whose records stay alive as long as the copy).
@@ -251,4 +256,10 @@ class marlo_fw_updater {
   int32_t tbx_elf_offset = 0;
   marlo_meta_info meta_info;
   std::vector<std::unique_ptr<marlo_misc_resource>> misc_resources;
+  // The misc-data transfer's own transport and result sink, never those of
+  // the DFU session: a push cannot send on the DFU channel or close it. Used
+  // only by the thread that runs the push; the abort flag is set from others.
+  std::unique_ptr<glink_interface> miscGlinkInterface;
+  std::atomic<Callback*> misc_callback{nullptr};
+  std::atomic<bool> misc_abort{false};
 };

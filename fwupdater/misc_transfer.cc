@@ -1,7 +1,7 @@
 // The misc-data transfer (SHM updater): pushes each misc-data resource into
 // the co-processor's memory over "glink_pkt_marlo_custom_data", one packet at
 // a time, each answered by a 24-byte response read synchronously on the
-// caller's thread.
+// caller's thread, over a transport of its own (never the DFU session's).
 //
 // Per resource: a start packet (whose answer gives the largest packet the
 // co-processor accepts), the data packets, a CRC packet; one finish packet
@@ -63,23 +63,24 @@ std::vector<uint8_t> shm_data_packet(uint32_t kind, uint32_t type, uint32_t sequ
 }  // namespace
 
 void marlo_fw_updater::reportSHM(const std::string& message, Callback::Status status) {
-  Callback* cb = callback.load();
+  Callback* cb = misc_callback.load();
   if (cb != nullptr) cb->handleSHMResponse(message, status);
 }
 
 void marlo_fw_updater::startMarloSHMUpdater(Callback* cb) {
   MARLO_LOGD("startMarloSHMUpdater");
-  callback = cb;
+  misc_callback = cb;
   reportSHM("Marlo SHM Updater:: Waiting for Glink channel open", Callback::STATUS_STARTED);
-  if (!glinkInterface) {
+  if (!miscGlinkInterface) {
     glink_conn_config config;
     config.channel_name = kMiscDataChannel;
     config.read_size = kMiscReadSize;
-    glinkInterface.reset(new marlo_glink(config));
-    MARLO_LOGD("About to connect with glinkInterface %p without callback", static_cast<void*>(glinkInterface.get()));
+    miscGlinkInterface.reset(new marlo_glink(config));
+    MARLO_LOGD("About to connect with glinkInterface %p without callback",
+               static_cast<void*>(miscGlinkInterface.get()));
     // No callbacks are registered, so a failed open is only seen here; the
     // object is kept and the packets then fail one by one.
-    if (glinkInterface->connect_interface(false) != 0) {
+    if (miscGlinkInterface->connect_interface(false) != 0) {
       reportSHM("Marlo SHM Updater:: Glink channel open failed", Callback::STATUS_CHANNEL_ERROR);
     }
   }
@@ -120,7 +121,7 @@ void marlo_fw_updater::marloMiscDataUpdateReq() {
 void marlo_fw_updater::endMarloSHMUpdater() {
   MARLO_LOGD("endMarloSHMUpdater");
   truncateMiscFwResources();
-  if (glinkInterface) glinkInterface.reset();
+  if (miscGlinkInterface) miscGlinkInterface.reset();
   try {
     reportSHM("Marlo Misc Data Resources Update Done", Callback::STATUS_ERASE_DONE);
   } catch (const std::runtime_error& e) {
@@ -215,15 +216,21 @@ int marlo_fw_updater::send_finish_data_buffer(glink__shm_packet_response* resp) 
 
 int marlo_fw_updater::send_data_to_aon(std::vector<uint8_t> packet, glink__shm_packet_response* resp) {
   MARLO_LOGD("send_data_to_aon");
-  if (!glinkInterface) {
+  if (!miscGlinkInterface) {
     MARLO_LOGE("glinkInterface != nullptr");
     return -1;
   }
-  const int sent = glinkInterface->send_request(packet.data(), static_cast<unsigned int>(packet.size()));
+  // A co-processor that went down or restarted since the push began keeps
+  // none of it: the rest is not sent, and the next push starts over.
+  if (misc_abort) {
+    MARLO_LOGE("%s: misc-data push abandoned after a co-processor power event", __func__);
+    return -1;
+  }
+  const int sent = miscGlinkInterface->send_request(packet.data(), static_cast<unsigned int>(packet.size()));
   if (resp == nullptr) return sent;
 
   uint8_t answer[kShmResponseSize] = {};
-  if (glinkInterface->read_response(answer, kShmResponseSize) != 0) {
+  if (miscGlinkInterface->read_response(answer, kShmResponseSize) != 0) {
     MARLO_LOGE("%s: read failed (error %s)", __func__, std::strerror(errno));
     return -1;
   }

@@ -1,6 +1,7 @@
 #include "sim/misc_data_receiver.h"
 
 #include <cerrno>
+#include <utility>
 
 #include "common/crc32.h"
 #include "sim/device_root.h"
@@ -28,13 +29,25 @@ void MiscDataReceiver::on_open(int) {
   verified_.clear();
 }
 
+void MiscDataReceiver::set_packet_hook(PacketHook hook) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  hook_ = std::move(hook);
+}
+
 void MiscDataReceiver::on_packet(int fd, const Bytes& p) {
   int32_t result;
+  int packets;
+  PacketHook hook;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    ++status_.packets;
+    packets = ++status_.packets;
     result = handle(p);
     if (result != 0) ++status_.rejected;
+    hook = hook_;
+  }
+  if (hook && !hook(packets)) {
+    hang_up(fd);
+    return;
   }
   Bytes answer(p.begin(), p.begin() + static_cast<long>(std::min(p.size(), kHeader)));
   answer.resize(kHeader, 0);

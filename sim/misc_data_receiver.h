@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -34,6 +35,13 @@ class MiscDataReceiver : public ChannelServer {
 
   MiscStatus status() const;
 
+  // Test hook: called on the channel's thread with the number of packets
+  // received so far (this one included), before the packet is answered; the
+  // packet is answered when it returns true, otherwise its connection hangs
+  // up unanswered. Set it before the daemon pushes.
+  using PacketHook = std::function<bool(int packets)>;
+  void set_packet_hook(PacketHook hook);
+
  protected:
   void on_open(int fd) override;
   void on_packet(int fd, const Bytes& packet) override;
@@ -55,6 +63,7 @@ class MiscDataReceiver : public ChannelServer {
   uint32_t next_seq_ = 1;
   Bytes data_;
   std::map<uint16_t, Bytes> verified_;
+  PacketHook hook_;  // guarded by mutex_, called outside it
 };
 
 }  // namespace marlo::sim

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <fstream>
 
 namespace marlo::sim {
 
@@ -30,6 +31,11 @@ bool send_uevent(const std::string& root, const std::string& message) {
                        sizeof(addr));
   ::close(fd);
   return n == static_cast<ssize_t>(message.size());
+}
+
+bool arm_uevent_overrun(const std::string& root) {
+  std::ofstream marker(root + "/dev/uevent.overrun");
+  return static_cast<bool>(marker);
 }
 
 }  // namespace marlo::sim

@@ -16,4 +16,8 @@ std::string marlo_uevent(int event);
 // Sends one datagram; false when nobody listens.
 bool send_uevent(const std::string& root, const std::string& message);
 
+// Fault: the next uevent the daemon receives is lost in a socket overrun
+// (its receive fails with ENOBUFS; see the host backend's uevent receive).
+bool arm_uevent_overrun(const std::string& root);
+
 }  // namespace marlo::sim

@@ -36,10 +36,20 @@ extern "C" int uevent_open_socket(int buf_sz, bool /*passcred*/) {
 
 // Reports the datagram's true length, so that a message longer than the
 // buffer is seen as too long.
+//
+// Overrun fault: an AF_UNIX datagram socket never reports ENOBUFS (a full
+// receive queue blocks or refuses the sender instead), so a test makes one
+// receive fail as a netlink socket does after a burst by creating the file
+// dev/uevent.overrun in the root. The next datagram received is then lost: it
+// is dropped, the file removed and the receive fails with ENOBUFS.
 extern "C" ssize_t uevent_kernel_multicast_recv(int socket, void* buffer, size_t length) {
   ssize_t n;
   do {
     n = ::recv(socket, buffer, length, MSG_TRUNC);
   } while (n < 0 && errno == EINTR);
+  if (n >= 0 && ::unlink(platform::host::resolve("/dev/uevent.overrun").c_str()) == 0) {
+    errno = ENOBUFS;
+    return -1;
+  }
   return n;
 }

@@ -1,0 +1,90 @@
+#include "daemon/NoFlashPsramWorker.h"
+
+#include <utility>
+
+#include <android/log.h>
+
+NoFlashPsramWorker::NoFlashPsramWorker(Steps steps) : steps_(std::move(steps)) {
+  thread_ = std::thread(&NoFlashPsramWorker::run, this);
+}
+
+NoFlashPsramWorker::~NoFlashPsramWorker() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    stopping_ = true;
+    steps_.abortPush(true);
+  }
+  changed_.notify_all();
+  thread_.join();
+}
+
+void NoFlashPsramWorker::runBootJob() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  job_wanted_ = true;
+  changed_.notify_all();
+  changed_.wait(lock, [this] { return stopping_ || (!job_wanted_ && !job_running_); });
+}
+
+void NoFlashPsramWorker::powerUp(const std::function<void()>& under_lock) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ++generation_;
+    steps_.abortPush(true);
+    job_wanted_ = true;
+    if (under_lock) under_lock();
+  }
+  changed_.notify_all();
+}
+
+void NoFlashPsramWorker::powerDown(const std::function<void()>& under_lock) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ++generation_;
+    steps_.abortPush(true);
+    // Nothing is pushed to a co-processor that is down: the next power-up
+    // asks again.
+    job_wanted_ = false;
+    if (under_lock) under_lock();
+  }
+  changed_.notify_all();
+}
+
+bool NoFlashPsramWorker::runUnlessStale(const std::function<void()>& action) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (job_running_ && job_generation_ != generation_) return false;
+  action();
+  return true;
+}
+
+uint64_t NoFlashPsramWorker::generation() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return generation_;
+}
+
+void NoFlashPsramWorker::run() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  for (;;) {
+    changed_.wait(lock, [this] { return stopping_ || job_wanted_; });
+    if (stopping_) return;
+    job_wanted_ = false;
+    job_running_ = true;
+    job_generation_ = generation_;
+    steps_.abortPush(false);
+    lock.unlock();
+
+    steps_.push();
+    lock.lock();
+    const bool current = job_generation_ == generation_;
+    lock.unlock();
+    if (current) {
+      steps_.startRma();
+    } else {
+      __android_log_print(ANDROID_LOG_INFO, nullptr,
+                          "power event during the misc-data push: push abandoned, no rma connection for it");
+    }
+
+    lock.lock();
+    job_running_ = false;
+    changed_.notify_all();
+  }
+}

@@ -1,0 +1,67 @@
+// The one owner of a flash-less (NOFLASH_PSRAM) co-processor's misc-data push
+// and RMA client: a serial worker thread that takes the boot-time request and
+// the power-up and power-down events and runs one job at a time.
+//
+// A job is a complete misc-data push followed by the start of the RMA client.
+// Every power event starts a new power generation: the push in progress is
+// told to fail fast (its remaining packets are not sent), and the job that
+// belonged to the old generation starts no RMA client. A power-up asks for a
+// new job; a power-down cancels a job that has not started yet. So the last
+// power-up is always followed by one complete push and one RMA client, and
+// nothing but this thread ever pushes or starts the client.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+class NoFlashPsramWorker {
+ public:
+  struct Steps {
+    // The misc-data push; runs on the worker thread.
+    std::function<void()> push;
+    // Starts (or restarts) the RMA client; runs on the worker thread.
+    std::function<void()> startRma;
+    // true: the push in progress fails fast from its next packet on; false:
+    // a new push may run. Called with the worker's lock held, from any thread.
+    std::function<void(bool)> abortPush;
+  };
+
+  explicit NoFlashPsramWorker(Steps steps);
+  // Stops the thread after the job in progress and joins it.
+  ~NoFlashPsramWorker();
+  NoFlashPsramWorker(const NoFlashPsramWorker&) = delete;
+  NoFlashPsramWorker& operator=(const NoFlashPsramWorker&) = delete;
+
+  // Boot completion found a flash-less co-processor: asks for a job and
+  // returns once the worker is idle again (the job completed, or a power
+  // event abandoned it and the worker has handled what followed).
+  void runBootJob();
+  // The co-processor powered up / down. `under_lock` runs with the worker's
+  // lock held, after the job in progress has lost its generation: property
+  // writes made there are ordered with those of runUnlessStale.
+  void powerUp(const std::function<void()>& under_lock = {});
+  void powerDown(const std::function<void()>& under_lock = {});
+
+  // Runs `action` with the worker's lock held unless the job in progress
+  // belongs to an older power generation; false when it did not run. Used
+  // for what a push may report only while it is current.
+  bool runUnlessStale(const std::function<void()>& action);
+
+  uint64_t generation() const;
+
+ private:
+  void run();
+
+  Steps steps_;
+  mutable std::mutex mutex_;  // guards every field below
+  std::condition_variable changed_;
+  uint64_t generation_ = 0;
+  uint64_t job_generation_ = 0;  // of the job in progress
+  bool job_wanted_ = false;
+  bool job_running_ = false;
+  bool stopping_ = false;
+  std::thread thread_;  // started last, once the fields above exist
+};
