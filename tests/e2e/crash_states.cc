@@ -96,6 +96,8 @@ struct Model {
         op_inode[i] = names[op.path];
         inodes[static_cast<size_t>(op_inode[i])].pending.push_back(i);
         break;
+      case FileOp::Answered:  // changes nothing on the disk
+        break;
     }
   }
 

@@ -54,7 +54,9 @@ TEST(CrashStates, SyncedDataAndDirectoryAreNeverLost) {
     if (state.cut < 5) continue;  // the directory is synced from here on
     ASSERT_EQ(state.files.size(), 1u) << state.how;
     ASSERT_EQ(state.files.at("1").size(), 1024u) << state.how;
-    if (state.cut >= 7) EXPECT_EQ(state.files.at("1"), sim::Bytes(1024, 7)) << state.how;
+    if (state.cut >= 7) {
+      EXPECT_EQ(state.files.at("1"), sim::Bytes(1024, 7)) << state.how;
+    }
   }
 }
 
