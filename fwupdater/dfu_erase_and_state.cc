@@ -50,7 +50,22 @@ void marlo_fw_updater::eraseAllRAWPartitionAndContinueDownload() {
   }
   start_time = std::time(nullptr);
   continue_download = true;
+  erasing = true;
   eraseAllRAWPartition();
+}
+
+bool marlo_fw_updater::resumeEraseWalk() {
+  if (!erasing) return false;
+  // The erase asked for last may be lost with the channel (or undone by a
+  // restart of the co-processor before it ran): every partition without an
+  // answer is asked for again, the rest of the walk follows.
+  const std::shared_ptr<const fw_resource_list> resources = fwResourcesSnapshot();
+  for (const auto& resource : *resources) {
+    if (!resource->erase_answered) resource->erased = false;
+  }
+  MARLO_LOGE("channel lost during the erases: erasing the partitions without an answer again");
+  eraseAllRAWPartitionAndContinueDownload();
+  return true;
 }
 
 void marlo_fw_updater::getCurrentDFUStateAndContinueDownload() {
@@ -77,6 +92,7 @@ void marlo_fw_updater::eraseAllRAWPartition() {
     sendRAWFlashEraseReq(static_cast<uint32_t>(resource->offset), static_cast<uint32_t>(resource->xml_size));
     return;
   }
+  erasing = false;
   if (continue_download) {
     sendGetDFUStateReq();
   } else {
@@ -111,6 +127,12 @@ void marlo_fw_updater::handleDFUSplCmdResposnse(dfu_spcl_cmd_response* response)
   MARLO_LOGD("handleDFUSplCmdResposnse");
   if (response == nullptr) return;
   if (response->operation == dfu::SPCL_OP_RAW_FLASH_ERASE) {
+    // One erase is outstanding at a time: the answer is that of the first
+    // partition asked for and not yet answered.
+    const std::shared_ptr<const fw_resource_list> resources = fwResourcesSnapshot();
+    for (const auto& resource : *resources) {
+      if (resource->erased && !resource->erase_answered.exchange(true)) break;
+    }
     // A failed erase is only reported; the erase phase goes on.
     reportDFU(response->response_code != 0 ? "### Marlo Flash Erase Failed. ###"
                                            : "### Marlo Flash Erase finished. ###",

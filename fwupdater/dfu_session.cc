@@ -350,7 +350,7 @@ void marlo_fw_updater::conn_error_cb(glink_interface_error error) {
     return;
   }
   ScopedMark resuming(t_resuming, this);
-  getCurrentDFUStateAndContinueDownload();
+  if (!resumeEraseWalk()) getCurrentDFUStateAndContinueDownload();
 }
 
 void marlo_fw_updater::endMarloDownloader() {

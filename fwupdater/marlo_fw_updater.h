@@ -56,6 +56,9 @@ struct marlo_fw_resource {
   // co-processor may answer early: the mark is claimed atomically, so each
   // partition is asked for once.
   mutable std::atomic<bool> erased{false};
+  // Set on the reader thread when the co-processor has answered this
+  // partition's erase (well or not).
+  mutable std::atomic<bool> erase_answered{false};
   bool isErasable = false;
 };
 
@@ -188,6 +191,9 @@ class marlo_fw_updater {
   // DFU special operations.
   void eraseAllRAWPartitionAndContinueDownload();
   void getCurrentDFUStateAndContinueDownload();
+  // After a hang-up during the erases: asks again for every erase not
+  // answered and goes on with the download; false when no erase walk runs.
+  bool resumeEraseWalk();
   void eraseAllRAWPartition();
   void sendRAWFlashEraseReq(uint32_t offset, uint32_t length);
   void sendGetDFUStateReq();
@@ -241,6 +247,9 @@ class marlo_fw_updater {
   std::shared_ptr<const fw_resource_list> fw_resources = std::make_shared<const fw_resource_list>();
   std::atomic<time_t> start_time{0};
   std::atomic<bool> continue_download{false};
+  // From the start of the erase walk until it has walked past the last
+  // erasable partition: a hang-up in between restarts the walk.
+  std::atomic<bool> erasing{false};
   std::atomic<bool> update_finished{false};
   std::atomic<Callback*> callback{nullptr};
   std::unique_ptr<glink_interface> glinkInterface;

@@ -158,7 +158,7 @@ int marlo_rma::AppendToFile(const std::string& path, unsigned offset, unsigned s
     MARLO_LOGE("Cannot open file %s", path.c_str());
     return -1;
   }
-  const off_t end = ::lseek(file.get(), 0, SEEK_END);
+  const off_t end = platform::lseek(file.get(), 0, SEEK_END);
   const uint64_t file_size = end < 0 ? 0 : static_cast<uint64_t>(end);
   if (offset > file_size || static_cast<uint64_t>(offset) + size > file_size) {
     MARLO_LOGE("block of %u bytes at %u does not fit the %llu-byte file %s", size, offset,
@@ -167,9 +167,9 @@ int marlo_rma::AppendToFile(const std::string& path, unsigned offset, unsigned s
   }
   MARLO_LOGD("write to file : %d", size);
   if (data != nullptr) {
-    if (::lseek(file.get(), static_cast<off_t>(offset), SEEK_SET) < 0 ||
+    if (platform::lseek(file.get(), static_cast<off_t>(offset), SEEK_SET) < 0 ||
         !marlo::rma::write_all(file.get(), reinterpret_cast<const uint8_t*>(data), size) ||
-        ::fdatasync(file.get()) != 0) {
+        platform::fdatasync(file.get()) != 0) {
       MARLO_LOGE("write to file %s failed: %s", path.c_str(), strerror(errno));
       return -1;
     }

@@ -48,10 +48,10 @@ bool fill_with_zeros(int fd, uint64_t size) {
 // Puts the directory's entries (a rename into it) on stable storage.
 bool sync_directory() {
   file_descriptor dir(platform::open(kPartitionDir, O_RDONLY | O_DIRECTORY));
-  return dir.valid() && ::fsync(dir.get()) == 0;
+  return dir.valid() && platform::fsync(dir.get()) == 0;
 }
 
-void remove_file(const std::string& device_path) { ::unlink(platform::path(device_path).c_str()); }
+void remove_file(const std::string& device_path) { platform::unlink(device_path.c_str()); }
 
 }  // namespace
 
@@ -88,8 +88,8 @@ create_result create_backing_file(const std::string& name, uint64_t size) {
     MARLO_LOGE("creating %s failed: %s", temporary.c_str(), strerror(errno));
     return create_result::failed;
   }
-  if (!fill_with_zeros(file.get(), size) || ::fsync(file.get()) != 0 || !file.close() ||
-      ::rename(platform::path(temporary).c_str(), platform::path(path).c_str()) != 0) {
+  if (!fill_with_zeros(file.get(), size) || platform::fsync(file.get()) != 0 || !file.close() ||
+      platform::rename(temporary.c_str(), path.c_str()) != 0) {
     MARLO_LOGE("creating %s failed: %s", path.c_str(), strerror(errno));
     remove_file(temporary);
     return create_result::failed;
@@ -106,7 +106,7 @@ void remove_stale_temporaries() {
   while (const struct dirent* entry = ::readdir(dir.get())) {
     if (!is_temporary_name(entry->d_name)) continue;
     MARLO_LOGI("removing %s%s, left by an interrupted backing file creation", kPartitionDir, entry->d_name);
-    if (::unlinkat(::dirfd(dir.get()), entry->d_name, 0) != 0) {
+    if (platform::unlink((std::string(kPartitionDir) + entry->d_name).c_str()) != 0) {
       MARLO_LOGE("removing %s%s failed: %s", kPartitionDir, entry->d_name, strerror(errno));
     }
   }

@@ -51,6 +51,11 @@ int ChannelServer::open_connections() const {
   return static_cast<int>(connections_.size());
 }
 
+void ChannelServer::set_packet_observer(std::function<bool()> observer) {
+  std::lock_guard<std::mutex> lock(observer_mutex_);
+  observer_ = std::move(observer);
+}
+
 bool ChannelServer::send(int fd, const Bytes& packet) { return send_packet(fd, packet.data(), packet.size()); }
 
 void ChannelServer::hang_up(int fd) { ::shutdown(fd, SHUT_RDWR); }
@@ -96,7 +101,12 @@ void ChannelServer::run() {
         if (fds[i].revents == 0) continue;
         long n = receive_message(fds[i].fd, packet, 0);
         if (n > 0) {
-          on_packet(fds[i].fd, packet);
+          std::function<bool()> observer;
+          {
+            std::lock_guard<std::mutex> lock(observer_mutex_);
+            observer = observer_;
+          }
+          if (!observer || !observer()) on_packet(fds[i].fd, packet);
         } else if (n == 0 || (fds[i].revents & (POLLHUP | POLLERR))) {
           close_connection(fds[i].fd);
         }

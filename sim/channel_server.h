@@ -5,6 +5,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -33,6 +34,10 @@ class ChannelServer {
   // any thread. The daemon sees POLLHUP, then reads of 0.
   void hang_up_all();
   int open_connections() const;
+  // Called on the channel's thread with every packet received, before it is
+  // handled; when it returns true the packet is dropped unhandled (the
+  // co-processor went down with it). Fault injection at packet boundaries.
+  void set_packet_observer(std::function<bool()> observer);
 
  protected:
   virtual void on_open(int /*fd*/) {}
@@ -56,6 +61,8 @@ class ChannelServer {
   std::thread thread_;
   mutable std::mutex connections_mutex_;
   std::vector<int> connections_;  // in order of opening
+  std::mutex observer_mutex_;
+  std::function<bool()> observer_;  // guarded by observer_mutex_
 };
 
 }  // namespace marlo::sim

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -40,6 +41,10 @@ struct RmaConfig {
   uint32_t block_size = 1024;
   uint32_t client_priv = 0x00C0FFEE;
   int answer_timeout_ms = 2000;
+  // A run that writes nothing: it CONNECTs every partition and reads every
+  // block back into RmaStatus::reads, checking only the answers' form (what
+  // a host kept across a power loss).
+  bool read_only = false;
 };
 
 struct RmaStatus {
@@ -54,6 +59,8 @@ struct RmaStatus {
   // answers (measurements).
   int blocks_written = 0;
   std::chrono::nanoseconds write_wait{0};
+  // Read-only runs: the blocks read, by partition index and offset.
+  std::map<std::pair<size_t, uint32_t>, Bytes> reads;
 };
 
 // An RMA message: CRC-32 of bytes 4.. | total length | command | payload.

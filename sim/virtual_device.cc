@@ -27,6 +27,10 @@ VirtualDevice::VirtualDevice(std::string root, DeviceOptions options)
   misc_ = std::make_unique<MiscDataReceiver>(root_, log_, options_.misc_max_payload);
   rma_ = std::make_unique<RmaClient>(root_, log_, options_.rma);
   coprocessor_->add_power_listener([this](bool up) { on_power(up); });
+  for (ChannelServer* channel : {static_cast<ChannelServer*>(dfu_.get()), static_cast<ChannelServer*>(misc_.get()),
+                                 static_cast<ChannelServer*>(rma_.get())}) {
+    channel->set_packet_observer([this] { return count_packet(); });
+  }
   on_power(false);
 
   if (options_.running_at_start) {
@@ -67,6 +71,34 @@ void VirtualDevice::busy_control_opens(int opens) {
 
 void VirtualDevice::restart_during_rma(int messages) {
   rma_->restart_after_messages(messages, [this] { coprocessor_->restart_async(options_.restart_offline_ms); });
+}
+
+int VirtualDevice::packets_received() const {
+  std::lock_guard<std::mutex> lock(packets_mutex_);
+  return packets_;
+}
+
+void VirtualDevice::at_packet(int packet, std::function<bool()> action) {
+  std::lock_guard<std::mutex> lock(packets_mutex_);
+  cut_at_ = packet;
+  cut_action_ = std::move(action);
+}
+
+bool VirtualDevice::count_packet() {
+  std::function<bool()> action;
+  {
+    std::lock_guard<std::mutex> lock(packets_mutex_);
+    if (++packets_ == cut_at_) action = std::move(cut_action_);
+  }
+  return action ? action() : false;
+}
+
+bool VirtualDevice::restart_on_packet() {
+  log_.add("co-processor", "fault: restart as packet " + std::to_string(packets_received()) + " arrives");
+  // On the channel's thread: the channels hang up before any later packet
+  // is taken, and the channel stays silent while the co-processor is down.
+  coprocessor_->restart(options_.restart_offline_ms);
+  return true;
 }
 
 void VirtualDevice::power_cycle() { coprocessor_->power_cycle(); }

@@ -3,7 +3,9 @@
 // flash, wired together, plus the faults that can be injected.
 #pragma once
 
+#include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "sim/control_driver.h"
@@ -56,6 +58,16 @@ class VirtualDevice {
   void busy_control_opens(int opens);
   void fail_flash_loads(int loads) { coprocessor_->fail_flash_loads(loads); }
   void restart_during_rma(int messages);
+  // Packets the co-processor has received on its three channels since the
+  // device was created.
+  int packets_received() const;
+  // Calls `action` on the channel's thread when the co-processor has
+  // received its `packet`th packet, before it handles it; the packet is
+  // dropped when `action` returns true.
+  void at_packet(int packet, std::function<bool()> action);
+  // A subsystem restart as a packet arrives, for at_packet: the packet is
+  // never handled (returns true).
+  bool restart_on_packet();
   // A subsystem restart now (power-down and power-up uevents).
   void restart() { coprocessor_->restart(options_.restart_offline_ms); }
   // The whole device reboots: the co-processor powers off and its boot mode
@@ -64,6 +76,7 @@ class VirtualDevice {
 
  private:
   void on_power(bool up);
+  bool count_packet();
 
   std::string root_;
   DeviceOptions options_;
@@ -74,6 +87,10 @@ class VirtualDevice {
   std::unique_ptr<DfuCoprocessor> dfu_;
   std::unique_ptr<MiscDataReceiver> misc_;
   std::unique_ptr<RmaClient> rma_;
+  mutable std::mutex packets_mutex_;
+  int packets_ = 0;                     // guarded by packets_mutex_, as are the two below
+  int cut_at_ = 0;
+  std::function<bool()> cut_action_;
 };
 
 }  // namespace marlo::sim

@@ -15,6 +15,13 @@ int close(int fd) { return ::close(fd); }
 ssize_t read(int fd, void* buf, size_t count) { return ::read(fd, buf, count); }
 ssize_t pread(int fd, void* buf, size_t count, off_t offset) { return ::pread(fd, buf, count, offset); }
 ssize_t write(int fd, const void* buf, size_t count) { return ::write(fd, buf, count); }
+ssize_t pwrite(int fd, const void* buf, size_t count, off_t offset) { return ::pwrite(fd, buf, count, offset); }
+off_t lseek(int fd, off_t offset, int whence) { return ::lseek(fd, offset, whence); }
+int ftruncate(int fd, off_t length) { return ::ftruncate(fd, length); }
+int fsync(int fd) { return ::fsync(fd); }
+int fdatasync(int fd) { return ::fdatasync(fd); }
+int rename(const char* from, const char* to) { return ::rename(from, to); }
+int unlink(const char* path) { return ::unlink(path); }
 int poll(struct pollfd* fds, nfds_t nfds, int timeout_ms) { return ::poll(fds, nfds, timeout_ms); }
 int ioctl(int fd, unsigned long request, void* arg) { return ::ioctl(fd, request, arg); }
 int pipe(int fds[2]) { return ::pipe2(fds, O_CLOEXEC); }

@@ -21,6 +21,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "file_journal.h"
 #include "host_root.h"
 #include "platform/host_testing.h"
 #include "platform/os.h"
@@ -246,9 +247,20 @@ int open(const char* path, int flags, mode_t mode) {
       std::lock_guard<std::mutex> lock(g_nodes_mutex);
       g_nodes[fd] = Node{};
     }
+    if (fd >= 0 && host::journal::enabled()) {
+      auto recording = host::journal::hold();
+      host::journal::opened(fd, path, false, false);
+    }
     return fd;
   }
-  return ::open(resolved.c_str(), flags | O_CLOEXEC, mode);
+  auto recording = host::journal::hold();
+  const bool existed = recording.owns_lock() && ::access(resolved.c_str(), F_OK) == 0;
+  const int fd = ::open(resolved.c_str(), flags | O_CLOEXEC, mode);
+  if (fd >= 0 && recording.owns_lock()) {
+    const bool writes = (flags & O_ACCMODE) != O_RDONLY;
+    host::journal::opened(fd, path, (flags & O_CREAT) != 0 && !existed, (flags & O_TRUNC) != 0 && writes && existed);
+  }
+  return fd;
 }
 
 int close(int fd) {
@@ -256,6 +268,8 @@ int close(int fd) {
     std::lock_guard<std::mutex> lock(g_nodes_mutex);
     g_nodes.erase(fd);
   }
+  auto recording = host::journal::hold();
+  host::journal::closed(fd);
   return ::close(fd);
 }
 
@@ -268,9 +282,18 @@ ssize_t read(int fd, void* buf, size_t count) {
 ssize_t pread(int fd, void* buf, size_t count, off_t offset) { return ::pread(fd, buf, count, offset); }
 
 ssize_t write(int fd, const void* buf, size_t count) {
-  if (!is_node(fd)) return ::write(fd, buf, count);
+  if (!is_node(fd)) {
+    auto recording = host::journal::hold();
+    const off_t at = recording.owns_lock() ? ::lseek(fd, 0, SEEK_CUR) : 0;
+    const ssize_t n = ::write(fd, buf, count);
+    if (n > 0 && at >= 0) host::journal::wrote(fd, at, buf, static_cast<size_t>(n));
+    return n;
+  }
   if (take_fault(fd, host::FaultOp::Write)) return -1;
-  return ::send(fd, buf, count, MSG_NOSIGNAL);
+  auto recording = host::journal::hold();
+  const ssize_t sent = ::send(fd, buf, count, MSG_NOSIGNAL);
+  if (sent > 0) host::journal::packet(fd, buf, static_cast<size_t>(sent));
+  return sent;
 }
 
 int poll(struct pollfd* fds, nfds_t nfds, int timeout_ms) {
@@ -314,6 +337,10 @@ int fcntl(int fd, int cmd, int arg) {
       Node copy = it->second;  // the new descriptor reads the same packet stream
       g_nodes[result] = std::move(copy);
     }
+  }
+  if (result >= 0 && (cmd == F_DUPFD || cmd == F_DUPFD_CLOEXEC) && host::journal::enabled()) {
+    auto recording = host::journal::hold();
+    host::journal::duplicated(fd, result);
   }
   return result;
 }

@@ -24,6 +24,15 @@ int close(int fd);
 ssize_t read(int fd, void* buf, size_t count);
 ssize_t pread(int fd, void* buf, size_t count, off_t offset);
 ssize_t write(int fd, const void* buf, size_t count);
+ssize_t pwrite(int fd, const void* buf, size_t count, off_t offset);
+off_t lseek(int fd, off_t offset, int whence);
+int ftruncate(int fd, off_t length);
+// Stable storage: the file's data (fdatasync) or data and metadata (fsync);
+// on a directory, its entries.
+int fsync(int fd);
+int fdatasync(int fd);
+int rename(const char* from, const char* to);
+int unlink(const char* path);
 int poll(struct pollfd* fds, nfds_t nfds, int timeout_ms);
 int ioctl(int fd, unsigned long request, void* arg);
 int pipe(int fds[2]);
