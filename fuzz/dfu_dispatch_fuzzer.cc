@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "fuzz/discarding_callback.h"
 #include "fuzz/packet_sink.h"
 #include "fuzz/scratch_root.h"
 #include "fwupdater/marlo_fw_updater.h"
@@ -24,18 +25,8 @@ namespace {
 
 constexpr size_t kLongestMessage = 44;
 
-class DiscardingCallback : public marlo_fw_updater::Callback {
- public:
-  void handleDFUResponse(std::string message, Status) override { bytes_ += message.size(); }
-  void handleSHMResponse(std::string message, Status) override { bytes_ += message.size(); }
-  void onDFUStateRecived(DFUState state) override { bytes_ += state; }
-
- private:
-  size_t bytes_ = 0;
-};
-
 struct Session {
-  DiscardingCallback callback;
+  marlo::fuzz::DiscardingCallback callback;
   marlo_fw_updater resuming;
   marlo_fw_updater reporting;
   std::unique_ptr<marlo::fuzz::PacketSink> channel;

@@ -23,6 +23,7 @@
 #include <thread>
 #include <vector>
 
+#include "fuzz/discarding_callback.h"
 #include "fuzz/packet_sink.h"
 #include "fuzz/scratch_root.h"
 #include "fwupdater/marlo_fw_updater.h"
@@ -35,18 +36,8 @@ constexpr size_t kLongestMessage = 44;
 constexpr size_t kMostMessages = 64;
 constexpr int kExtraPartitions = 48;
 
-class DiscardingCallback : public marlo_fw_updater::Callback {
- public:
-  void handleDFUResponse(std::string message, Status) override { bytes_ += message.size(); }
-  void handleSHMResponse(std::string message, Status) override { bytes_ += message.size(); }
-  void onDFUStateRecived(DFUState state) override { bytes_ += state; }
-
- private:
-  std::atomic<size_t> bytes_{0};
-};
-
 struct Session {
-  DiscardingCallback callback;
+  marlo::fuzz::DiscardingCallback callback;
   std::unique_ptr<marlo::fuzz::PacketSink> channel;
   marlo_fw_updater updater;
 };

@@ -263,10 +263,7 @@ TEST_F(DownloadSweep, CoprocessorRestartedAtEachPacketConverges) { run(Cut::Rest
 class NoflashSweep : public CrashSweep {
  protected:
   void prepare() {
-    sim::DeviceOptions options;
-    options.variant = sim::Variant::NoflashPsram;
-    options.flash = sim::FlashContents::Empty;
-    options.running_at_start = true;
+    sim::DeviceOptions options = noflash_options();
     options.restart_offline_ms = 20;
     options.misc_max_payload = 4096;  // a modest packet count
     options.rma.answer_timeout_ms = 500;  // a lost request is asked again soon
@@ -316,10 +313,7 @@ TEST_F(NoflashSweep, CoprocessorRestartedAtEachPacketConverges) { run(Cut::Resta
 class BackingFileSweep : public CrashSweep {
  protected:
   static sim::DeviceOptions noflash(bool read_only) {
-    sim::DeviceOptions options;
-    options.variant = sim::Variant::NoflashPsram;
-    options.flash = sim::FlashContents::Empty;
-    options.running_at_start = true;
+    sim::DeviceOptions options = noflash_options();
     options.restart_offline_ms = 20;
     options.rma.read_only = read_only;
     return options;

@@ -19,6 +19,14 @@ namespace {
 constexpr double kTimeScale = 0.01;
 }
 
+sim::DeviceOptions noflash_options() {
+  sim::DeviceOptions options;
+  options.variant = sim::Variant::NoflashPsram;
+  options.flash = sim::FlashContents::Empty;
+  options.running_at_start = true;
+  return options;
+}
+
 void E2e::SetUp() {
   root_ = sim::make_temp_root("marlo-e2e");
   shipped_ = sim::VirtualDevice::build_sample_root(root_);

@@ -13,6 +13,10 @@
 
 namespace marlo::e2e {
 
+// A flash-less (NOFLASH_PSRAM) co-processor that runs from the start, with
+// nothing in flash.
+sim::DeviceOptions noflash_options();
+
 class E2e : public ::testing::Test {
  protected:
   void SetUp() override;

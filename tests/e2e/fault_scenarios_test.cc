@@ -115,16 +115,8 @@ TEST_F(FaultScenarios, DaemonKilledAtRandomPointsConvergesToAVerifiedUpdate) {
   EXPECT_EQ(property("persist.vendor.zt_aon.dfu_update"), "1");
 }
 
-sim::DeviceOptions noflash() {
-  sim::DeviceOptions options;
-  options.variant = sim::Variant::NoflashPsram;
-  options.flash = sim::FlashContents::Empty;
-  options.running_at_start = true;
-  return options;
-}
-
 TEST_F(FaultScenarios, RmaRestartedInWritesAndInReadsKeepsEveryAcknowledgedBlock) {
-  start_device(noflash());
+  start_device(noflash_options());
   device_->restart_during_rma(4);  // in the writes of the first partition
   start_daemon();
   // Armed while the co-processor is down, before the next run starts.
@@ -146,7 +138,7 @@ TEST_F(FaultScenarios, RmaRestartedInWritesAndInReadsKeepsEveryAcknowledgedBlock
 // failing-open one: the daemon must remove the partial file, so that no
 // later CONNECT keeps it, and answer every write with result 1.
 TEST_F(FaultScenarios, FullDataDirectoryAnswersWritesWithFailureAndRecovers) {
-  start_device(noflash());
+  start_device(noflash_options());
   start_daemon_with_file_limit(4096);  // below the first partition's 8192 bytes
   ASSERT_TRUE(wait_for([&] { return !device_->rma().status().problems.empty(); }));
   sim::RmaStatus rma = device_->rma().status();

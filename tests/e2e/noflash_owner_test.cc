@@ -15,14 +15,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-sim::DeviceOptions noflash() {
-  sim::DeviceOptions options;
-  options.variant = sim::Variant::NoflashPsram;
-  options.flash = sim::FlashContents::Empty;
-  options.running_at_start = true;
-  return options;
-}
-
 class NoflashOwner : public E2e {
  protected:
   // Once the whole misc-data set has been stored from a single push and the
@@ -61,7 +53,7 @@ class NoflashOwner : public E2e {
 };
 
 TEST_F(NoflashOwner, RestartDuringTheBootPushEndsInOneCompletePushAfterThePowerUp) {
-  start_device(noflash());
+  start_device(noflash_options());
   power_events_at_second_packet(true, true);
   start_daemon();
   expect_one_complete_push_and_one_rma_client(1);
@@ -70,7 +62,7 @@ TEST_F(NoflashOwner, RestartDuringTheBootPushEndsInOneCompletePushAfterThePowerU
 }
 
 TEST_F(NoflashOwner, PowerUpDuringTheBootPushRestartsItAndStartsOneRmaClient) {
-  start_device(noflash());
+  start_device(noflash_options());
   power_events_at_second_packet(false, false);
   start_daemon();
   expect_one_complete_push_and_one_rma_client(1);
@@ -80,7 +72,7 @@ TEST_F(NoflashOwner, PowerUpDuringTheBootPushRestartsItAndStartsOneRmaClient) {
 
 TEST_F(NoflashOwner, PowerUpDuringADownloadLeavesTheDfuChannelToTheDownload) {
   set_property("persist.vendor.zt_aon.dfu_update", "1");
-  sim::DeviceOptions options = noflash();
+  sim::DeviceOptions options = noflash_options();
   options.running_at_start = false;
   auto fragments = std::make_shared<std::atomic<int>>(0);
   std::string root = root_;
@@ -105,7 +97,7 @@ TEST_F(NoflashOwner, PowerUpDuringADownloadLeavesTheDfuChannelToTheDownload) {
 }
 
 TEST_F(NoflashOwner, PowerEventsLostInAnOverrunAreActedOnFromTheState) {
-  start_device(noflash());
+  start_device(noflash_options());
   start_daemon();
   expect_one_complete_push_and_one_rma_client(1);
 

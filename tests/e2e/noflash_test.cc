@@ -6,14 +6,6 @@
 namespace marlo::e2e {
 namespace {
 
-sim::DeviceOptions noflash() {
-  sim::DeviceOptions options;
-  options.variant = sim::Variant::NoflashPsram;
-  options.flash = sim::FlashContents::Empty;
-  options.running_at_start = true;
-  return options;
-}
-
 void expect_misc_data_stored(const sim::VirtualDevice& device, const std::string& root) {
   sim::MiscStatus misc = const_cast<sim::VirtualDevice&>(device).misc().status();
   EXPECT_EQ(misc.rejected, 0);
@@ -25,7 +17,7 @@ void expect_misc_data_stored(const sim::VirtualDevice& device, const std::string
 }
 
 TEST_F(E2e, NoflashPsramGetsMiscDataAndRmaService) {
-  start_device(noflash());
+  start_device(noflash_options());
   start_daemon();
   ASSERT_TRUE(wait_for([&] { return device_->rma().status().runs_completed >= 1; }));
   expect_misc_data_stored(*device_, root_);
@@ -38,7 +30,7 @@ TEST_F(E2e, NoflashPsramGetsMiscDataAndRmaService) {
 
 TEST_F(E2e, MiscDataAlreadyPushedIsSkippedButRmaIsServed) {
   set_property("vendor.zt_aon.misc_update", "1");
-  start_device(noflash());
+  start_device(noflash_options());
   start_daemon();
   ASSERT_TRUE(wait_for([&] { return device_->rma().status().runs_completed >= 1; }));
   EXPECT_EQ(device_->misc().status().finishes, 0);
@@ -47,7 +39,7 @@ TEST_F(E2e, MiscDataAlreadyPushedIsSkippedButRmaIsServed) {
 }
 
 TEST_F(E2e, RestartDuringRmaTrafficIsServedAgainAfterPowerUp) {
-  start_device(noflash());
+  start_device(noflash_options());
   device_->restart_during_rma(6);
   start_daemon();
   ASSERT_TRUE(wait_for([&] { return device_->rma().status().runs_completed >= 1; }));

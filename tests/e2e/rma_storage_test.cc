@@ -10,11 +10,7 @@ namespace marlo::e2e {
 namespace {
 
 TEST_F(E2e, StaleTemporaryOfAnInterruptedCreationIsRemovedAtStartUp) {
-  sim::DeviceOptions options;
-  options.variant = sim::Variant::NoflashPsram;
-  options.flash = sim::FlashContents::Empty;
-  options.running_at_start = true;
-  start_device(options);
+  start_device(noflash_options());
   // A daemon killed while it created the first partition's file.
   const std::string backing = root_ + sim::RmaClient::backing_file(sim::RmaConfig{}.partitions[0]);
   const std::string stale = backing + ".tmp";
