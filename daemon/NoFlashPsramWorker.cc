@@ -25,25 +25,18 @@ void NoFlashPsramWorker::runBootJob() {
   changed_.wait(lock, [this] { return stopping_ || (!job_wanted_ && !job_running_); });
 }
 
-void NoFlashPsramWorker::powerUp(const std::function<void()>& under_lock) {
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    ++generation_;
-    steps_.abortPush(true);
-    job_wanted_ = true;
-    if (under_lock) under_lock();
-  }
-  changed_.notify_all();
-}
+void NoFlashPsramWorker::powerUp(const std::function<void()>& under_lock) { powerEvent(true, under_lock); }
 
-void NoFlashPsramWorker::powerDown(const std::function<void()>& under_lock) {
+// Nothing is pushed to a co-processor that is down: the next power-up asks
+// again.
+void NoFlashPsramWorker::powerDown(const std::function<void()>& under_lock) { powerEvent(false, under_lock); }
+
+void NoFlashPsramWorker::powerEvent(bool wants_job, const std::function<void()>& under_lock) {
   {
     std::lock_guard<std::mutex> lock(mutex_);
     ++generation_;
     steps_.abortPush(true);
-    // Nothing is pushed to a co-processor that is down: the next power-up
-    // asks again.
-    job_wanted_ = false;
+    job_wanted_ = wants_job;
     if (under_lock) under_lock();
   }
   changed_.notify_all();

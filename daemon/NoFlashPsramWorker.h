@@ -54,6 +54,9 @@ class NoFlashPsramWorker {
 
  private:
   void run();
+  // Starts a new power generation: the push in progress loses it, and a job
+  // is wanted after a power-up only.
+  void powerEvent(bool wants_job, const std::function<void()>& under_lock);
 
   Steps steps_;
   mutable std::mutex mutex_;  // guards every field below
