@@ -73,7 +73,8 @@ android_libs=/usr/lib/arm-linux-gnueabihf/android
 # compile MODULE: every source of the module into $out/MODULE/, in parallel.
 compile() {
   local module=$1 flags=() dir
-  flags+=("-std=$(bp_list marlod_defaults cpp_std)" -c)
+  # -O2 as the platform's build optimises by default (some warnings need it).
+  flags+=("-std=$(bp_list marlod_defaults cpp_std)" -O2 -c)
   mapfile -t -O "${#flags[@]}" flags < <(module_list "$module" cflags)
   mapfile -t -O "${#flags[@]}" flags < <(module_list "$module" cppflags)
   flags+=(-I.)
@@ -98,7 +99,7 @@ compile() {
 # packages do not install; only this module's own references are checked.
 link_flags() {
   local lib
-  echo "-L$android_libs" "-Wl,-rpath-link,$android_libs" -Wl,--allow-shlib-undefined -pthread
+  echo "-L$android_libs" "-Wl,-rpath-link,$android_libs" -Wl,--allow-shlib-undefined -Wl,--as-needed -pthread
   for lib in $(module_list "$1" shared_libs); do echo "-l${lib#lib}"; done
 }
 
@@ -127,5 +128,10 @@ compile libmarlod
 arm-linux-gnueabihf-ar rcs "$out/libmarlod.a" "$out"/obj/libmarlod/*.o
 compile marlod
 link "$out/marlod" marlod "$out"/obj/marlod/*.o "$out/libmarlod.a"
-file "$out/marlod"
-echo "device configuration: compiled and linked for 32-bit ARM with -Werror"
+# The device-side test module links the platform's GoogleTest, as cc_test
+# does: Debian's armhf libgtest here.
+compile marlod_unit_tests
+link "$out/marlod_unit_tests" marlod_unit_tests "$out"/obj/marlod_unit_tests/*.o "$out/libmarlod.a" \
+  -lgtest_main -lgtest
+file "$out/marlod" "$out/marlod_unit_tests" | cut -d, -f1-2
+echo "device configuration: libmarlod, marlod and marlod_unit_tests compiled and linked for 32-bit ARM with -Werror"
