@@ -74,7 +74,8 @@ android_libs=/usr/lib/arm-linux-gnueabihf/android
 compile() {
   local module=$1 flags=() dir
   # -O2 as the platform's build optimises by default (some warnings need it).
-  flags+=("-std=$(bp_list marlod_defaults cpp_std)" -O2 -c)
+  # -Wno-psabi: GCC's note that ARM argument passing changed in GCC 7.1.
+  flags+=("-std=$(bp_list marlod_defaults cpp_std)" -O2 -Wno-psabi -c)
   mapfile -t -O "${#flags[@]}" flags < <(module_list "$module" cflags)
   mapfile -t -O "${#flags[@]}" flags < <(module_list "$module" cppflags)
   flags+=(-I.)
