@@ -21,14 +21,15 @@ ctest --test-dir build --output-on-failure -j "$(nproc)" --timeout 120 2>&1 | te
 start=$SECONDS
 device_build=0
 scripts/check-android-bp.sh || device_build=$?
-device_abi_start=$SECONDS
+step_start=$SECONDS
 armhf=0
 scripts/armhf.sh || armhf=$?
+armhf_time=$((SECONDS - step_start))
+step_start=$SECONDS
 device_compile=0
 scripts/device-compile.sh || device_compile=$?
-echo "== device ABI: armhf suite under qemu-user $([ $armhf -eq 0 ] && echo passed || echo FAILED)," \
-  "device-configuration compile $([ $device_compile -eq 0 ] && echo passed || echo FAILED)" \
-  "in $((SECONDS - device_abi_start)) s"
+echo "== device ABI: armhf suite under qemu-user $([ $armhf -eq 0 ] && echo passed || echo FAILED) in $armhf_time s," \
+  "device-configuration compile $([ $device_compile -eq 0 ] && echo passed || echo FAILED) in $((SECONDS - step_start)) s"
 sanitize=0
 scripts/sanitize.sh || sanitize=$?
 fuzz=0
