@@ -6,15 +6,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-if ! command -v bpfmt >/dev/null 2>&1; then
-  echo "== installing: blueprint-tools (bpfmt)"
-  as_root=()
-  [ "$(id -u)" -eq 0 ] || as_root=(sudo)
-  if ! DEBIAN_FRONTEND=noninteractive "${as_root[@]}" apt-get install -y -qq blueprint-tools >/dev/null; then
-    "${as_root[@]}" apt-get update -qq
-    DEBIAN_FRONTEND=noninteractive "${as_root[@]}" apt-get install -y -qq blueprint-tools >/dev/null
-  fi
-fi
+. scripts/lib/packages.sh
+command -v bpfmt >/dev/null 2>&1 || ensure_packages blueprint-tools
 
 # bpfmt -d exits 0 when it prints a diff, and non-zero only when it cannot
 # parse the file; both are failures here.

@@ -17,17 +17,8 @@ fuzzers=("$@")
 [ ${#fuzzers[@]} -gt 0 ] || fuzzers=(dfu_dispatch dfu_setup_race rma glink_framing partition_elf version_file uevent)
 
 # Only the fuzz build needs clang and its runtime libraries.
-missing=()
-for package in clang libclang-rt-14-dev; do
-  dpkg -s "$package" >/dev/null 2>&1 || missing+=("$package")
-done
-if [ ${#missing[@]} -gt 0 ]; then
-  echo "== installing: ${missing[*]}"
-  as_root=()
-  [ "$(id -u)" -eq 0 ] || as_root=(sudo)
-  "${as_root[@]}" apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive "${as_root[@]}" apt-get install -y -qq "${missing[@]}" >/dev/null
-fi
+. scripts/lib/packages.sh
+ensure_packages clang libclang-rt-14-dev
 
 echo "== building the fuzzers in build-fuzz"
 cmake --preset fuzz >/dev/null

@@ -5,18 +5,9 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
+. scripts/lib/packages.sh
 packages=(cmake ninja-build g++ pkg-config libtinyxml2-dev libgtest-dev libgmock-dev zlib1g-dev binutils)
-missing=()
-for package in "${packages[@]}"; do
-  dpkg -s "$package" >/dev/null 2>&1 || missing+=("$package")
-done
-if [ ${#missing[@]} -gt 0 ]; then
-  echo "== installing: ${missing[*]}"
-  as_root=()
-  [ "$(id -u)" -eq 0 ] || as_root=(sudo)
-  "${as_root[@]}" apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive "${as_root[@]}" apt-get install -y -qq "${missing[@]}" >/dev/null
-fi
+ensure_packages "${packages[@]}"
 
 build_dir=${MARLO_BUILD_DIR:-build}
 echo "== building in $build_dir"

@@ -1,8 +1,11 @@
 #!/usr/bin/env bash
 # Installs, builds and runs every test of marlod: the test suite, then the
 # check of the device build description (scripts/check-android-bp.sh), the
-# same suite under the sanitizers (scripts/sanitize.sh) and a short run of
-# every fuzzer (scripts/fuzz.sh). MARLO_QUICK=1 runs the suite only.
+# same suite built for 32-bit ARM and run under qemu-user (scripts/armhf.sh),
+# the device configuration compiled as the device compiles it
+# (scripts/device-compile.sh), the suite under the sanitizers
+# (scripts/sanitize.sh) and a short run of every fuzzer (scripts/fuzz.sh).
+# MARLO_QUICK=1 runs the suite only.
 #
 # The output ends with the closing lines of the normal suite's ctest run,
 # repeated after the sanitizer and fuzzer summary; the exit status is 0 only
@@ -18,6 +21,15 @@ ctest --test-dir build --output-on-failure -j "$(nproc)" --timeout 120 2>&1 | te
 start=$SECONDS
 device_build=0
 scripts/check-android-bp.sh || device_build=$?
+step_start=$SECONDS
+armhf=0
+scripts/armhf.sh || armhf=$?
+armhf_time=$((SECONDS - step_start))
+step_start=$SECONDS
+device_compile=0
+scripts/device-compile.sh || device_compile=$?
+echo "== device ABI: armhf suite under qemu-user $([ $armhf -eq 0 ] && echo passed || echo FAILED) in $armhf_time s," \
+  "device-configuration compile $([ $device_compile -eq 0 ] && echo passed || echo FAILED) in $((SECONDS - step_start)) s"
 sanitize=0
 scripts/sanitize.sh || sanitize=$?
 fuzz=0
@@ -25,6 +37,8 @@ scripts/fuzz.sh "${MARLO_FUZZ_SECONDS:-20}" || fuzz=$?
 echo "== device build description $([ $device_build -eq 0 ] && echo passed || echo FAILED);" \
   "hardening: sanitizers $([ $sanitize -eq 0 ] && echo passed || echo FAILED)," \
   "fuzzers $([ $fuzz -eq 0 ] && echo passed || echo FAILED) in $((SECONDS - start)) s"
+echo "== device ABI $([ $armhf -eq 0 ] && [ $device_compile -eq 0 ] && echo passed || echo FAILED):" \
+  "$(grep -E 'tests passed' build-armhf/ctest.log 2>/dev/null | tail -1 || echo 'armhf suite did not run') on armhf"
 echo "== test suite"
 sed -n '/tests passed/,$p' "$suite_log"
-[ $device_build -eq 0 ] && [ $sanitize -eq 0 ] && [ $fuzz -eq 0 ]
+[ $device_build -eq 0 ] && [ $armhf -eq 0 ] && [ $device_compile -eq 0 ] && [ $sanitize -eq 0 ] && [ $fuzz -eq 0 ]

@@ -8,13 +8,23 @@
 
 #include <cerrno>
 #include <cstring>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <vector>
 
 extern char** environ;
 
 namespace marlo::sim {
+
+std::vector<std::string> emulator_from_environment() {
+  std::vector<std::string> words;
+  const char* value = std::getenv("MARLO_EMULATOR");
+  std::istringstream in(value != nullptr ? value : "");
+  for (std::string word; in >> word;) words.push_back(word);
+  return words;
+}
 
 bool DaemonProcess::start(std::string* error) {
   if (::access(settings_.executable.c_str(), X_OK) != 0) {
@@ -36,8 +46,12 @@ bool DaemonProcess::start(std::string* error) {
   std::vector<char*> envp;
   for (std::string& entry : env) envp.push_back(entry.data());
   envp.push_back(nullptr);
-  std::string program = settings_.executable;
-  char* argv[] = {program.data(), nullptr};
+  std::vector<std::string> command = settings_.launcher;
+  command.push_back(settings_.executable);
+  std::vector<char*> argv;
+  for (std::string& word : command) argv.push_back(word.data());
+  argv.push_back(nullptr);
+  const std::string& program = command.front();
 
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
@@ -49,7 +63,7 @@ bool DaemonProcess::start(std::string* error) {
   std::string out = settings_.stderr_file.empty() ? "/dev/null" : settings_.stderr_file;
   posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, out.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
   posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, out.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-  int rc = posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv, envp.data());
+  int rc = posix_spawnp(&pid_, program.c_str(), &actions, nullptr, argv.data(), envp.data());
   posix_spawn_file_actions_destroy(&actions);
   if (rc != 0) {
     pid_ = -1;

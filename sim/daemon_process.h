@@ -5,8 +5,13 @@
 #include <sys/types.h>
 
 #include <string>
+#include <vector>
 
 namespace marlo::sim {
+
+// The command prefix in MARLO_EMULATOR, split at blanks: the emulator that
+// runs a cross-built marlod (e.g. "qemu-arm -L /"), empty when unset.
+std::vector<std::string> emulator_from_environment();
 
 struct DaemonSettings {
   std::string executable;
@@ -15,6 +20,8 @@ struct DaemonSettings {
   std::string stderr_file;  // where its stderr goes
   double time_scale = 1.0;
   bool stdin_closed = false;  // started with standard input closed, not on /dev/null
+  // Run as `launcher... executable` (searched on PATH) when not empty.
+  std::vector<std::string> launcher = emulator_from_environment();
 };
 
 class DaemonProcess {

@@ -39,12 +39,16 @@ class FaultScenarios : public E2e {
     const char* build = std::getenv("MARLO_BUILD_DIR");
     const std::string marlod = std::string(build ? build : ".") + "/marlod";
     const std::string wrapper = root_ + "/sim/marlod-limited.sh";
-    std::ofstream(wrapper) << "#!/bin/sh\ntrap '' XFSZ\nexec prlimit --fsize=" << bytes << " -- " << marlod << "\n";
+    // The script is a host program: it puts the emulator (MARLO_EMULATOR,
+    // empty on a native build) before marlod itself.
+    std::ofstream(wrapper) << "#!/bin/sh\ntrap '' XFSZ\nexec prlimit --fsize=" << bytes << " -- $MARLO_EMULATOR "
+                           << marlod << "\n";
     ::chmod(wrapper.c_str(), 0755);
     ++starts_;
     log_file_ = root_ + "/sim/marlod-" + std::to_string(starts_) + ".log";
-    daemon_ = std::make_unique<sim::DaemonProcess>(
-        sim::DaemonSettings{wrapper, root_, log_file_, root_ + "/sim/marlod-limited.stderr", 0.01});
+    sim::DaemonSettings settings{wrapper, root_, log_file_, root_ + "/sim/marlod-limited.stderr", 0.01};
+    settings.launcher.clear();
+    daemon_ = std::make_unique<sim::DaemonProcess>(settings);
     std::string error;
     ASSERT_TRUE(daemon_->start(&error)) << error;
   }
