@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -90,7 +91,10 @@ void E2e::set_property(const std::string& name, const std::string& value) const 
 int E2e::request_index(const std::string& name, long value, size_t from) const {
   std::vector<sim::ControlRequest> requests = device_->driver().requests();
   for (size_t i = from; i < requests.size(); ++i) {
-    if (requests[i].name() == name && (value < 0 || requests[i].value == value)) return static_cast<int>(i);
+    // Compared in 64 bits: a long is 32 bits on the device ABI.
+    if (requests[i].name() == name && (value < 0 || static_cast<int64_t>(requests[i].value) == value)) {
+      return static_cast<int>(i);
+    }
   }
   return -1;
 }
