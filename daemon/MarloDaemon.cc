@@ -57,7 +57,9 @@ MarloDaemon::MarloDaemon()
   noflash_worker = std::make_unique<NoFlashPsramWorker>(std::move(steps));
 }
 
-MarloDaemon::~MarloDaemon() = default;
+// The record of the last boot completion is the daemon's; the ones it
+// replaced stay allocated, as a restart listener may still read them.
+MarloDaemon::~MarloDaemon() { delete fw_version.exchange(nullptr); }
 
 void MarloDaemon::startMarloDaemon() {
   __android_log_print(ANDROID_LOG_INFO, nullptr, "Start Marlo Daemon");

@@ -84,7 +84,7 @@ class MarloDaemon {
   std::atomic<SSRHandler*> ssr_handler{nullptr};  // lives as long as its listener thread
   std::unique_ptr<marlo_rma> rma;  // started only on the flash-less worker's thread
   // Replaced, never freed, on each boot completion: the restart listener may
-  // still be reading the previous record.
+  // still be reading the previous record. The last one goes with the daemon.
   std::atomic<wear_firmware_info_t*> fw_version{nullptr};
   std::atomic<BootProgressObserver*> boot_progress_observer{nullptr};
   // The updater's result sink. It holds no state of its own, so one instance
