@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <climits>
 #include <memory>
 #include <string>
 
@@ -91,11 +92,17 @@ TEST_F(StartupTest, TwmExitStateIsReadOnDescriptorZero) {
   ASSERT_GE(saved_stdin, 0);
   ::close(STDIN_FILENO);
   const bool exiting = daemon.isTWMexit();
-  const bool zero_closed_again = ::fcntl(STDIN_FILENO, F_GETFD) == -1;
+  // Descriptor 0 may be taken again meanwhile by another thread of this
+  // process (the log writer, an emulator's own files): only the state file
+  // left open there is a fault.
+  char target[PATH_MAX] = {};
+  const ssize_t length = ::readlink("/proc/self/fd/0", target, sizeof(target) - 1);
+  const bool state_file_left_open =
+      length > 0 && std::string(target, static_cast<size_t>(length)).find("pmic_twm_exit") != std::string::npos;
   ::dup2(saved_stdin, STDIN_FILENO);
   ::close(saved_stdin);
   EXPECT_TRUE(exiting);
-  EXPECT_TRUE(zero_closed_again);
+  EXPECT_FALSE(state_file_left_open);
 }
 
 TEST_F(StartupTest, UnsupportedSubtypeSkipsTheBoot) {
