@@ -198,7 +198,7 @@ TEST_F(DfuSessionTest, EdgeRequestsShortAndInvalidMessages) {
   EXPECT_EQ(receive(4), words({4, 100, 0}));
   send(3, {4}, 16);  // header only: the image id reads as 0
   EXPECT_EQ(receive(4), words({0, 0, 0}));
-  // A special-operation answer for operation 2 is neither an erase nor a
+  // A DFU_SPCL_OPERATION_RESP for operation 2 is neither an erase nor a
   // state: only its receipt is reported, nothing is sent.
   ASSERT_TRUE(cb.wait_for("Updating Device firmware with ID: 0", Status::STATUS_INFO));  // the last report so far
   const size_t reports = cb.reports().size();
