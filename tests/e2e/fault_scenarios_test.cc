@@ -1,17 +1,16 @@
 // Faults from outside the daemon, each checked for what must not be lost: a
-// download cut at several points and a daemon killed at random points end
-// with the shipped firmware in flash byte for byte; RMA blocks acknowledged
-// as written read back intact across restarts, and a data directory that
-// cannot take a partition never reports a block as written; a control
-// device that stays busy, a broken image and a corrupt partition table leave
-// the daemon running and the working firmware in flash.
+// download cut at several points ends with the shipped firmware in flash
+// byte for byte; a data directory that cannot take a partition never
+// reports a block as written; a control device that stays busy, a broken
+// image and a corrupt partition table leave the daemon running and the
+// working firmware in flash. Kills and restarts at every packet are the
+// crash sweeps' (crash_sweep_test.cc).
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <random>
 
 #include "e2e_fixture.h"
 #include "sim/device_root.h"
@@ -83,57 +82,6 @@ TEST_F(FaultScenarios, DownloadCutAtFirstMiddleAndLastFragmentLeavesAnExactFlash
   EXPECT_EQ(dfu.sessions_started, 1) << "every cut resumed, none restarted";
   EXPECT_EQ(dfu.crc_errors + dfu.protocol_errors, 0);
   expect_flash_holds_shipped_firmware();
-}
-
-TEST_F(FaultScenarios, DaemonKilledAtRandomPointsConvergesToAVerifiedUpdate) {
-  const char* seed_text = std::getenv("MARLO_FAULT_SEED");
-  const unsigned seed = seed_text ? static_cast<unsigned>(std::atoi(seed_text)) : std::random_device{}();
-  SCOPED_TRACE("MARLO_FAULT_SEED=" + std::to_string(seed));
-  std::mt19937 random(seed);
-
-  set_property("persist.vendor.zt_aon.dfu_update", "1");
-  sim::DeviceOptions options;
-  options.dfu.write_delay_ms = 4;
-  start_device(options);
-  const int total = total_fragments(shipped_, options.dfu.fragment_size);
-  // Kill points: during the erases (0), then anywhere in the first three
-  // quarters of the images (the kill lands a few fragments after the point).
-  std::vector<int> kill_points{0};
-  for (int i = 0; i < 3; ++i) kill_points.push_back(std::uniform_int_distribution<int>(1, total * 3 / 4)(random));
-  for (int point : kill_points) {
-    SCOPED_TRACE("killed after " + std::to_string(point) + " of " + std::to_string(total) + " fragments");
-    const sim::DfuStatus before = device_->dfu().status();
-    start_daemon();
-    ASSERT_TRUE(wait_for([&] {
-      sim::DfuStatus now = device_->dfu().status();
-      return point == 0 ? now.erases.size() > before.erases.size() : now.fragments >= before.fragments + point;
-    }));
-    stop_daemon();
-    EXPECT_EQ(device_->dfu().status().sessions_completed, 0) << "killed before the end";
-    // The co-processor stays in HOST mode until the device is power cycled.
-    device_->power_cycle();
-  }
-  start_daemon();
-  ASSERT_TRUE(wait_for([&] { return update_finished(); }));
-  expect_flash_holds_shipped_firmware();
-  EXPECT_EQ(property("persist.vendor.zt_aon.dfu_update"), "1");
-}
-
-TEST_F(FaultScenarios, RmaRestartedInWritesAndInReadsKeepsEveryAcknowledgedBlock) {
-  start_device(noflash_options());
-  device_->restart_during_rma(4);  // in the writes of the first partition
-  start_daemon();
-  // Armed while the co-processor is down, before the next run starts.
-  ASSERT_TRUE(wait_for([&] { return !device_->coprocessor().running(); }));
-  device_->restart_during_rma(14);  // in the read-back of the first partition
-  ASSERT_TRUE(wait_for([&] { return device_->rma().status().runs_completed >= 1; }));
-  sim::RmaStatus rma = device_->rma().status();
-  EXPECT_GE(rma.runs_started, 3);
-  // The client checks every answer: a write answered 0 whose block did not
-  // read back identically would be a problem of its run.
-  EXPECT_TRUE(rma.problems.empty()) << rma.problems.front();
-  EXPECT_EQ(device_->rma().verify_backing_files(), "");
-  EXPECT_EQ(device_->coprocessor().boots(), 3u);
 }
 
 // A partition the data directory cannot hold: creating its backing file
