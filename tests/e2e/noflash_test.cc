@@ -1,34 +1,69 @@
-// A co-processor without flash: misc data pushed, RMA served, and both done
-// again after a restart in the middle of RMA traffic.
+// A co-processor without flash: misc data pushed once and RMA served; power
+// events that land in the middle of its misc-data push or of a download, and
+// power events lost in a uevent socket overrun. The interleavings are forced
+// by hooks of the virtual co-processor. Restarts at every packet of the
+// session are the crash sweeps' (crash_sweep_test.cc).
+#include <atomic>
+#include <filesystem>
+#include <memory>
+
 #include "e2e_fixture.h"
 #include "sim/device_root.h"
+#include "sim/uevent_sender.h"
+#include "support/wait_until.h"
 
 namespace marlo::e2e {
 namespace {
 
-void expect_misc_data_stored(const sim::VirtualDevice& device, const std::string& root) {
-  sim::MiscStatus misc = const_cast<sim::VirtualDevice&>(device).misc().status();
-  EXPECT_EQ(misc.rejected, 0);
-  ASSERT_EQ(misc.stored.size(), 2u);
-  std::string bt = sim::read_text(root + sim::kBtFirmwarePath);
-  std::string nv = sim::read_text(root + sim::kBtNvPath);
-  EXPECT_EQ(std::string(misc.stored.at(0).begin(), misc.stored.at(0).end()), bt);
-  EXPECT_EQ(std::string(misc.stored.at(1).begin(), misc.stored.at(1).end()), nv);
-}
+using namespace std::chrono_literals;
 
-TEST_F(E2e, NoflashPsramGetsMiscDataAndRmaService) {
+class Noflash : public E2e {
+ protected:
+  // Once the whole misc-data set has been stored from a single push and the
+  // RMA workload has completed a run: exactly one push finished, without a
+  // rejected packet, and exactly one RMA client serves the co-processor.
+  void expect_one_complete_push_and_one_rma_client(int finishes) {
+    ASSERT_TRUE(wait_for([&] {
+      return device_->rma().status().runs_completed >= 1 && device_->rma().open_connections() == 1 &&
+             device_->misc().status().finishes >= finishes;
+    }));
+    sim::MiscStatus misc = device_->misc().status();
+    EXPECT_EQ(misc.finishes, finishes);
+    EXPECT_EQ(misc.rejected, 0);
+    ASSERT_EQ(misc.stored.size(), 2u);
+    std::string bt = sim::read_text(root_ + sim::kBtFirmwarePath);
+    EXPECT_EQ(std::string(misc.stored.at(0).begin(), misc.stored.at(0).end()), bt);
+    EXPECT_EQ(device_->rma().verify_backing_files(), "");
+    EXPECT_TRUE(device_->rma().status().problems.empty());
+  }
+
+  // Holds the boot push's second packet unanswered, sends the given power
+  // events and waits until the daemon has seen the power-up; then answers
+  // the packet, or hangs its connection up as a restart does.
+  void power_events_at_second_packet(bool with_power_down, bool hang_up) {
+    // Runs on the channel's thread: it uses copies, not the fixture's fields.
+    const std::string root = root_;
+    const std::string log = root_ + "/sim/marlod-" + std::to_string(starts_ + 1) + ".log";
+    device_->misc().set_packet_hook([root, log, with_power_down, hang_up](int packets) {
+      if (packets != 2) return true;
+      if (with_power_down) sim::send_uevent(root, sim::marlo_uevent(sim::kEventPowerDown));
+      sim::send_uevent(root, sim::marlo_uevent(sim::kEventPowerUp));
+      EXPECT_TRUE(test::wait_until([&] { return sim::log_contains(log, "on_aon_up: called"); }, 15s));
+      return !hang_up;
+    });
+  }
+};
+
+TEST_F(Noflash, BootPushesMiscDataOnceAndServesRma) {
   start_device(noflash_options());
   start_daemon();
-  ASSERT_TRUE(wait_for([&] { return device_->rma().status().runs_completed >= 1; }));
-  expect_misc_data_stored(*device_, root_);
-  EXPECT_EQ(device_->rma().verify_backing_files(), "");
-  EXPECT_TRUE(device_->rma().status().problems.empty());
+  expect_one_complete_push_and_one_rma_client(1);
   EXPECT_GE(request_index("BOOT_STATUS", 2), 0) << "misc-data update started";
   EXPECT_EQ(device_->dfu().status().sessions_started, 0);
   EXPECT_EQ(device_->coprocessor().boot_mode(), sim::kBootModeHost);
 }
 
-TEST_F(E2e, MiscDataAlreadyPushedIsSkippedButRmaIsServed) {
+TEST_F(Noflash, MiscDataAlreadyPushedIsSkippedButRmaIsServed) {
   set_property("vendor.zt_aon.misc_update", "1");
   start_device(noflash_options());
   start_daemon();
@@ -38,18 +73,71 @@ TEST_F(E2e, MiscDataAlreadyPushedIsSkippedButRmaIsServed) {
   EXPECT_EQ(property("vendor.zt_aon.misc_update"), "1");
 }
 
-TEST_F(E2e, RestartDuringRmaTrafficIsServedAgainAfterPowerUp) {
+TEST_F(Noflash, RestartDuringTheBootPushEndsInOneCompletePushAfterThePowerUp) {
   start_device(noflash_options());
-  device_->restart_during_rma(6);
+  power_events_at_second_packet(true, true);
   start_daemon();
-  ASSERT_TRUE(wait_for([&] { return device_->rma().status().runs_completed >= 1; }));
-  sim::RmaStatus rma = device_->rma().status();
-  EXPECT_GE(rma.runs_started, 2) << "the interrupted run and the one after power-up";
-  EXPECT_EQ(device_->rma().verify_backing_files(), "");
-  EXPECT_GE(device_->misc().status().finishes, 2) << "misc data pushed again after the power-up";
-  expect_misc_data_stored(*device_, root_);
+  expect_one_complete_push_and_one_rma_client(1);
+  EXPECT_EQ(log_count("starting rma connection"), 1);
   EXPECT_EQ(property("vendor.marlo.boot_complete"), "1");
-  EXPECT_EQ(device_->coprocessor().boots(), 2u);
+}
+
+TEST_F(Noflash, PowerUpDuringTheBootPushRestartsItAndStartsOneRmaClient) {
+  start_device(noflash_options());
+  power_events_at_second_packet(false, false);
+  start_daemon();
+  expect_one_complete_push_and_one_rma_client(1);
+  EXPECT_EQ(log_count("starting rma connection"), 1);
+  EXPECT_EQ(property("vendor.zt_aon.misc_update"), "0") << "a push whose finish returned bytes reports no success";
+}
+
+TEST_F(Noflash, PowerUpDuringADownloadLeavesTheDfuChannelToTheDownload) {
+  set_property("persist.vendor.zt_aon.dfu_update", "1");
+  sim::DeviceOptions options = noflash_options();
+  options.running_at_start = false;
+  auto fragments = std::make_shared<std::atomic<int>>(0);
+  std::string root = root_;
+  options.dfu.on_fragment = [fragments, root](const sim::FragmentTiming&) {
+    if (++*fragments == 3) sim::send_uevent(root, sim::marlo_uevent(sim::kEventPowerUp));
+  };
+  start_device(options);
+  // The shipped Bluetooth firmware is newer than the running one: download.
+  const std::string version_file = root_ + "/vendor/firmware_mnt/image/tbx7700_ver_info.txt";
+  std::string versions = sim::read_text(version_file);
+  const size_t bt = versions.find("BTFW.MR.20.7.5");
+  ASSERT_NE(bt, std::string::npos);
+  sim::write_text(version_file, versions.replace(bt, 14, "BTFW.MR.20.7.6"));
+  start_daemon();
+  ASSERT_TRUE(wait_for([&] { return update_finished() && device_->misc().status().finishes >= 1; }));
+  ASSERT_EQ(log_count("on_aon_up: called"), 1);
+  sim::DfuStatus dfu = device_->dfu().status();
+  EXPECT_EQ(dfu.protocol_errors, 0) << "no misc-data packet on the DFU channel";
+  EXPECT_EQ(dfu.crc_errors, 0);
+  EXPECT_EQ(dfu.sessions_started, 1);
+  EXPECT_EQ(device_->misc().status().rejected, 0);
+}
+
+TEST_F(Noflash, PowerEventsLostInAnOverrunAreActedOnFromTheState) {
+  start_device(noflash_options());
+  start_daemon();
+  expect_one_complete_push_and_one_rma_client(1);
+
+  // The power-down is lost: the daemon finds the co-processor offline.
+  device_->coprocessor().unload("test: power-down");
+  ASSERT_TRUE(sim::arm_uevent_overrun(root_));
+  ASSERT_TRUE(sim::send_uevent(root_, sim::marlo_uevent(sim::kEventPowerDown)));
+  ASSERT_TRUE(wait_for([&] { return log_count("on_aon_down: called") == 1; }));
+  EXPECT_EQ(property("vendor.marlo.boot_complete"), "0");
+
+  // So is the power-up: the daemon finds it running and pushes again.
+  ASSERT_EQ(device_->coprocessor().load(), 0);
+  ASSERT_TRUE(sim::arm_uevent_overrun(root_));
+  ASSERT_TRUE(sim::send_uevent(root_, sim::marlo_uevent(sim::kEventPowerUp)));
+  ASSERT_TRUE(wait_for([&] { return device_->rma().status().runs_completed >= 2; }));
+  expect_one_complete_push_and_one_rma_client(2);
+  EXPECT_EQ(property("vendor.marlo.boot_complete"), "1");
+  EXPECT_EQ(log_count("uevent socket overrun"), 2);
+  EXPECT_FALSE(std::filesystem::exists(root_ + "/dev/uevent.overrun")) << "every fault consumed";
 }
 
 }  // namespace
