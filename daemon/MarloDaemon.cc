@@ -19,6 +19,7 @@
 #include "daemon/SSRHandler.h"
 #include "fwupdater/marlo_fw_updater.h"
 #include "platform/os.h"
+#include "platform/unique_fd.h"
 #include "rma/marlo_rma.h"
 
 std::atomic<MarloDaemon*> g_marlo_daemon{nullptr};
@@ -136,31 +137,29 @@ int MarloDaemon::getMarloPILStatus() {
 }
 
 bool MarloDaemon::isTWMexit() {
-  int fd = platform::open(kTwmExitFile, O_RDONLY);
+  const platform::unique_fd fd(platform::open(kTwmExitFile, O_RDONLY));
   // Descriptor 0 is a good descriptor (the process entry keeps the standard
   // descriptors open, so it is not handed out here in practice).
-  if (fd < 0) return false;
+  if (!fd) return false;
   char text[21] = {};  // 20 bytes read at most, always terminated
   int state = -1;
-  if (platform::pread(fd, text, 20, 0) >= 0) {
+  if (platform::pread(fd.get(), text, 20, 0) >= 0) {
     std::sscanf(text, "%d", &state);
     __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s: Twm exit state = %d", "isTWMexit", state);
   } else {
     __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s: reading twm_exit fd failed", "isTWMexit");
   }
-  platform::close(fd);
   return state == 1;
 }
 
 int MarloDaemon::platformSubtypeCheck() {
-  int fd = platform::open(kPlatformSubtypeFile, O_RDONLY);
-  if (fd < 0) {
+  const platform::unique_fd fd(platform::open(kPlatformSubtypeFile, O_RDONLY));
+  if (!fd) {
     __android_log_print(ANDROID_LOG_ERROR, nullptr, "Unable to open %s\n", kPlatformSubtypeFile);
     return -1;
   }
   char text[3] = {};
-  ssize_t n = platform::read(fd, text, 2);
-  platform::close(fd);
+  const ssize_t n = platform::read(fd.get(), text, 2);
   if (n < 0) {
     __android_log_print(ANDROID_LOG_ERROR, nullptr, "Unable to read %s\n", kPlatformSubtypeFile);
     return -1;
