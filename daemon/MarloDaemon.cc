@@ -58,9 +58,14 @@ MarloDaemon::MarloDaemon()
   noflash_worker = std::make_unique<NoFlashPsramWorker>(std::move(steps));
 }
 
-// The record of the last boot completion is the daemon's; the ones it
-// replaced stay allocated, as a restart listener may still read them.
-MarloDaemon::~MarloDaemon() { delete fw_version.exchange(nullptr); }
+// The restart listener is stopped first: it reads the version record and
+// calls into the worker and the updater. The record of the last boot
+// completion is the daemon's; the ones it replaced stay allocated, as a
+// restart listener may have been reading them.
+MarloDaemon::~MarloDaemon() {
+  ssr_handler.reset();
+  delete fw_version.exchange(nullptr);
+}
 
 void MarloDaemon::startMarloDaemon() {
   __android_log_print(ANDROID_LOG_INFO, nullptr, "Start Marlo Daemon");
@@ -183,9 +188,8 @@ int MarloDaemon::initMarlo() {
 
 void MarloDaemon::registerMarloSSREvent() {
   __android_log_print(ANDROID_LOG_ERROR, nullptr, "%s: called\n", "registerMarloSSREvent");
-  if (ssr_handler.load() != nullptr) return;
-  // The listener thread holds the handler for the life of the process.
-  ssr_handler = new SSRHandler(this);
+  if (ssr_handler) return;
+  ssr_handler = std::make_unique<SSRHandler>(this);
 }
 
 int MarloDaemon::startMarloPIL() {
