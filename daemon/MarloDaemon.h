@@ -77,8 +77,9 @@ class MarloDaemon {
   // Shared between the main thread, the restart listener, the flash-less
   // worker and the updater's reader thread without a lock: every such field
   // is atomic. The PIL state path is written once, before those threads
-  // start. The owning pointers below are set by the constructor and never
-  // replaced; what they point to says how it is shared.
+  // start. The owning pointers below, but the restart listener's, are set
+  // by the constructor and never replaced; what they point to says how it
+  // is shared.
   std::atomic<bool> noflash_psram{false};
   char pil_state_path[50] = {};
   std::unique_ptr<MarloComHandler> com_handler;

@@ -255,12 +255,11 @@ class marlo_fw_updater {
   std::atomic<bool> erasing{false};
   std::atomic<bool> update_finished{false};
   std::atomic<Callback*> callback{nullptr};
-  // The DFU transport. Created, stopped and destroyed only on the daemon's
-  // thread, and only while no reader thread of it runs: it is set before
-  // connect starts the reader, and cleared only after disconnect (or the
-  // destructor, which disconnects first) has joined it. The reader thread
-  // sends through it; so the pointer never changes while that thread can
-  // read it, and needs no lock.
+  // The DFU transport. Set and cleared only on the daemon's thread, and
+  // only while no reader thread of it runs: set before connect starts the
+  // reader, cleared only after disconnect has joined it (the destructor
+  // disconnects first too). The reader thread sends through it; so the
+  // pointer never changes while that thread can read it, and needs no lock.
   std::unique_ptr<glink_interface> glinkInterface;
   // Read from the partition table on the daemon's thread while the images
   // are loaded, before they are published.
