@@ -30,7 +30,8 @@ void keep_standard_descriptors_open() {
       return;
     }
     if (null_device.get() > STDERR_FILENO) return;  // closed by its owner
-    (void)null_device.release();  // kept as a standard descriptor
+    // Landed on a free standard descriptor: kept there for good.
+    (void)null_device.release();
   }
 }
 

@@ -6,8 +6,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -40,9 +40,7 @@ class SSRHandlerTest : public ::testing::Test {
     std::strcpy(addr.sun_path, root_.at("/dev/uevent").c_str());
     return ::sendto(sender_, message.data(), message.size(), 0, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
   }
-  void send(const std::string& message) {
-    ASSERT_EQ(send_to_listener(message), static_cast<ssize_t>(message.size()));
-  }
+  void send(const std::string& message) { ASSERT_EQ(send_to_listener(message), static_cast<ssize_t>(message.size())); }
 
   // A uevent of the control device carrying the given strings.
   static std::string event(const std::string& strings) {
