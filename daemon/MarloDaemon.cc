@@ -19,6 +19,7 @@
 #include "daemon/SSRHandler.h"
 #include "fwupdater/marlo_fw_updater.h"
 #include "platform/os.h"
+#include "platform/unique_fd.h"
 #include "rma/marlo_rma.h"
 
 std::atomic<MarloDaemon*> g_marlo_daemon{nullptr};
@@ -57,9 +58,14 @@ MarloDaemon::MarloDaemon()
   noflash_worker = std::make_unique<NoFlashPsramWorker>(std::move(steps));
 }
 
-// The record of the last boot completion is the daemon's; the ones it
-// replaced stay allocated, as a restart listener may still read them.
-MarloDaemon::~MarloDaemon() { delete fw_version.exchange(nullptr); }
+// The restart listener is stopped first: it reads the version record and
+// calls into the worker and the updater. The record of the last boot
+// completion is the daemon's; the ones it replaced stay allocated, as a
+// restart listener may have been reading them.
+MarloDaemon::~MarloDaemon() {
+  ssr_handler.reset();
+  delete fw_version.exchange(nullptr);
+}
 
 void MarloDaemon::startMarloDaemon() {
   __android_log_print(ANDROID_LOG_INFO, nullptr, "Start Marlo Daemon");
@@ -136,31 +142,29 @@ int MarloDaemon::getMarloPILStatus() {
 }
 
 bool MarloDaemon::isTWMexit() {
-  int fd = platform::open(kTwmExitFile, O_RDONLY);
+  const platform::unique_fd fd(platform::open(kTwmExitFile, O_RDONLY));
   // Descriptor 0 is a good descriptor (the process entry keeps the standard
   // descriptors open, so it is not handed out here in practice).
-  if (fd < 0) return false;
+  if (!fd) return false;
   char text[21] = {};  // 20 bytes read at most, always terminated
   int state = -1;
-  if (platform::pread(fd, text, 20, 0) >= 0) {
+  if (platform::pread(fd.get(), text, 20, 0) >= 0) {
     std::sscanf(text, "%d", &state);
     __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s: Twm exit state = %d", "isTWMexit", state);
   } else {
     __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s: reading twm_exit fd failed", "isTWMexit");
   }
-  platform::close(fd);
   return state == 1;
 }
 
 int MarloDaemon::platformSubtypeCheck() {
-  int fd = platform::open(kPlatformSubtypeFile, O_RDONLY);
-  if (fd < 0) {
+  const platform::unique_fd fd(platform::open(kPlatformSubtypeFile, O_RDONLY));
+  if (!fd) {
     __android_log_print(ANDROID_LOG_ERROR, nullptr, "Unable to open %s\n", kPlatformSubtypeFile);
     return -1;
   }
   char text[3] = {};
-  ssize_t n = platform::read(fd, text, 2);
-  platform::close(fd);
+  const ssize_t n = platform::read(fd.get(), text, 2);
   if (n < 0) {
     __android_log_print(ANDROID_LOG_ERROR, nullptr, "Unable to read %s\n", kPlatformSubtypeFile);
     return -1;
@@ -184,9 +188,8 @@ int MarloDaemon::initMarlo() {
 
 void MarloDaemon::registerMarloSSREvent() {
   __android_log_print(ANDROID_LOG_ERROR, nullptr, "%s: called\n", "registerMarloSSREvent");
-  if (ssr_handler.load() != nullptr) return;
-  // The listener thread holds the handler for the life of the process.
-  ssr_handler = new SSRHandler(this);
+  if (ssr_handler) return;
+  ssr_handler = std::make_unique<SSRHandler>(this);
 }
 
 int MarloDaemon::startMarloPIL() {

@@ -76,12 +76,14 @@ class MarloDaemon {
 
   // Shared between the main thread, the restart listener, the flash-less
   // worker and the updater's reader thread without a lock: every such field
-  // is atomic. The PIL state path is written once, before those threads start.
+  // is atomic. The PIL state path is written once, before those threads
+  // start. The owning pointers below, but the restart listener's, are set
+  // by the constructor and never replaced; what they point to says how it
+  // is shared.
   std::atomic<bool> noflash_psram{false};
   char pil_state_path[50] = {};
   std::unique_ptr<MarloComHandler> com_handler;
   std::unique_ptr<marlo_fw_updater> fw_updater;
-  std::atomic<SSRHandler*> ssr_handler{nullptr};  // lives as long as its listener thread
   std::unique_ptr<marlo_rma> rma;  // started only on the flash-less worker's thread
   // Replaced, never freed, on each boot completion: the restart listener may
   // still be reading the previous record. The last one goes with the daemon.
@@ -94,6 +96,9 @@ class MarloDaemon {
   // co-processor, on its own thread. Declared last: it is stopped before the
   // updater and the RMA client it uses go away.
   std::unique_ptr<NoFlashPsramWorker> noflash_worker;
+  // The restart listener and its thread, which calls into everything above:
+  // declared after it and stopped first. Created once by the main thread.
+  std::unique_ptr<SSRHandler> ssr_handler;
 };
 
 // The running daemon, for code without a daemon pointer at hand.

@@ -10,7 +10,7 @@ NoFlashPsramWorker::NoFlashPsramWorker(Steps steps) : steps_(std::move(steps)) {
 
 NoFlashPsramWorker::~NoFlashPsramWorker() {
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    platform::lock_guard lock(mutex_);
     stopping_ = true;
     steps_.abortPush(true);
   }
@@ -19,10 +19,10 @@ NoFlashPsramWorker::~NoFlashPsramWorker() {
 }
 
 void NoFlashPsramWorker::runBootJob() {
-  std::unique_lock<std::mutex> lock(mutex_);
+  platform::unique_lock lock(mutex_);
   job_wanted_ = true;
   changed_.notify_all();
-  changed_.wait(lock, [this] { return stopping_ || (!job_wanted_ && !job_running_); });
+  while (!stopping_ && (job_wanted_ || job_running_)) lock.wait(changed_);
 }
 
 void NoFlashPsramWorker::powerUp(const std::function<void()>& under_lock) { powerEvent(true, under_lock); }
@@ -33,7 +33,7 @@ void NoFlashPsramWorker::powerDown(const std::function<void()>& under_lock) { po
 
 void NoFlashPsramWorker::powerEvent(bool wants_job, const std::function<void()>& under_lock) {
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    platform::lock_guard lock(mutex_);
     ++generation_;
     steps_.abortPush(true);
     job_wanted_ = wants_job;
@@ -43,32 +43,35 @@ void NoFlashPsramWorker::powerEvent(bool wants_job, const std::function<void()>&
 }
 
 bool NoFlashPsramWorker::runUnlessStale(const std::function<void()>& action) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  platform::lock_guard lock(mutex_);
   if (job_running_ && job_generation_ != generation_) return false;
   action();
   return true;
 }
 
 uint64_t NoFlashPsramWorker::generation() const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  platform::lock_guard lock(mutex_);
   return generation_;
 }
 
 void NoFlashPsramWorker::run() {
-  std::unique_lock<std::mutex> lock(mutex_);
   for (;;) {
-    changed_.wait(lock, [this] { return stopping_ || job_wanted_; });
-    if (stopping_) return;
-    job_wanted_ = false;
-    job_running_ = true;
-    job_generation_ = generation_;
-    steps_.abortPush(false);
-    lock.unlock();
+    {
+      platform::unique_lock lock(mutex_);
+      while (!stopping_ && !job_wanted_) lock.wait(changed_);
+      if (stopping_) return;
+      job_wanted_ = false;
+      job_running_ = true;
+      job_generation_ = generation_;
+      steps_.abortPush(false);
+    }
 
     steps_.push();
-    lock.lock();
-    const bool current = job_generation_ == generation_;
-    lock.unlock();
+    bool current;
+    {
+      platform::lock_guard lock(mutex_);
+      current = job_generation_ == generation_;
+    }
     if (current) {
       steps_.startRma();
     } else {
@@ -76,7 +79,7 @@ void NoFlashPsramWorker::run() {
                           "power event during the misc-data push: push abandoned, no rma connection for it");
     }
 
-    lock.lock();
+    platform::lock_guard lock(mutex_);
     job_running_ = false;
     changed_.notify_all();
   }

@@ -14,8 +14,9 @@
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <thread>
+
+#include "platform/thread_annotations.h"
 
 class NoFlashPsramWorker {
  public:
@@ -56,15 +57,17 @@ class NoFlashPsramWorker {
   void run();
   // Starts a new power generation: the push in progress loses it, and a job
   // is wanted after a power-up only.
-  void powerEvent(bool wants_job, const std::function<void()>& under_lock);
+  void powerEvent(bool wants_job, const std::function<void()>& under_lock) EXCLUDES(mutex_);
 
-  Steps steps_;
-  mutable std::mutex mutex_;  // guards every field below
-  std::condition_variable changed_;
-  uint64_t generation_ = 0;
-  uint64_t job_generation_ = 0;  // of the job in progress
-  bool job_wanted_ = false;
-  bool job_running_ = false;
-  bool stopping_ = false;
-  std::thread thread_;  // started last, once the fields above exist
+  const Steps steps_;  // set by the constructor, called by any thread
+  mutable platform::mutex mutex_;
+  std::condition_variable changed_;  // waited on with mutex_
+  uint64_t generation_ GUARDED_BY(mutex_) = 0;
+  uint64_t job_generation_ GUARDED_BY(mutex_) = 0;  // of the job in progress
+  bool job_wanted_ GUARDED_BY(mutex_) = false;
+  bool job_running_ GUARDED_BY(mutex_) = false;
+  bool stopping_ GUARDED_BY(mutex_) = false;
+  // Started last, once the fields above exist, by the constructor; joined
+  // by the destructor.
+  std::thread thread_;
 };

@@ -1,5 +1,6 @@
 #include "daemon/SSRHandler.h"
 
+#include <poll.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -13,6 +14,7 @@
 #include <cutils/uevent.h>
 
 #include "daemon/MarloDaemon.h"
+#include "platform/os.h"
 
 namespace {
 
@@ -27,18 +29,58 @@ constexpr int32_t kPowerUp = 4;
 }  // namespace
 
 SSRHandler::SSRHandler(MarloDaemon* daemon) : daemon_(daemon) {
-  std::thread(&SSRHandler::marloSSREventListener, this).detach();
+  int pipe_fds[2];
+  if (platform::pipe(pipe_fds) == 0) {
+    wakeup_read_.reset(pipe_fds[0]);
+    wakeup_write_.reset(pipe_fds[1]);
+  } else {
+    // Without the pipe the listener cannot be woken: it runs until the
+    // socket fails, and the destructor can only let it go (the daemon never
+    // destroys its handler).
+    __android_log_print(ANDROID_LOG_ERROR, kTag, "uevent listener wake-up pipe failed, errno = %d", errno);
+  }
+  listener_ = std::thread(&SSRHandler::marloSSREventListener, this);
+}
+
+SSRHandler::~SSRHandler() {
+  const char stop = 0;
+  ssize_t written = -1;
+  if (wakeup_write_) {
+    do {
+      written = platform::write(wakeup_write_.get(), &stop, 1);
+    } while (written < 0 && errno == EINTR);
+  }
+  if (written == 1) {
+    listener_.join();
+  } else {
+    listener_.detach();
+  }
+}
+
+bool SSRHandler::waitForMessage(int socket) {
+  for (;;) {
+    struct pollfd fds[2] = {{socket, POLLIN, 0}, {wakeup_read_.get(), POLLIN, 0}};
+    const int ready = platform::poll(fds, 2, -1);
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready < 0) return true;  // the receive meets and reports the failure
+    if (fds[1].revents != 0) return false;
+    if (fds[0].revents != 0) return true;  // an error shows in the receive
+  }
 }
 
 void SSRHandler::marloSSREventListener() {
   __android_log_print(ANDROID_LOG_DEBUG, kTag, "%s: called\n", "marloSSREventListener");
-  int socket = uevent_open_socket(kSocketBufferSize, true);
-  if (socket < 0) __android_log_print(ANDROID_LOG_ERROR, kTag, "open socket failed");
+  const platform::unique_fd socket(uevent_open_socket(kSocketBufferSize, true));
+  if (!socket) {
+    // The first receive would fail and end the listener.
+    __android_log_print(ANDROID_LOG_ERROR, kTag, "open socket failed");
+    return;
+  }
 
   // Two spare bytes terminate the last string and the list of strings.
   char buffer[kMaxMessage + 2] = {};
-  for (;;) {
-    ssize_t length = uevent_kernel_multicast_recv(socket, buffer, kMaxMessage);
+  while (waitForMessage(socket.get())) {
+    ssize_t length = uevent_kernel_multicast_recv(socket.get(), buffer, kMaxMessage);
     if (length > 0) {
       handleMessage(buffer, length);
       continue;
@@ -52,7 +94,6 @@ void SSRHandler::marloSSREventListener() {
     }
     break;
   }
-  if (socket >= 0) close(socket);
 }
 
 void SSRHandler::handleMessage(char* buffer, ssize_t length) {

@@ -11,6 +11,7 @@
 
 #include "daemon/MarloDaemon.h"
 #include "daemon/marlo_deamon_log.h"
+#include "platform/unique_fd.h"
 
 namespace {
 
@@ -18,18 +19,19 @@ namespace {
 // that descriptor number to its first open (a channel, a sysfs file), and
 // anything later written to standard output or error would land there. The
 // free standard descriptors are filled with the real /dev/null first (not a
-// device path of the platform, hence the plain open).
+// device path of the platform, hence the plain open). The ones that land on
+// 0-2 stay open for the life of the process; the first one above them is
+// not needed and its owner closes it.
 void keep_standard_descriptors_open() {
   for (;;) {
-    const int fd = ::open("/dev/null", O_RDWR);
-    if (fd < 0) {
+    platform::unique_fd null_device(::open("/dev/null", O_RDWR));
+    if (!null_device) {
       __android_log_print(ANDROID_LOG_ERROR, nullptr, "Unable to open /dev/null for the standard descriptors\n");
       return;
     }
-    if (fd > STDERR_FILENO) {
-      ::close(fd);
-      return;
-    }
+    if (null_device.get() > STDERR_FILENO) return;  // closed by its owner
+    // Landed on a free standard descriptor: kept there for good.
+    (void)null_device.release();
   }
 }
 

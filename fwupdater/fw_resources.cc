@@ -205,13 +205,13 @@ std::vector<uint8_t> marlo_fw_updater::readFile(const std::string& path, marlo_f
 }
 
 std::shared_ptr<const fw_resource_list> marlo_fw_updater::fwResourcesSnapshot() const {
-  std::lock_guard<std::mutex> lock(fw_resources_lock);
+  platform::lock_guard lock(fw_resources_lock);
   return fw_resources;
 }
 
 void marlo_fw_updater::publishFwResources(std::shared_ptr<const fw_resource_list> list) {
   {
-    std::lock_guard<std::mutex> lock(fw_resources_lock);
+    platform::lock_guard lock(fw_resources_lock);
     fw_resources.swap(list);
   }
   // The list replaced is freed here, outside the lock, unless a request

@@ -16,5 +16,10 @@ marlo_fw_updater::marlo_fw_updater() {
 }
 
 // The transport goes first: its reader thread calls back into this object and
-// must be stopped before the resources it reads are destroyed.
-marlo_fw_updater::~marlo_fw_updater() { glinkInterface.reset(); }
+// must be stopped before the resources it reads are destroyed. It is stopped
+// while the pointer still names it, because the reader sends through the
+// pointer; only then is the pointer cleared and the transport destroyed.
+marlo_fw_updater::~marlo_fw_updater() {
+  if (glinkInterface) glinkInterface->disconnect_interface();
+  glinkInterface.reset();
+}

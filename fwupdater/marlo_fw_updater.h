@@ -11,13 +11,13 @@
 #include <ctime>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "comhandler/wear_firmware_info.h"
 #include "glink/glink_interface.h"
+#include "platform/thread_annotations.h"
 
 namespace marlo_fw {
 struct WholeFileInfo;
@@ -237,14 +237,17 @@ class marlo_fw_updater {
   // Makes `list` the current one at once.
   void publishFwResources(std::shared_ptr<const fw_resource_list> list);
 
-  // The session's fields are set on the daemon's thread and read on the
-  // transport's reader thread, hence atomic.
-  int32_t log_level = 0;
+  // Threads: the daemon's thread (the one that sets a session up and ends
+  // it), the DFU transport's reader thread, and the thread that runs a
+  // misc-data push. The session's fields are set on the daemon's thread and
+  // read on the reader thread, hence atomic.
+  int32_t log_level = 0;  // constructor only
   // Published on the daemon's thread at set-up and replaced by an empty list
-  // at the session's end (reader or daemon thread); read on both. Guarded by
-  // fw_resources_lock, held only to copy or swap the pointer.
-  mutable std::mutex fw_resources_lock;
-  std::shared_ptr<const fw_resource_list> fw_resources = std::make_shared<const fw_resource_list>();
+  // at the session's end (reader or daemon thread); read on both. The lock
+  // is held only to copy or swap the pointer.
+  mutable platform::mutex fw_resources_lock;
+  std::shared_ptr<const fw_resource_list> fw_resources GUARDED_BY(fw_resources_lock) =
+      std::make_shared<const fw_resource_list>();
   std::atomic<time_t> start_time{0};
   std::atomic<bool> continue_download{false};
   // From the start of the erase walk until it has walked past the last
@@ -252,9 +255,17 @@ class marlo_fw_updater {
   std::atomic<bool> erasing{false};
   std::atomic<bool> update_finished{false};
   std::atomic<Callback*> callback{nullptr};
+  // The DFU transport. Set and cleared only on the daemon's thread, and
+  // only while no reader thread of it runs: set before connect starts the
+  // reader, cleared only after disconnect has joined it (the destructor
+  // disconnects first too). The reader thread sends through it; so the
+  // pointer never changes while that thread can read it, and needs no lock.
   std::unique_ptr<glink_interface> glinkInterface;
+  // Read from the partition table on the daemon's thread while the images
+  // are loaded, before they are published.
   int32_t tbx_elf_offset = 0;
   marlo_meta_info meta_info;
+  // Loaded and used by the thread that runs the misc-data push.
   std::vector<std::unique_ptr<marlo_misc_resource>> misc_resources;
   // The misc-data transfer's own transport and result sink, never those of
   // the DFU session: a push cannot send on the DFU channel or close it. Used

@@ -8,6 +8,7 @@
 #include "daemon/marlo_deamon_log.h"
 #include "fwupdater/marlo_fw_updater.h"
 #include "platform/os.h"
+#include "platform/unique_fd.h"
 
 namespace {
 
@@ -51,10 +52,9 @@ bool in_image(const std::vector<uint8_t>& image, uint64_t pos, uint64_t length) 
 // how many arrived (0 when the read fails: the defaults then stand). False
 // when the file does not open.
 bool read_sysfs_text(const char* path, char* buf, size_t max, size_t* length = nullptr) {
-  int fd = platform::open(path, O_RDONLY);
-  if (fd < 0) return false;
-  const ssize_t n = platform::read(fd, buf, max);
-  platform::close(fd);
+  const platform::unique_fd fd(platform::open(path, O_RDONLY));
+  if (!fd) return false;
+  const ssize_t n = platform::read(fd.get(), buf, max);
   if (length != nullptr) *length = n > 0 ? static_cast<size_t>(n) : 0;
   return true;
 }

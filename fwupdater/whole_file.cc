@@ -16,23 +16,10 @@
 #include <new>
 #include <stdexcept>
 
+#include "platform/unique_fd.h"
+
 namespace marlo_fw {
 namespace {
-
-// Closes the descriptor it holds.
-class FileDescriptor {
- public:
-  explicit FileDescriptor(int fd) : fd_(fd) {}
-  ~FileDescriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  FileDescriptor(const FileDescriptor&) = delete;
-  FileDescriptor& operator=(const FileDescriptor&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 void fill_info(const struct stat& st, WholeFileInfo* info) {
   if (info == nullptr) return;
@@ -47,8 +34,10 @@ WholeFileResult read_whole_file(const std::string& host_path, uint64_t max_size,
                                 WholeFileInfo* info) {
   bytes->clear();
   if (info != nullptr) *info = WholeFileInfo{};
-  FileDescriptor file(::open(host_path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-  if (file.get() < 0) return WholeFileResult::kNotOpened;
+  // Opened on the path the system knows (no device node), closed by the
+  // owner through the platform seam, whose close takes any descriptor.
+  const platform::unique_fd file(::open(host_path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  if (!file) return WholeFileResult::kNotOpened;
   // Only regular files hold images; a directory or device would open but
   // report a meaningless size. The size and identity are those of the file
   // opened, not of whatever the path names a moment later.

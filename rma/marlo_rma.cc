@@ -13,6 +13,7 @@
 #include "daemon/marlo_deamon_log.h"
 #include "glink/marlo_glink.h"
 #include "platform/os.h"
+#include "platform/unique_fd.h"
 #include "rma/rma_backing_store.h"
 #include "rma/rma_file.h"
 
@@ -130,8 +131,8 @@ bool marlo_rma::append_block(const std::string& name, unsigned offset, unsigned 
   }
   const std::string path = kPartitionDir + name;
   MARLO_LOGD("readFile Path : %s and size :%d ", path.c_str(), size);
-  marlo::rma::file_descriptor file(platform::open(path.c_str(), O_RDONLY));
-  if (!file.valid()) {
+  platform::unique_fd file(platform::open(path.c_str(), O_RDONLY));
+  if (!file.ok()) {
     MARLO_LOGE("File open failed : %s", path.c_str());
     return false;
   }
@@ -153,8 +154,8 @@ std::vector<uint8_t> marlo_rma::readFile(std::string name, unsigned offset, unsi
 }
 
 int marlo_rma::AppendToFile(const std::string& path, unsigned offset, unsigned size, const char* data) {
-  marlo::rma::file_descriptor file(platform::open(path.c_str(), O_RDWR));
-  if (!file.valid()) {
+  platform::unique_fd file(platform::open(path.c_str(), O_RDWR));
+  if (!file.ok()) {
     MARLO_LOGE("Cannot open file %s", path.c_str());
     return -1;
   }

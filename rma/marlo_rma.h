@@ -50,9 +50,19 @@ class marlo_rma {
   // block would not fit one answer packet.
   bool append_block(const std::string& name, unsigned offset, unsigned size, std::vector<uint8_t>& out);
 
+  // The connected partition's ids: written and read by the reader thread,
+  // atomic because a new transport's reader may follow an old one.
   std::atomic<uint32_t> memory_id{0};
   std::atomic<uint32_t> client_priv{0};
   std::atomic<uint32_t> file_memory_id{0};
   std::atomic<uint32_t> second_id{0};
+  // The transport, owned through this pointer. Created and deleted by the
+  // thread that starts the client (the daemon's flash-less worker; the
+  // error callback of a failed open runs on that thread too) and by the
+  // destructor; the reader thread only sends through it. When a power-up
+  // replaces the transport, the old one's reader may be answering a request
+  // of the co-processor that has since restarted: the delete waits for it
+  // (the transport's destructor joins its reader), and that answer may be
+  // dropped as if the pointer were unset.
   std::atomic<glink_interface*> glinkInterface{nullptr};
 };

@@ -13,6 +13,7 @@
 
 #include "daemon/marlo_deamon_log.h"
 #include "platform/os.h"
+#include "platform/unique_fd.h"
 #include "rma/rma_file.h"
 
 namespace marlo::rma {
@@ -47,8 +48,8 @@ bool fill_with_zeros(int fd, uint64_t size) {
 
 // Puts the directory's entries (a rename into it) on stable storage.
 bool sync_directory() {
-  file_descriptor dir(platform::open(kPartitionDir, O_RDONLY | O_DIRECTORY));
-  return dir.valid() && platform::fsync(dir.get()) == 0;
+  platform::unique_fd dir(platform::open(kPartitionDir, O_RDONLY | O_DIRECTORY));
+  return dir.ok() && platform::fsync(dir.get()) == 0;
 }
 
 void remove_file(const std::string& device_path) { platform::unlink(device_path.c_str()); }
@@ -83,8 +84,8 @@ create_result create_backing_file(const std::string& name, uint64_t size) {
     return create_result::refused;
   }
   const std::string temporary = path + kTemporarySuffix;
-  file_descriptor file(platform::open(temporary.c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0600));
-  if (!file.valid()) {
+  platform::unique_fd file(platform::open(temporary.c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0600));
+  if (!file.ok()) {
     MARLO_LOGE("creating %s failed: %s", temporary.c_str(), strerror(errno));
     return create_result::failed;
   }

@@ -8,15 +8,6 @@
 
 namespace marlo::rma {
 
-file_descriptor::~file_descriptor() { close(); }
-
-bool file_descriptor::close() {
-  if (fd_ < 0) return true;
-  const int result = platform::close(fd_);
-  fd_ = -1;
-  return result == 0;
-}
-
 bool write_all(int fd, const uint8_t* data, uint64_t length) {
   while (length > 0) {
     const ssize_t n = platform::write(fd, data, static_cast<size_t>(std::min<uint64_t>(length, 1u << 20)));

@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # Installs, builds and runs every test of marlod: the test suite, then the
-# check of the device build description (scripts/check-android-bp.sh), the
-# same suite built for 32-bit ARM and run under qemu-user (scripts/armhf.sh),
-# the device configuration compiled as the device compiles it
+# build with clang's thread-safety analysis as errors
+# (scripts/thread-safety.sh), the check of the device build description
+# (scripts/check-android-bp.sh), the same suite built for 32-bit ARM and run
+# under qemu-user (scripts/armhf.sh), the device configuration compiled as the
+# device compiles it
 # (scripts/device-compile.sh), the suite under the sanitizers
 # (scripts/sanitize.sh) and a short run of every fuzzer (scripts/fuzz.sh).
 # MARLO_QUICK=1 runs the suite only.
@@ -17,6 +19,13 @@ echo "== running the test suite"
 suite_log=build/ctest.log
 ctest --test-dir build --output-on-failure -j "$(nproc)" --timeout 120 2>&1 | tee "$suite_log"
 [ "${MARLO_QUICK:-0}" = 1 ] && exit 0
+
+step_start=$SECONDS
+thread_safety=0
+scripts/thread-safety.sh || thread_safety=$?
+thread_safety_result=$([ $thread_safety -eq 0 ] && echo passed || echo FAILED)
+thread_safety_line="== thread safety: clang -Wthread-safety -Werror build $thread_safety_result in $((SECONDS - step_start)) s"
+echo "$thread_safety_line"
 
 start=$SECONDS
 device_build=0
@@ -39,6 +48,7 @@ echo "== device build description $([ $device_build -eq 0 ] && echo passed || ec
   "fuzzers $([ $fuzz -eq 0 ] && echo passed || echo FAILED) in $((SECONDS - start)) s"
 echo "== device ABI $([ $armhf -eq 0 ] && [ $device_compile -eq 0 ] && echo passed || echo FAILED):" \
   "$(grep -E 'tests passed' build-armhf/ctest.log 2>/dev/null | tail -1 || echo 'armhf suite did not run') on armhf"
+echo "$thread_safety_line"
 echo "== test suite"
 sed -n '/tests passed/,$p' "$suite_log"
-[ $device_build -eq 0 ] && [ $armhf -eq 0 ] && [ $device_compile -eq 0 ] && [ $sanitize -eq 0 ] && [ $fuzz -eq 0 ]
+[ $thread_safety -eq 0 ] && [ $device_build -eq 0 ] && [ $armhf -eq 0 ] && [ $device_compile -eq 0 ] && [ $sanitize -eq 0 ] && [ $fuzz -eq 0 ]

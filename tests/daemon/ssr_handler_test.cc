@@ -6,8 +6,10 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "daemon/SSRHandler.h"
@@ -23,20 +25,22 @@ class SSRHandlerTest : public ::testing::Test {
  protected:
   void SetUp() override {
     root_.mkdir("/dev");
-    // Never destroyed: its detached listener thread keeps using it.
-    handler_ = new SSRHandler(nullptr);
+    handler_ = std::make_unique<SSRHandler>(nullptr);
     ASSERT_TRUE(marlo::test::wait_until([&] { return root_.exists("/dev/uevent"); }, 5s));
     sender_ = ::socket(AF_UNIX, SOCK_DGRAM, 0);
   }
-  void TearDown() override { ::close(sender_); }
+  void TearDown() override {
+    handler_.reset();
+    ::close(sender_);
+  }
 
-  void send(const std::string& message) {
+  ssize_t send_to_listener(const std::string& message) {
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
     std::strcpy(addr.sun_path, root_.at("/dev/uevent").c_str());
-    ASSERT_EQ(::sendto(sender_, message.data(), message.size(), 0, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)),
-              static_cast<ssize_t>(message.size()));
+    return ::sendto(sender_, message.data(), message.size(), 0, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
   }
+  void send(const std::string& message) { ASSERT_EQ(send_to_listener(message), static_cast<ssize_t>(message.size())); }
 
   // A uevent of the control device carrying the given strings.
   static std::string event(const std::string& strings) {
@@ -61,7 +65,7 @@ class SSRHandlerTest : public ::testing::Test {
 
   marlo::test::TestRoot root_;
   marlo::test::LogCapture log_;
-  SSRHandler* handler_ = nullptr;
+  std::unique_ptr<SSRHandler> handler_;
   int sender_ = -1;
 };
 
@@ -106,6 +110,16 @@ TEST_F(SSRHandlerTest, ListenerKeepsListeningAfterAnOverrun) {
   send(event(std::string("MARLO_EVENT=2\0", 14)));
   EXPECT_TRUE(wait_for_event(2));
   EXPECT_TRUE(log_.contains("uevent socket overrun"));
+}
+
+// The handler owns its listener: destroying it ends the thread, which
+// closes its socket, and a uevent sent afterwards finds no receiver.
+TEST_F(SSRHandlerTest, DestroyingTheHandlerEndsItsListener) {
+  send(event(std::string("MARLO_EVENT=4\0", 14)));
+  ASSERT_TRUE(wait_for_event(4));
+  handler_.reset();
+  EXPECT_EQ(send_to_listener(event(std::string("MARLO_EVENT=1\0", 14))), -1);
+  EXPECT_EQ(errno, ECONNREFUSED);
 }
 
 }  // namespace

@@ -5,6 +5,8 @@
 #include <unistd.h>
 #include <zlib.h>
 
+#include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <memory>
 #include <thread>
@@ -12,7 +14,9 @@
 #include "dfu/updater_test_support.h"
 #include "platform/host_testing.h"
 #include "sim/device_node.h"
+#include "support/log_capture.h"
 #include "support/test_root.h"
+#include "support/wait_until.h"
 
 namespace {
 
@@ -65,9 +69,9 @@ class DfuSessionTest : public ::testing::Test {
                                                 partition(32768, 4, "cfg", 0) + partition(131072, 5, "data", 8192) +
                                                 extra + "</Partition_table></Bank_1></t>");
   }
-  void start() {
+  void start(marlo_fw_updater::Callback* callback = nullptr) {
     std::thread device([&] { peer = node.accept_open(5000); });
-    updater->startMarloDownloaderWithCallback(&cb);
+    updater->startMarloDownloaderWithCallback(callback != nullptr ? callback : &cb);
     device.join();
     ASSERT_GE(peer, 0);
   }
@@ -253,6 +257,31 @@ TEST_F(DfuSessionTest, DroppedChannelResumesFromReportedStateUntilSessionEnds) {
   EXPECT_TRUE(cb.wait_for("### Marlo Firmware Update finished. ###", Status::STATUS_SUCCESS));
   restart_channel();
   EXPECT_TRUE(silent());  // after the session's end an error resumes nothing
+}
+
+// The reader thread is answering a request when the updater is destroyed:
+// the reader is held inside the request's first report until the
+// destruction has begun to stop the transport, and its answer must still
+// go out through the transport it was sent on.
+TEST_F(DfuSessionTest, AnswerInProgressWhileTheUpdaterIsDestroyedStillGoesOut) {
+  struct HoldingCallback : RecordingCallback {
+    void handleDFUResponse(std::string message, Status) override {
+      if (message.rfind("Received MG_UPDT_RESP", 0) == 0) {
+        entered = true;
+        stopping_seen = wait_until([&] { return log.contains("glink_disconnect"); }, std::chrono::seconds(5));
+      }
+    }
+    LogCapture log;
+    std::atomic<bool> entered{false};
+    std::atomic<bool> stopping_seen{false};
+  } holding;
+  start(&holding);
+  send(3, {3});
+  ASSERT_TRUE(wait_until([&] { return holding.entered.load(); }, std::chrono::seconds(5)));
+  updater.reset();
+  EXPECT_TRUE(holding.stopping_seen);
+  EXPECT_EQ(receive(4), words({3, 10000, 0}));
+  EXPECT_FALSE(holding.log.contains("glinkInterface != nullptr"));
 }
 
 TEST(DfuWithoutChannel, OpenFailureEndsTheSessionAndABareQueryHandsTheStateOver) {
