@@ -35,14 +35,15 @@ const char kUsage[] =
     "unmodified marlod runs with MARLO_ROOT=<root>.\n"
     "\n"
     "commands:\n"
-    "  demo [--marlod PATH] [--time-scale X] [--keep-root]\n"
+    "  demo [--marlod PATH] [--time-scale X] [--keep-root] [--capture FILE]\n"
     "      Update a virtual Marlo from older to shipped firmware with marlod\n"
     "      (default: marlod next to marlo-sim), verify the flash byte for byte,\n"
     "      reboot and check that the second boot finds the versions matched.\n"
     "      Exit status 0 only when everything verified.\n"
+    "      --capture FILE records every message of the session in FILE (pcapng).\n"
     "  serve [--root DIR] [--flash empty|older|shipped] [--variant flash|noflash]\n"
     "        [--running] [--fragment-size N] [--write-delay-ms N]\n"
-    "        [--marlod PATH] [--time-scale X]\n"
+    "        [--marlod PATH] [--time-scale X] [--capture FILE]\n"
     "      Build a sample device root (in DIR, or a new temporary directory) and\n"
     "      serve it until interrupted, printing what the device does. With\n"
     "      --marlod the daemon is started against it as well. Commands reach a\n"
@@ -116,6 +117,7 @@ int serve(const Args& a) {
   o.running_at_start = a.options.count("--running") != 0;
   o.dfu.fragment_size = static_cast<uint32_t>(std::stoul(option(a, "--fragment-size", "4096")));
   o.dfu.write_delay_ms = std::stoi(option(a, "--write-delay-ms", "0"));
+  if (!option(a, "--capture").empty()) o.capture_file = std::filesystem::absolute(option(a, "--capture")).string();
 
   ::signal(SIGINT, on_signal);
   ::signal(SIGTERM, on_signal);
@@ -125,6 +127,7 @@ int serve(const Args& a) {
   view.line("serving a virtual Marlo at " + root);
   view.line("  run the daemon with: MARLO_ROOT=" + root + " build/marlod");
   view.line("  commands: marlo-sim status|restart|fault ... --root " + root);
+  if (!o.capture_file.empty()) view.line("  capturing the session in " + o.capture_file);
 
   std::unique_ptr<DaemonProcess> daemon;
   if (a.options.count("--marlod")) {
@@ -170,6 +173,7 @@ int run(const Args& a) {
     d.marlod = option(a, "--marlod", default_marlod_path());
     d.time_scale = std::stod(option(a, "--time-scale", "0.05"));
     d.keep_root = a.options.count("--keep-root") != 0;
+    if (!option(a, "--capture").empty()) d.capture_file = std::filesystem::absolute(option(a, "--capture")).string();
     return run_demo(d, stdout);
   }
   if (c == "serve") return serve(a);
