@@ -1,4 +1,4 @@
-#include "sim/demo.h"
+#include "sim/tools/demo.h"
 
 #include <chrono>
 #include <filesystem>
@@ -9,7 +9,7 @@
 #include "sim/daemon_process.h"
 #include "sim/device_root.h"
 #include "sim/flash_check.h"
-#include "sim/terminal_view.h"
+#include "sim/tools/terminal_view.h"
 #include "sim/virtual_device.h"
 
 namespace marlo::sim {

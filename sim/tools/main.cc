@@ -15,11 +15,11 @@
 #include <thread>
 #include <vector>
 
-#include "sim/control_socket.h"
+#include "sim/tools/control_socket.h"
 #include "sim/daemon_process.h"
-#include "sim/demo.h"
+#include "sim/tools/demo.h"
 #include "sim/device_root.h"
-#include "sim/terminal_view.h"
+#include "sim/tools/terminal_view.h"
 #include "sim/uevent_sender.h"
 #include "sim/virtual_device.h"
 
