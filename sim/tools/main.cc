@@ -18,6 +18,7 @@
 #include "sim/tools/control_socket.h"
 #include "sim/daemon_process.h"
 #include "sim/tools/demo.h"
+#include "sim/tools/replay.h"
 #include "sim/device_root.h"
 #include "sim/tools/terminal_view.h"
 #include "sim/uevent_sender.h"
@@ -48,6 +49,10 @@ const char kUsage[] =
     "      serve it until interrupted, printing what the device does. With\n"
     "      --marlod the daemon is started against it as well. Commands reach a\n"
     "      running serve through <root>/sim/control.sock (see below).\n"
+    "  replay CAPTURE [--marlod PATH] [--time-scale X]\n"
+    "      Rebuild the device root of a captured session, run marlod against it,\n"
+    "      play the device's side as recorded and check every message marlod\n"
+    "      sends byte for byte. Exit status 1 at the first difference.\n"
     "  status --root DIR                  state of a running serve\n"
     "  requests --root DIR                control-device requests received so far\n"
     "  restart --root DIR                 subsystem restart: MARLO_EVENT=1, then 4\n"
@@ -177,6 +182,13 @@ int run(const Args& a) {
     return run_demo(d, stdout);
   }
   if (c == "serve") return serve(a);
+  if (c == "replay" && a.positional.size() == 1) {
+    ReplayOptions r;
+    r.capture = a.positional[0];
+    r.marlod = option(a, "--marlod", default_marlod_path());
+    r.time_scale = std::stod(option(a, "--time-scale", "0.01"));
+    return run_replay(r, stdout);
+  }
   if (c == "status" || c == "requests" || c == "restart" || c == "power-cycle") return remote(a, c);
   if (c == "fault") {
     if (a.positional.size() != 2) return 2;
