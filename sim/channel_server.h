@@ -38,6 +38,10 @@ class ChannelServer {
   // handled; when it returns true the packet is dropped unhandled (the
   // co-processor went down with it). Fault injection at packet boundaries.
   void set_packet_observer(std::function<bool()> observer);
+  // Records the node's traffic on `interface` of `capture`; call before start().
+  void set_capture(std::shared_ptr<SessionCapture> capture, CaptureInterface interface) {
+    node_.set_capture(std::move(capture), interface);
+  }
 
  protected:
   virtual void on_open(int /*fd*/) {}
@@ -54,6 +58,13 @@ class ChannelServer {
  private:
   void run();
   void close_connection(int fd);
+  // Records that the device hangs `fd` up, once per connection.
+  void record_hang_up(int fd);
+  // While capturing: held around a send and its record, and around a
+  // hang-up and its record, so that the file order is the order the daemon
+  // sees (a packet is recorded and sent whole before or after a hang-up,
+  // never across it). Taken before connections_mutex_. Not taken otherwise.
+  std::unique_lock<std::mutex> lock_for_capture();
 
   DeviceNode node_;
   int wake_[2] = {-1, -1};
@@ -61,6 +72,8 @@ class ChannelServer {
   std::thread thread_;
   mutable std::mutex connections_mutex_;
   std::vector<int> connections_;  // in order of opening
+  std::vector<int> hung_up_;      // connections the device hung up, guarded by connections_mutex_
+  std::mutex capture_mutex_;
   std::mutex observer_mutex_;
   std::function<bool()> observer_;  // guarded by observer_mutex_
 };
