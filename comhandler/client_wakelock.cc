@@ -77,6 +77,11 @@ void client_wakelock::put_n_locks(unsigned count) {
   if (_accu_count == 0 && _held) release();
 }
 
+uint32_t client_wakelock::references() {
+  std::lock_guard<std::mutex> lock(_mutex);
+  return _accu_count;
+}
+
 void client_wakelock::acquire() {
   if (_lock_fd < 0) {
     MARLO_LOGE_AT(kAcquireNoFileLine, "Not able to open fd for wakeup:%s", g_wakelock_name);

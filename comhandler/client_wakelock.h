@@ -23,6 +23,8 @@ class client_wakelock {
 
   void get_n_locks(int count);
   void put_n_locks(unsigned count);
+  // The references held now.
+  uint32_t references();
 
  private:
   // Write the lock name to the kernel; called with the mutex held.
