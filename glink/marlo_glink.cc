@@ -174,25 +174,25 @@ void marlo_glink::start_reader_thread() {
       MARLO_LOGE("GLINK_int wake-up pipe failed with errno = %d, no reader thread", errno);
       return;
     }
-    platform::unique_fd read_end(pipe_fds[0]);
-    _wakeup_pipe.reset(pipe_fds[1]);
+    _wakeup_pipe[0].reset(pipe_fds[0]);
+    _wakeup_pipe[1].reset(pipe_fds[1]);
     _reader_life = std::make_shared<reader_life>();
-    _reader_thread = std::thread(glink_thread_routine, this, _reader_life, std::move(read_end));
+    _reader_thread = std::thread(glink_thread_routine, this, _reader_life, _wakeup_pipe[0].get());
     _thread_started = true;
   } else if (std::this_thread::get_id() != _reader_thread.get_id()) {
     // A reader left waiting on the pipe alone (failed reopen) picks up the
     // new descriptor on its next pass.
     char byte = kReloadChannel;
-    if (platform::write(_wakeup_pipe.get(), &byte, 1) != 1) {
+    if (platform::write(_wakeup_pipe[1].get(), &byte, 1) != 1) {
       MARLO_LOGE("GLINK write err on wakup pipe rrrno = %d", errno);
     }
   }
 }
 
 void marlo_glink::stop_reader_thread() {
-  if (_wakeup_pipe.ok()) {
+  if (_wakeup_pipe[1].ok()) {
     char byte = kStopReader;
-    if (platform::write(_wakeup_pipe.get(), &byte, 1) != 1) {
+    if (platform::write(_wakeup_pipe[1].get(), &byte, 1) != 1) {
       MARLO_LOGE("GLINK write err on wakup pipe rrrno = %d no way to join readthread", errno);
     }
   }
@@ -214,7 +214,7 @@ void marlo_glink::stop_reader_thread() {
     platform::lock_guard lock(_ind_buf_mutex);
     _ind_buf.reset();
   }
-  _wakeup_pipe.reset();
+  for (platform::unique_fd& end : _wakeup_pipe) end.reset();
 }
 
 void marlo_glink::glink_disconnect(bool join_reader) {
@@ -227,17 +227,16 @@ void marlo_glink::glink_disconnect(bool join_reader) {
   _s_chnl_err = 0;
   // A channel that is not open is reported as a close would refuse it
   // (EBADF), as it has always been logged.
-  const bool open = _s_chnl_fd.ok();
-  if (!open || !_s_chnl_fd.close()) {
-    MARLO_LOGE("GLINK_int close on _s_chnl_fd = %d failed with errno = %d", fd, open ? errno : EBADF);
+  const bool was_open = _s_chnl_fd.ok();
+  if (!was_open || !_s_chnl_fd.close()) {
+    MARLO_LOGE("GLINK_int close on _s_chnl_fd = %d failed with errno = %d", fd, was_open ? errno : EBADF);
   }
 }
 
-void marlo_glink::glink_thread_routine(marlo_glink* self, std::shared_ptr<reader_life> life,
-                                       platform::unique_fd wakeup) {
+void marlo_glink::glink_thread_routine(marlo_glink* self, std::shared_ptr<reader_life> life, int wakeup_fd) {
   for (;;) {
     struct pollfd fds[2] = {
-        {wakeup.get(), POLLIN, 0},
+        {wakeup_fd, POLLIN, 0},
         {self->_chnl_fd_seen, POLLIN | POLLHUP, 0},
     };
     MARLO_LOGD("GLINK waiting on poll wakeup_pipe %d glink_fd %d", fds[0].fd, fds[1].fd);

@@ -59,7 +59,7 @@ class marlo_glink : public glink_interface {
   void glink_disconnect(bool join_reader);
   void start_reader_thread();
   void stop_reader_thread();
-  static void glink_thread_routine(marlo_glink* self, std::shared_ptr<reader_life> life, platform::unique_fd wakeup);
+  static void glink_thread_routine(marlo_glink* self, std::shared_ptr<reader_life> life, int wakeup_fd);
   void glink_error_handler(int error);
   glink_data_cb data_callback();
   glink_error_cb error_callback();
@@ -72,7 +72,9 @@ class marlo_glink : public glink_interface {
   int glink_poll(int fd);
   void glink_response_handler(std::vector<uint8_t> packet);
 
-  std::string _chnl_name;  // written only when a connect names another channel
+  // Fixed when the transport is made, or (the name) written only when a
+  // connect names another channel; read by both threads.
+  std::string _chnl_name;
   const uint32_t _read_size;
   const uint32_t _poll_timeout_s = 2;
   const int _err_threshold = 10;
@@ -89,19 +91,22 @@ class marlo_glink : public glink_interface {
   // Written under _s_glink_read_mutex together with the two fields above.
   std::atomic<int> _chnl_fd_seen{-1};
 
-  // The reader thread, its life and the write end of its wake-up pipe (the
-  // thread owns the read end). Started, joined or let go only by
-  // start_reader_thread() and stop_reader_thread(), on the thread that
-  // connects and disconnects: the user's thread, or the reader itself inside
-  // a callback. Users never connect or disconnect from two threads at once.
+  // The reader thread, its life and its wake-up pipe. Started, joined or let
+  // go only by start_reader_thread() and stop_reader_thread(), on the thread
+  // that connects and disconnects: the user's thread, or the reader itself
+  // inside a callback. Users never connect or disconnect from two threads at
+  // once. The pipe is closed only once the reader is joined or let go from
+  // its own thread, so the read end it polls stays open while it polls, and
+  // a reader let go touches nothing after its callback returns.
   std::thread _reader_thread;
   std::shared_ptr<reader_life> _reader_life;
-  platform::unique_fd _wakeup_pipe;  // write end
+  platform::unique_fd _wakeup_pipe[2];  // read end, write end
   std::atomic<bool> _thread_started{false};
 
-  std::atomic<int> g_glink_err_cnt{0};
-  std::atomic<bool> _reconnecting{false};
-  std::atomic<bool> _closing{false};
+  // Atomics, written and read by the user's thread and the reader thread.
+  std::atomic<int> g_glink_err_cnt{0};      // I/O errors since the last good pass
+  std::atomic<bool> _reconnecting{false};   // from a hang-up until a reopen succeeds
+  std::atomic<bool> _closing{false};        // set by the destructor: deliveries are dropped
   // The packet being delivered to the data callback, bytes and length in one
   // immutable object: a reader of it holds its own reference, so the packet
   // lives until the last reader is done. Set and cleared by the reader thread.

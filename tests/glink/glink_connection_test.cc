@@ -190,8 +190,9 @@ TEST_F(Connection, EveryChannelOperationGivesItsWakelockReferenceBack) {
   send(framed(16, 4, 16));
   ASSERT_EQ(packets(1).size(), 1u);
   EXPECT_TRUE(taken_and_given_back()) << "delivery";
+  const int old_peer = peer_;
   std::thread device([this] { peer_ = node_->accept_open(2000); });
-  ::close(std::exchange(peer_, -1));
+  ::close(old_peer);
   device.join();
   ASSERT_EQ(errors(2).back(), GLINK_SSR);
   send(framed(16, 4, 16));
