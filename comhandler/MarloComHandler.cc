@@ -6,12 +6,13 @@
 #include <cerrno>
 #include <cstdlib>
 #include <memory>
-#include <mutex>
 
 #include <android/log.h>
 #include <cutils/properties.h>
 
 #include "platform/os.h"
+#include "platform/thread_annotations.h"
+#include "platform/unique_fd.h"
 
 namespace {
 
@@ -25,19 +26,18 @@ constexpr const char* kCannotOpenMarloCom = "Cannot open marlo_com_dev node fd =
 constexpr const char* kCannotOpenKzCom = "Cannot open kz_com_dev node fd =%d\n";
 
 std::atomic<MarloComHandler*> g_instance{nullptr};
-std::mutex g_instance_mutex;
+platform::mutex g_instance_mutex;  // serialises the first creation of the instance
 
 // Opens the control device, issues one request and closes the device again.
 // False when the device could not be opened; the failure is logged with the
 // caller's message.
 bool issue(unsigned long request, marlo_com_ioctl_req* block, const char* open_failure, int* result) {
-  int fd = MarloComHandler::open_device(kControlDevice, O_RDWR);
-  if (fd < 0) {
-    __android_log_print(ANDROID_LOG_ERROR, nullptr, open_failure, fd);
+  platform::unique_fd fd = MarloComHandler::open_device(kControlDevice, O_RDWR);
+  if (!fd.ok()) {
+    __android_log_print(ANDROID_LOG_ERROR, nullptr, open_failure, fd.get());
     return false;
   }
-  *result = platform::ioctl(fd, request, block);
-  platform::close(fd);
+  *result = platform::ioctl(fd.get(), request, block);
   return true;
 }
 
@@ -79,7 +79,7 @@ void spi_command(unsigned long request, const char* failure) {
 MarloComHandler* MarloComHandler::getInstance() {
   MarloComHandler* instance = g_instance.load(std::memory_order_acquire);
   if (instance == nullptr) {
-    std::lock_guard<std::mutex> lock(g_instance_mutex);
+    platform::lock_guard lock(g_instance_mutex);
     instance = g_instance.load(std::memory_order_relaxed);
     if (instance == nullptr) {
       instance = new MarloComHandler();  // lives for the whole process
@@ -89,19 +89,19 @@ MarloComHandler* MarloComHandler::getInstance() {
   return instance;
 }
 
-int MarloComHandler::open_device(const char* path, int flags) {
+platform::unique_fd MarloComHandler::open_device(const char* path, int flags) {
   for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
-    int fd = platform::open(path, flags);
-    if (fd >= 0) return fd;
+    platform::unique_fd fd(platform::open(path, flags));
+    if (fd.ok()) return fd;
     if (errno != EBUSY) {
       __android_log_print(ANDROID_LOG_ERROR, nullptr, "Failed to open the marlocom_dev");
-      return -1;
+      return fd;
     }
     __android_log_print(ANDROID_LOG_ERROR, nullptr, "marlocom_dev is busy, retrying in %d seconds...\n", 1);
     platform::sleep(1);
   }
   __android_log_print(ANDROID_LOG_ERROR, nullptr, "Failed to open marlocom_dev after multiple attempts\n");
-  return -1;
+  return platform::unique_fd();
 }
 
 void MarloComHandler::marlocomSpiBusy() { spi_command(MARLO_COM_IOCTL_SPI_BUSY, "SPI busy failed"); }
@@ -109,9 +109,9 @@ void MarloComHandler::marlocomSpiBusy() { spi_command(MARLO_COM_IOCTL_SPI_BUSY, 
 void MarloComHandler::marlocomSpiFree() { spi_command(MARLO_COM_IOCTL_SPI_FREE, "SPI free failed"); }
 
 void MarloComHandler::marloReset() {
-  int fd = open_device(kControlDevice, O_RDWR);
-  if (fd < 0) {
-    __android_log_print(ANDROID_LOG_ERROR, nullptr, kCannotOpenMarlocom, fd);
+  platform::unique_fd fd = open_device(kControlDevice, O_RDWR);
+  if (!fd.ok()) {
+    __android_log_print(ANDROID_LOG_ERROR, nullptr, kCannotOpenMarlocom, fd.get());
     return;
   }
   uint32_t data = MARLO_RESET_DATA;
@@ -119,10 +119,9 @@ void MarloComHandler::marloReset() {
   block.cmd = MARLO_CMD_RESET;
   block.value = platform::user_word(&data);
   block.count = 1;
-  if (platform::ioctl(fd, MARLO_COM_IOCTL_RESET, &block) != 0) {
+  if (platform::ioctl(fd.get(), MARLO_COM_IOCTL_RESET, &block) != 0) {
     __android_log_print(ANDROID_LOG_DEBUG, nullptr, "\t***** Marlo reset failed *****\t");
   }
-  platform::close(fd);
 }
 
 void MarloComHandler::marloSoftReset() {
@@ -165,9 +164,9 @@ int MarloComHandler::set_marlo_boot_status(int status) {
 }
 
 wear_firmware_info_t* MarloComHandler::get_current_aon_fw_version() {
-  int fd = open_device(kControlDevice, O_RDWR);
-  if (fd < 0) {
-    __android_log_print(ANDROID_LOG_ERROR, nullptr, kCannotOpenMarloCom, fd);
+  platform::unique_fd fd = open_device(kControlDevice, O_RDWR);
+  if (!fd.ok()) {
+    __android_log_print(ANDROID_LOG_ERROR, nullptr, kCannotOpenMarloCom, fd.get());
     return nullptr;
   }
   // Zeroed, so that a record the device never filled reads as empty texts.
@@ -181,7 +180,7 @@ wear_firmware_info_t* MarloComHandler::get_current_aon_fw_version() {
     property_get("vendor.marlo.boot_complete", value, "0");
     if (std::atoi(value) != 0) {
       block.reply_buf = platform::user_word(info.get());
-      result = platform::ioctl(fd, MARLO_COM_IOCTL_IPC_CMD, &block);
+      result = platform::ioctl(fd.get(), MARLO_COM_IOCTL_IPC_CMD, &block);
       done = (result == 0);
       if (!done) {
         __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s: Marlo boot done, but get version fail-retry:%d",
@@ -195,7 +194,6 @@ wear_firmware_info_t* MarloComHandler::get_current_aon_fw_version() {
   }
   if (!done && result < 0) {
     __android_log_print(ANDROID_LOG_ERROR, nullptr, "Send SEND_IPC_CMD failed to get version");
-    platform::close(fd);
     return nullptr;
   }
   // The texts come from the co-processor: keep every one terminated.
@@ -208,6 +206,5 @@ wear_firmware_info_t* MarloComHandler::get_current_aon_fw_version() {
   __android_log_print(ANDROID_LOG_INFO, nullptr, "apps_tbx7700: %s\n", info->apps_version);
   __android_log_print(ANDROID_LOG_INFO, nullptr, "dsp_tbx7700: %s\n", info->dsp_version);
   __android_log_print(ANDROID_LOG_INFO, nullptr, "bt_tbx7700: %s\n", info->bt_version);
-  platform::close(fd);
   return info.release();
 }

@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "comhandler/wear_firmware_info.h"
+#include "platform/unique_fd.h"
 
 enum MarloBootMode {
   HOST = 0,
@@ -64,5 +65,5 @@ class MarloComHandler {
   wear_firmware_info_t* get_current_aon_fw_version();
 
   // Opens the device, retrying once a second while it is busy (15 attempts).
-  static int open_device(const char* path, int flags);
+  static platform::unique_fd open_device(const char* path, int flags);
 };

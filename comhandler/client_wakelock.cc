@@ -44,18 +44,13 @@ client_wakelock::client_wakelock() {
   // A file that cannot be opened leaves its descriptor at -1; every later
   // transition through it is logged and the count is kept all the same.
   for (auto [path, fd] : {std::pair{kWakeLockPath, &_lock_fd}, std::pair{kWakeUnlockPath, &_unlock_fd}}) {
-    *fd = platform::open(path, O_RDWR | O_CLOEXEC);
-    if (*fd < 0) MARLO_LOGE_AT(kOpenFailedLine, "fatal error opening \"%s\": %s\n", path, strerror(errno));
+    fd->reset(platform::open(path, O_RDWR | O_CLOEXEC));
+    if (!fd->ok()) MARLO_LOGE_AT(kOpenFailedLine, "fatal error opening \"%s\": %s\n", path, strerror(errno));
   }
 }
 
-client_wakelock::~client_wakelock() {
-  if (_lock_fd >= 0) platform::close(_lock_fd);
-  if (_unlock_fd >= 0) platform::close(_unlock_fd);
-}
-
 void client_wakelock::get_n_locks(int count) {
-  std::lock_guard<std::mutex> lock(_mutex);
+  platform::lock_guard lock(_mutex);
   // A negative count converts to a huge unsigned one and is refused as an
   // overflow as well.
   uint64_t sum = static_cast<uint64_t>(_accu_count) + static_cast<uint32_t>(count);
@@ -68,7 +63,7 @@ void client_wakelock::get_n_locks(int count) {
 }
 
 void client_wakelock::put_n_locks(unsigned count) {
-  std::lock_guard<std::mutex> lock(_mutex);
+  platform::lock_guard lock(_mutex);
   if (count > _accu_count) {
     MARLO_LOGE_AT(kUnderflowLine, "_in_count %d is larger than _accu_count %u", count, _accu_count);
     return;
@@ -77,26 +72,30 @@ void client_wakelock::put_n_locks(unsigned count) {
   if (_accu_count == 0 && _held) release();
 }
 
+uint32_t client_wakelock::references() {
+  platform::lock_guard lock(_mutex);
+  return _accu_count;
+}
+
 void client_wakelock::acquire() {
-  if (_lock_fd < 0) {
+  if (!_lock_fd.ok()) {
     MARLO_LOGE_AT(kAcquireNoFileLine, "Not able to open fd for wakeup:%s", g_wakelock_name);
     return;
   }
-  if (platform::write(_lock_fd, g_wakelock_name, strlen(g_wakelock_name) + 1) >= 1) {
+  if (platform::write(_lock_fd.get(), g_wakelock_name, strlen(g_wakelock_name) + 1) >= 1) {
     MARLO_LOGV_AT(kAcquiredLine, "sucess wakelock acquire:%s", g_wakelock_name);
     _held = true;
-    _acquired.notify_one();
   } else {
     MARLO_LOGE_AT(kAcquireFailedLine, "write fail wakelock acquire:%s, error = %s", g_wakelock_name, strerror(errno));
   }
 }
 
 void client_wakelock::release() {
-  if (_unlock_fd < 0) {
+  if (!_unlock_fd.ok()) {
     MARLO_LOGE_AT(kReleaseNoFileLine, "Not able to open fd for wakeup:%s", g_wakelock_name);
     return;
   }
-  if (platform::write(_unlock_fd, g_wakelock_name, strlen(g_wakelock_name) + 1) >= 1) {
+  if (platform::write(_unlock_fd.get(), g_wakelock_name, strlen(g_wakelock_name) + 1) >= 1) {
     MARLO_LOGV_AT(kReleasedLine, "sucess release %s wakelock", g_wakelock_name);
     _held = false;
   } else {

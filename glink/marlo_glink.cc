@@ -30,17 +30,18 @@ constexpr int kFirstFreeDescriptor = 3;
 // A process started with standard input closed is handed descriptor 0 by
 // its first open. A channel is never kept there, where it would be taken for
 // standard input: it is moved above the standard descriptors. The new
-// descriptor, or -1 with errno set when it cannot be moved.
-int move_above_standard_descriptors(int fd) {
-  const int moved = platform::fcntl(fd, F_DUPFD_CLOEXEC, kFirstFreeDescriptor);
+// descriptor, or none with errno set when it cannot be moved.
+platform::unique_fd move_above_standard_descriptors(platform::unique_fd fd) {
+  platform::unique_fd moved(platform::fcntl(fd.get(), F_DUPFD_CLOEXEC, kFirstFreeDescriptor));
   const int err = errno;
-  platform::close(fd);
-  if (moved < 0) {
-    MARLO_LOGE("GLINK_int could not move descriptor %d above %d, errno = %d", fd, kFirstFreeDescriptor - 1, err);
+  const int old_fd = fd.get();
+  fd.reset();
+  if (!moved.ok()) {
+    MARLO_LOGE("GLINK_int could not move descriptor %d above %d, errno = %d", old_fd, kFirstFreeDescriptor - 1, err);
     errno = err;
-    return -1;
+    return moved;
   }
-  MARLO_LOGI("GLINK_int descriptor %d moved to %d", fd, moved);
+  MARLO_LOGI("GLINK_int descriptor %d moved to %d", old_fd, moved.get());
   return moved;
 }
 
@@ -73,7 +74,7 @@ int marlo_glink::register_cb(glink_data_cb data_cb, glink_error_cb error_cb) {
   {
     // The replaced record is freed here; a callback already running holds
     // its own copy of the callable.
-    std::lock_guard<std::mutex> lock(_callbacks_mutex);
+    platform::lock_guard lock(_callbacks_mutex);
     _callbacks = std::move(record);
   }
   MARLO_LOGV("GLINK_int %s completed ", "register_cb");
@@ -81,19 +82,19 @@ int marlo_glink::register_cb(glink_data_cb data_cb, glink_error_cb error_cb) {
 }
 
 glink_data_cb marlo_glink::data_callback() {
-  std::lock_guard<std::mutex> lock(_callbacks_mutex);
+  platform::lock_guard lock(_callbacks_mutex);
   return _callbacks ? _callbacks->data_cb : glink_data_cb{};
 }
 
 glink_error_cb marlo_glink::error_callback() {
-  std::lock_guard<std::mutex> lock(_callbacks_mutex);
+  platform::lock_guard lock(_callbacks_mutex);
   return _callbacks ? _callbacks->error_cb : glink_error_cb{};
 }
 
 int marlo_glink::trigger_event_cb(const glink_data_cb& data_cb) {
   std::shared_ptr<const std::vector<uint8_t>> packet;
   {
-    std::lock_guard<std::mutex> lock(_ind_buf_mutex);
+    platform::lock_guard lock(_ind_buf_mutex);
     packet = _ind_buf;
   }
   if (!packet || packet->empty()) {
@@ -113,126 +114,130 @@ int marlo_glink::trigger_event_cb(const glink_data_cb& data_cb) {
   return 0;
 }
 
-int marlo_glink::glink_open(const std::string& path) {
+platform::unique_fd marlo_glink::glink_open(const std::string& path, int* error) {
   int err = 0;
   for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
     MARLO_LOGD("GLINK_int about to open glink channel on dev node = %s", path.c_str());
-    int fd = platform::open(path.c_str(), O_RDWR);
-    if (fd == 0) fd = move_above_standard_descriptors(fd);
-    if (fd >= 1) {
-      MARLO_LOGD("GLINK_int glink open successful, fd = %d", fd);
+    platform::unique_fd fd(platform::open(path.c_str(), O_RDWR));
+    if (fd.get() == 0) fd = move_above_standard_descriptors(std::move(fd));
+    if (fd.get() >= 1) {
+      MARLO_LOGD("GLINK_int glink open successful, fd = %d", fd.get());
       _reconnecting = false;
+      *error = 0;
       return fd;
     }
     err = errno;
     MARLO_LOGE("GLINK_int open on dev node = %s failed with errno = %d", path.c_str(), err);
     platform::sleep(1);
   }
-  return -err;
+  *error = err;
+  return platform::unique_fd();
 }
 
 int marlo_glink::glink_connect(const std::string& name, bool start_reader) {
   const std::string path = "/dev/" + name;
   MARLO_LOGD("GLINK_int glink_connect waiting for _s_glink_read_mutex");
-  std::unique_lock<std::mutex> lock(_s_glink_read_mutex);
-  if (_s_chnl_fd >= 1) {
-    MARLO_LOGI("GLINK_int channel is already opened");
-    return -1;
-  }
-  const int fd = glink_open(path);
-  _s_chnl_fd = fd;
-  if (fd < 0) {
+  bool reconnecting = false;
+  {
+    platform::lock_guard lock(_s_glink_read_mutex);
+    if (_s_chnl_fd.ok()) {
+      MARLO_LOGI("GLINK_int channel is already opened");
+      return -1;
+    }
+    _s_chnl_fd = glink_open(path, &_s_chnl_err);
+    _chnl_fd_seen = _s_chnl_fd.ok() ? _s_chnl_fd.get() : -_s_chnl_err;
+    if (_s_chnl_fd.ok()) {
+      // Every caller passes the channel's own name; it is assigned only when
+      // it differs, so that the reader thread's reads of it never meet a
+      // write.
+      if (name != _chnl_name) _chnl_name = name;
+      if (start_reader) start_reader_thread();
+      return 0;
+    }
     MARLO_LOGE("GLINK_int glink_open failed");
-    const bool reconnecting = _reconnecting;
-    lock.unlock();
-    glink_error_cb error_cb = error_callback();
-    if (error_cb && !reconnecting) {
-      MARLO_LOGV("GLINK_int triggered error callback");
-      // The callback may delete this object: nothing of it is touched after.
-      error_cb(GLINK_OPEN_FAILED);
-    }
-    return -1;
+    reconnecting = _reconnecting;
   }
-  // Every caller passes the channel's own name; it is assigned only when it
-  // differs, so that the reader thread's reads of it never meet a write.
-  if (name != _chnl_name) _chnl_name = name;
-  if (fd >= 1 && start_reader) {
-    if (!_thread_started) {
-      int pipe_fds[2];
-      if (platform::pipe(pipe_fds) != 0) {
-        // A reader that cannot be woken could never be joined: run without.
-        MARLO_LOGE("GLINK_int wake-up pipe failed with errno = %d, no reader thread", errno);
-        return 0;
-      }
-      _wakeup_pipe[0] = pipe_fds[0];
-      _wakeup_pipe[1] = pipe_fds[1];
-      _reader_life = std::make_shared<reader_life>();
-      _reader_thread = std::thread(glink_thread_routine, this, _reader_life);
-      _thread_started = true;
-    } else if (std::this_thread::get_id() != _reader_thread.get_id()) {
-      // A reader left waiting on the pipe alone (failed reopen) picks up the
-      // new descriptor on its next pass.
-      char byte = kReloadChannel;
-      if (platform::write(_wakeup_pipe[1], &byte, 1) != 1) {
-        MARLO_LOGE("GLINK write err on wakup pipe rrrno = %d", errno);
-      }
-    }
+  glink_error_cb error_cb = error_callback();
+  if (error_cb && !reconnecting) {
+    MARLO_LOGV("GLINK_int triggered error callback");
+    // The callback may delete this object: nothing of it is touched after.
+    error_cb(GLINK_OPEN_FAILED);
   }
-  return 0;
+  return -1;
 }
 
-void marlo_glink::close_wakeup_pipe() {
-  for (auto& end : _wakeup_pipe) {
-    int fd = end.exchange(-1);
-    if (fd != -1) platform::close(fd);
+void marlo_glink::start_reader_thread() {
+  if (!_thread_started) {
+    int pipe_fds[2];
+    if (platform::pipe(pipe_fds) != 0) {
+      // A reader that cannot be woken could never be joined: run without.
+      MARLO_LOGE("GLINK_int wake-up pipe failed with errno = %d, no reader thread", errno);
+      return;
+    }
+    _wakeup_pipe[0].reset(pipe_fds[0]);
+    _wakeup_pipe[1].reset(pipe_fds[1]);
+    _reader_life = std::make_shared<reader_life>();
+    _reader_thread = std::thread(glink_thread_routine, this, _reader_life, _wakeup_pipe[0].get());
+    _thread_started = true;
+  } else if (std::this_thread::get_id() != _reader_thread.get_id()) {
+    // A reader left waiting on the pipe alone (failed reopen) picks up the
+    // new descriptor on its next pass.
+    char byte = kReloadChannel;
+    if (platform::write(_wakeup_pipe[1].get(), &byte, 1) != 1) {
+      MARLO_LOGE("GLINK write err on wakup pipe rrrno = %d", errno);
+    }
   }
+}
+
+void marlo_glink::stop_reader_thread() {
+  if (_wakeup_pipe[1].ok()) {
+    char byte = kStopReader;
+    if (platform::write(_wakeup_pipe[1].get(), &byte, 1) != 1) {
+      MARLO_LOGE("GLINK write err on wakup pipe rrrno = %d no way to join readthread", errno);
+    }
+  }
+  if (_reader_thread.joinable()) {
+    if (std::this_thread::get_id() == _reader_thread.get_id()) {
+      // Called from a callback on the reader thread itself: it cannot join
+      // itself, so it is let go and leaves as soon as the callback returns.
+      MARLO_LOGI("GLINK_int conn = 0x%llx disconnect on the reader thread, detaching it", address_of(this));
+      _reader_life->stop = true;
+      _reader_thread.detach();
+    } else {
+      _reader_thread.join();
+    }
+  }
+  _reader_life.reset();
+  _thread_started = false;
+  {
+    // The reader is gone or let go: no packet is being delivered any more.
+    platform::lock_guard lock(_ind_buf_mutex);
+    _ind_buf.reset();
+  }
+  for (platform::unique_fd& end : _wakeup_pipe) end.reset();
 }
 
 void marlo_glink::glink_disconnect(bool join_reader) {
   MARLO_LOGI("glink_disconnect");
-  if (join_reader) {
-    if (_wakeup_pipe[1] != -1) {
-      char byte = kStopReader;
-      if (platform::write(_wakeup_pipe[1], &byte, 1) != 1) {
-        MARLO_LOGE("GLINK write err on wakup pipe rrrno = %d no way to join readthread", errno);
-      }
-    }
-    if (_reader_thread.joinable()) {
-      if (std::this_thread::get_id() == _reader_thread.get_id()) {
-        // Called from a callback on the reader thread itself: it cannot join
-        // itself, so it is let go and leaves as soon as the callback returns.
-        MARLO_LOGI("GLINK_int conn = 0x%llx disconnect on the reader thread, detaching it", address_of(this));
-        _reader_life->stop = true;
-        _reader_thread.detach();
-      } else {
-        _reader_thread.join();
-      }
-    }
-    _reader_life.reset();
-    _thread_started = false;
-    {
-      // The reader is gone or let go: no packet is being delivered any more.
-      std::lock_guard<std::mutex> lock(_ind_buf_mutex);
-      _ind_buf.reset();
-    }
-    close_wakeup_pipe();
-  }
+  if (join_reader) stop_reader_thread();
   // Under the write lock, so that no request is being written to the
   // descriptor while it is closed.
-  std::lock_guard<std::mutex> lock(_s_glink_read_mutex);
-  // A closed (-1) or failed (negative errno) descriptor is handed to close
-  // as well, which refuses it with EBADF and is logged like any failure.
-  const int fd = _s_chnl_fd.exchange(-1);
-  if (platform::close(fd) != 0) {
-    MARLO_LOGE("GLINK_int close on _s_chnl_fd = %d failed with errno = %d", fd, errno);
+  platform::lock_guard lock(_s_glink_read_mutex);
+  const int fd = _chnl_fd_seen.exchange(-1);
+  _s_chnl_err = 0;
+  // A channel that is not open is reported as a close would refuse it
+  // (EBADF), as it has always been logged.
+  const bool was_open = _s_chnl_fd.ok();
+  if (!was_open || !_s_chnl_fd.close()) {
+    MARLO_LOGE("GLINK_int close on _s_chnl_fd = %d failed with errno = %d", fd, was_open ? errno : EBADF);
   }
 }
 
-void marlo_glink::glink_thread_routine(marlo_glink* self, std::shared_ptr<reader_life> life) {
+void marlo_glink::glink_thread_routine(marlo_glink* self, std::shared_ptr<reader_life> life, int wakeup_fd) {
   for (;;) {
     struct pollfd fds[2] = {
-        {self->_wakeup_pipe[0], POLLIN, 0},
-        {self->_s_chnl_fd, POLLIN | POLLHUP, 0},
+        {wakeup_fd, POLLIN, 0},
+        {self->_chnl_fd_seen, POLLIN | POLLHUP, 0},
     };
     MARLO_LOGD("GLINK waiting on poll wakeup_pipe %d glink_fd %d", fds[0].fd, fds[1].fd);
     const int ready = platform::poll(fds, 2, -1);
@@ -304,7 +309,7 @@ void marlo_glink::glink_error_handler(int error) {
   }
   MARLO_LOGV("GLINK_int waitig for _s_glink_read_mutex");
   {
-    std::lock_guard<std::mutex> lock(_s_glink_read_mutex);
+    platform::lock_guard lock(_s_glink_read_mutex);
     if (++g_glink_err_cnt > _err_threshold) {
       MARLO_LOGD("GLINK_int triggred ssr g_glink_err_cnt = %d", g_glink_err_cnt.load());
       g_glink_err_cnt = 0;

@@ -136,57 +136,63 @@ int marlo_glink::glink_read(int fd, std::vector<uint8_t>& buffer, unsigned int l
 int marlo_glink::glink_write(int fd, unsigned char* buf, unsigned int len) {
   MARLO_LOGD("GLINK_int conn = 0x%llx write fd = %d buf_len = %zu, waiting for _s_glink_read_mutex",
              address_of(this), fd, static_cast<size_t>(len));
-  std::unique_lock<std::mutex> lock(_s_glink_read_mutex);
-  if (_s_chnl_fd == -1) {
-    MARLO_LOGE("GLINK_int conn = 0x%llx write is not permitted as_s_chnl_fd is -1", address_of(this));
-    return 0;
-  }
-  if (_wakelock != nullptr) {
-    MARLO_LOGD("acquiring wakelock");
-    _wakelock->get_n_locks(1);
-  }
-  const unsigned char* next = buf;
-  unsigned int remaining = len;
+  client_wakelock::reference wakelock_ref;
   int written_total = 0;
   int retries = 0;
   int result = 0;  // the last write's count, or the negated errno that ended the write
-  while (remaining > 0) {
-    const ssize_t n = platform::write(fd, next, remaining);
-    if (n >= 0) {
-      result = static_cast<int>(n);
-      if (n == 0) break;
-      MARLO_LOGD("GLINK_int conn = 0x%llx partial bytes written= %d", address_of(this), result);
-      next += n;
-      written_total += result;
-      remaining -= static_cast<unsigned int>(n);
-      continue;
+  {
+    platform::lock_guard lock(_s_glink_read_mutex);
+    if (!_s_chnl_fd.ok() && _s_chnl_err == 0) {
+      MARLO_LOGE("GLINK_int conn = 0x%llx write is not permitted as_s_chnl_fd is -1", address_of(this));
+      return 0;
     }
-    const int err = errno;
-    result = -err;
-    if (err != EBUSY && err != EAGAIN) {
-      ++g_glink_err_cnt;
-      MARLO_LOGE("GLINK_int conn = 0x%llx write has failed with errno = %d & g_glink_err_cnt = %d", address_of(this),
-                 err, g_glink_err_cnt.load());
-      break;
+    if (_wakelock != nullptr) {
+      MARLO_LOGD("acquiring wakelock");
+      wakelock_ref = client_wakelock::reference(_wakelock);
     }
-    MARLO_LOGE("GLINK conn = 0x%llx write failed with errno = %d", address_of(this), err);
-    if (++retries >= MAX_GLINK_WRITE_RETRIES) {
-      ++g_glink_err_cnt;
-      MARLO_LOGE(
-          "GLINK_int conn = 0x%llx write MAX_GLINK_WRITE_RETRIES = %d has finished on fd = %d & g_glink_err_cnt = %d",
-          address_of(this), MAX_GLINK_WRITE_RETRIES, fd, g_glink_err_cnt.load());
-      break;
+    // `fd` is the number the caller saw, for the log; the request goes to the
+    // descriptor open now (after a failed open none, refused as before).
+    const int chnl_fd = _s_chnl_fd.get();
+    const unsigned char* next = buf;
+    unsigned int remaining = len;
+    while (remaining > 0) {
+      const ssize_t n = platform::write(chnl_fd, next, remaining);
+      if (n >= 0) {
+        result = static_cast<int>(n);
+        if (n == 0) break;
+        MARLO_LOGD("GLINK_int conn = 0x%llx partial bytes written= %d", address_of(this), result);
+        next += n;
+        written_total += result;
+        remaining -= static_cast<unsigned int>(n);
+        continue;
+      }
+      const int err = errno;
+      result = -err;
+      if (err != EBUSY && err != EAGAIN) {
+        ++g_glink_err_cnt;
+        MARLO_LOGE("GLINK_int conn = 0x%llx write has failed with errno = %d & g_glink_err_cnt = %d",
+                   address_of(this), err, g_glink_err_cnt.load());
+        break;
+      }
+      MARLO_LOGE("GLINK conn = 0x%llx write failed with errno = %d", address_of(this), err);
+      if (++retries >= MAX_GLINK_WRITE_RETRIES) {
+        ++g_glink_err_cnt;
+        MARLO_LOGE(
+            "GLINK_int conn = 0x%llx write MAX_GLINK_WRITE_RETRIES = %d has finished on fd = %d & g_glink_err_cnt = "
+            "%d",
+            address_of(this), MAX_GLINK_WRITE_RETRIES, fd, g_glink_err_cnt.load());
+        break;
+      }
+      platform::usleep(kWriteRetryDelayUs);
     }
-    platform::usleep(kWriteRetryDelayUs);
   }
-  lock.unlock();
   if (result >= 0) {
     MARLO_LOGI("GLINK_int conn = 0x%llx complete bytes written= %d retries %d", address_of(this), written_total,
                retries);
   }
-  if (_wakelock != nullptr) {
+  if (wakelock_ref) {
     MARLO_LOGD("releasing wakelock");
-    _wakelock->put_n_locks(1);
+    wakelock_ref.release();
   }
   return result;
 }
@@ -198,7 +204,7 @@ int marlo_glink::send_request(unsigned char* buf, unsigned int len) {
   }
   MARLO_LOGD("GLINK_int conn = 0x%llx is sending request", address_of(this));
   const int64_t start = android::elapsedRealtimeNano();
-  const int result = glink_write(_s_chnl_fd, buf, len);
+  const int result = glink_write(_chnl_fd_seen, buf, len);
   if (result < 0) {
     MARLO_LOGE("GLINK_int conn = 0x%llx glink_write has failed", address_of(this));
     glink_error_handler(result);
@@ -220,11 +226,12 @@ int marlo_glink::glink_poll(int fd) {
 }
 
 int marlo_glink::read_response(unsigned char* buf, unsigned int len) {
-  const int fd = _s_chnl_fd;
+  const int fd = _chnl_fd_seen;
   if (fd < 0) return -1;
+  client_wakelock::reference wakelock_ref;
   if (_wakelock != nullptr) {
     MARLO_LOGD("acquiring wakelock");
-    _wakelock->get_n_locks(1);
+    wakelock_ref = client_wakelock::reference(_wakelock);
   }
   int result = glink_poll(fd) == 0 ? 0 : -1;
   // An EAGAIN's -1 is counted into `received` as an unsigned value: on the
@@ -244,9 +251,9 @@ int marlo_glink::read_response(unsigned char* buf, unsigned int len) {
       received += static_cast<unsigned int>(got);
     }
   }
-  if (_wakelock != nullptr) {
+  if (wakelock_ref) {
     MARLO_LOGD("releasing wakelock");
-    _wakelock->put_n_locks(1);
+    wakelock_ref.release();
   }
   return result;
 }
@@ -266,15 +273,15 @@ void marlo_glink::glink_response_handler(std::vector<uint8_t> packet) {
     return;
   }
   {
-    std::lock_guard<std::mutex> lock(_ind_buf_mutex);
+    platform::lock_guard lock(_ind_buf_mutex);
     _ind_buf = shared;
   }
   // Locals only after the callback: it may delete this object.
   const std::shared_ptr<reader_life> life = _reader_life;
-  client_wakelock* const wakelock = _wakelock;
-  if (wakelock != nullptr) {
+  client_wakelock::reference wakelock_ref;
+  if (_wakelock != nullptr) {
     MARLO_LOGD("acquiring wakelock");
-    wakelock->get_n_locks(1);
+    wakelock_ref = client_wakelock::reference(_wakelock);
   }
   glink_data_cb data_cb = data_callback();
   if (data_cb) {
@@ -284,11 +291,11 @@ void marlo_glink::glink_response_handler(std::vector<uint8_t> packet) {
   if (!life || !life->stop) {
     // A caller still holding the packet keeps it alive; it is only no
     // longer the one being delivered.
-    std::lock_guard<std::mutex> lock(_ind_buf_mutex);
+    platform::lock_guard lock(_ind_buf_mutex);
     _ind_buf.reset();
   }
-  if (wakelock != nullptr) {
+  if (wakelock_ref) {
     MARLO_LOGD("releasing wakelock");
-    wakelock->put_n_locks(1);
+    wakelock_ref.release();
   }
 }

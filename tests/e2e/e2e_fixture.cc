@@ -11,6 +11,7 @@
 
 #include "sim/device_root.h"
 #include "sim/flash_check.h"
+#include "support/wakelock_records.h"
 
 namespace marlo::e2e {
 
@@ -114,6 +115,11 @@ bool E2e::update_finished() const {
   if (device_->dfu().status().sessions_completed < 1) return false;
   int to_flash = request_index("SET_BOOT_MODE", sim::kBootModeFlash);
   return to_flash >= 0 && request_index("BOOT_STATUS", 1, static_cast<size_t>(to_flash)) >= 0;
+}
+
+bool E2e::wakelock_released() const {
+  const size_t acquired = test::wakelock_records(sim::read_text(root_ + "/sys/power/wake_lock"));
+  return acquired > 0 && test::wakelock_records(sim::read_text(root_ + "/sys/power/wake_unlock")) == acquired;
 }
 
 void E2e::expect_flash_holds_shipped_firmware() const {

@@ -42,6 +42,9 @@ class E2e : public ::testing::Test {
   // value when negative), from `from` on; -1 when none.
   int request_index(const std::string& name, long value, size_t from = 0) const;
   void expect_flash_holds_shipped_firmware() const;
+  // True when the daemon has taken the wakelock and, as now, given back every
+  // reference: the kernel got as many releases as acquisitions.
+  bool wakelock_released() const;
 
   std::string root_;
   sim::FirmwareSet shipped_;

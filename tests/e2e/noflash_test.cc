@@ -61,6 +61,7 @@ TEST_F(Noflash, BootPushesMiscDataOnceAndServesRma) {
   EXPECT_GE(request_index("BOOT_STATUS", 2), 0) << "misc-data update started";
   EXPECT_EQ(device_->dfu().status().sessions_started, 0);
   EXPECT_EQ(device_->coprocessor().boot_mode(), sim::kBootModeHost);
+  EXPECT_TRUE(wait_for([&] { return wakelock_released(); })) << "a wakelock reference was kept";
 }
 
 TEST_F(Noflash, MiscDataAlreadyPushedIsSkippedButRmaIsServed) {

@@ -1,6 +1,8 @@
 // A transport under test against a virtual co-processor: a device node at
 // <root>/dev/<channel>, the peer's end of the open channel, and what the
-// transport reported through its callbacks.
+// transport reported through its callbacks. Every case ends with the
+// wakelock given back: no reference held, and as many releases written to
+// the kernel as acquisitions.
 #pragma once
 
 #include <fcntl.h>
@@ -17,11 +19,14 @@
 #include <thread>
 #include <vector>
 
+#include "comhandler/client_wakelock.h"
 #include "daemon/marlo_deamon_log.h"
 #include "glink/marlo_glink.h"
 #include "sim/device_node.h"
 #include "support/log_capture.h"
 #include "support/test_root.h"
+#include "support/wait_until.h"
+#include "support/wakelock_records.h"
 
 namespace marlo::test {
 
@@ -30,6 +35,7 @@ using Errors = std::vector<glink_interface_error>;
 
 class GlinkChannelTest : public ::testing::Test {
  protected:
+  static void SetUpTestSuite() { kernel_root(); }
   void SetUp() override {
     marlo_deamon_log::set_level(marlo_deamon_log::LOG_LEVEL_VERBOSE);
     root_.mkdir("/dev");
@@ -37,6 +43,31 @@ class GlinkChannelTest : public ::testing::Test {
   void TearDown() override {
     glink_.reset();  // before the peer hangs up, or the reader would reopen
     if (peer_ >= 0) ::close(peer_);
+    wakelock_released();
+  }
+
+  // The process-wide wakelock opens its kernel files on its first use and
+  // keeps them: they live in a root of their own for the whole program.
+  static const TestRoot& kernel_root() {
+    static const struct Kernel {
+      Kernel() {
+        root.write("/sys/power/wake_lock", "");
+        root.write("/sys/power/wake_unlock", "");
+        client_wakelock::get_instance();
+      }
+      TestRoot root;
+    } kernel;
+    return kernel.root;
+  }
+  // Expects every wakelock reference given back (a reader may still be
+  // finishing a delivery); returns the acquisitions the kernel has seen.
+  static size_t wakelock_released() {
+    client_wakelock* wakelock = client_wakelock::get_instance();
+    EXPECT_TRUE(wait_until([&] { return wakelock->references() == 0; }, std::chrono::seconds(5)))
+        << "a channel operation kept its wakelock reference";
+    const size_t acquired = wakelock_records(kernel_root().read("/sys/power/wake_lock"));
+    EXPECT_EQ(wakelock_records(kernel_root().read("/sys/power/wake_unlock")), acquired);
+    return acquired;
   }
 
   int connect(const char* channel, uint32_t read_size, bool start_reader = true) {

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <future>
+#include <utility>
 
 #include "glink_channel_fixture.h"
 #include "platform/host_testing.h"
@@ -169,6 +170,45 @@ TEST_F(Connection, ReadResponseReadsExactlyTheAskedBytes) {
   ::close(peer_);
   peer_ = -1;
   EXPECT_EQ(glink_->read_response(buf, 4), -1) << "a closed channel is not read for ever";
+}
+
+// Each operation takes the wakelock and gives it back, on its error paths
+// too; the fixture checks the balance again when the case ends.
+TEST_F(Connection, EveryChannelOperationGivesItsWakelockReferenceBack) {
+  ASSERT_EQ(connect("glink_pkt_marlo_rma", 40), 0);
+  size_t acquired = wakelock_released();
+  const auto taken_and_given_back = [&] {
+    const size_t now = wakelock_released();
+    return std::exchange(acquired, now) < now;
+  };
+  unsigned char request[4] = {1, 2, 3, 4};
+  EXPECT_EQ(glink_->send_request(request, sizeof(request)), 4);
+  EXPECT_TRUE(taken_and_given_back()) << "send";
+  platform::host::inject_fault(channel_fd_, FaultOp::Write, EIO, 1);
+  EXPECT_EQ(glink_->send_request(request, sizeof(request)), -EIO);
+  EXPECT_TRUE(taken_and_given_back()) << "failed send";
+  send(framed(16, 4, 16));
+  ASSERT_EQ(packets(1).size(), 1u);
+  EXPECT_TRUE(taken_and_given_back()) << "delivery";
+  const int old_peer = peer_;
+  std::thread device([this] { peer_ = node_->accept_open(2000); });
+  ::close(old_peer);
+  device.join();
+  ASSERT_EQ(errors(2).back(), GLINK_SSR);
+  send(framed(16, 4, 16));
+  ASSERT_EQ(packets(2).size(), 2u);
+  EXPECT_TRUE(taken_and_given_back()) << "delivery after the reopen";
+
+  glink_.reset();
+  ::close(std::exchange(peer_, -1));
+  ASSERT_EQ(connect("glink_pkt_marlo_custom_data", 44, false), 0);
+  send(Bytes{'a', 'b'});
+  unsigned char buf[2];
+  EXPECT_EQ(glink_->read_response(buf, 2), 0);
+  EXPECT_TRUE(taken_and_given_back()) << "synchronous read";
+  ::close(std::exchange(peer_, -1));
+  EXPECT_EQ(glink_->read_response(buf, 2), -1);
+  EXPECT_TRUE(taken_and_given_back()) << "synchronous read of a closed channel";
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <string>
+#include <utility>
 
 #include "daemon/marlo_deamon_log.h"
 
@@ -33,6 +34,28 @@ TEST(Wakelock, OnlyTheFirstAndLastReferenceReachTheKernel) {
   EXPECT_EQ(root.read("/sys/power/wake_unlock"), kRecord);
   lock.get_n_locks(1);
   EXPECT_EQ(root.read("/sys/power/wake_lock"), kRecord + kRecord);
+}
+
+TEST(Wakelock, ReferenceIsGivenBackExactlyOnceWhereverItEnds) {
+  TestRoot root;
+  root.write("/sys/power/wake_lock", "");
+  root.write("/sys/power/wake_unlock", "");
+  LogCapture log;
+  client_wakelock lock;
+  {
+    client_wakelock::reference first(&lock);
+    client_wakelock::reference moved(std::move(first));
+    client_wakelock::reference early(&lock);
+    early.release();
+    EXPECT_EQ(lock.references(), 1u);
+    moved = client_wakelock::reference(&lock);  // the old one is given back
+    EXPECT_EQ(lock.references(), 1u);
+    EXPECT_EQ(root.read("/sys/power/wake_unlock"), "");
+  }
+  EXPECT_EQ(lock.references(), 0u);
+  EXPECT_FALSE(log.contains("is larger than"));
+  EXPECT_EQ(root.read("/sys/power/wake_lock"), kRecord);
+  EXPECT_EQ(root.read("/sys/power/wake_unlock"), kRecord);
 }
 
 TEST(Wakelock, MissingKernelFileIsLoggedAndTheCountStillRises) {
