@@ -14,7 +14,7 @@ trap 'rm -rf "$dir"' EXIT
 declare -A sessions=(
   [full_update]=E2e.FailedFlashBootFallsBackToHostAndUpdates
   [resumed_update]=E2e.DroppedChannelResumesFromReportedStateAndFlashIsExact
-  [noflash_rma]=E2e.NoflashPsramGetsMiscDataAndRmaService
+  [noflash_rma]=Noflash.BootPushesMiscDataOnceAndServesRma
 )
 for name in "${!sessions[@]}"; do
   test=${sessions[$name]}
