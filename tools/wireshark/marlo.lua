@@ -173,16 +173,25 @@ marlo.experts = { E.crc, E.length, E.short, E.cmd, E.magic, E.dir, E.seq, E.stat
 
 local frame_comment = Field.new("frame.comment")
 
--- Per-file state, rebuilt on every first pass -------------------------------------------------------------
+-- Per-file state, built on the first pass ------------------------------------------------------------------
+-- Results are kept per frame and read on later passes (pinfo.visited). They are not dropped in the protocol's
+-- init routine, which tshark -2 runs between its two passes; a new first pass shows as a frame not yet visited
+-- whose number does not follow the last one seen, and starts everything afresh.
 local pending     -- pending[channel][expected answer key] = { frame = n, time = t }
 local pairs_of    -- pairs_of[frame] = { response_in = n } or { response_to = n, delta = t }
 local misc_state  -- the misc-data resource being sent: { type, seq, crc } (first pass only)
 local misc_result -- misc_result[frame] = { seq_expected = n, crc = computed }
+local crc_of      -- crc_of[frame]: the CRC computed over the frame's message, kept for the next passes
+local last_first_pass = 0
 local function reset_state()
-  pending, pairs_of, misc_state, misc_result = { ctl = {} }, {}, nil, {}
+  pending, pairs_of, misc_state, misc_result, crc_of = { ctl = {} }, {}, nil, {}, {}
 end
-marlo.init = reset_state
 reset_state()
+local function follow_pass(pinfo)
+  if pinfo.visited then return end
+  if pinfo.number <= last_first_pass then reset_state() end
+  last_first_pass = pinfo.number
+end
 
 -- Remembers frame `pinfo.number` as waiting for the answer `key` on `channel` (first pass only).
 local function expect_answer(pinfo, channel, key)
@@ -273,8 +282,12 @@ local function dissect_dfu(tvb, pinfo, root)
   end
   local crc = tvb(12, 4):le_uint()
   local crc_item = tree:add_le(F.dfu_crc, tvb(12, 4))
-  local calc = crc_update(CRC_INIT, tvb:raw(0, 12))
-  calc = crc_final(crc_update(crc_update(calc, "\0\0\0\0"), len > 16 and tvb:raw(16, len - 16) or ""))
+  local calc = crc_of[pinfo.number]
+  if not calc then
+    calc = crc_update(crc_update(CRC_INIT, tvb:raw(0, 12)), "\0\0\0\0")
+    calc = crc_final(crc_update(calc, len > 16 and tvb:raw(16, len - 16) or ""))
+    crc_of[pinfo.number] = calc
+  end
   crc_item:add(F.dfu_crc_calc, calc):set_generated()
   crc_item:add(F.dfu_crc_status, calc == crc and 1 or 0):set_generated()
   if calc ~= crc then crc_item:add_proto_expert_info(E.crc, string.format("CRC 0x%08x, computed 0x%08x", crc, calc)) end
@@ -452,7 +465,8 @@ local function dissect_rma(tvb, pinfo, root)
   end
   local crc, total, cmd = tvb(0, 4):le_uint(), tvb(4, 4):le_uint(), tvb(8, 4):le_uint()
   local crc_item = tree:add_le(F.rma_crc, tvb(0, 4))
-  local calc = crc_final(crc_update(CRC_INIT, tvb:raw(4, len - 4)))
+  local calc = crc_of[pinfo.number] or crc_final(crc_update(CRC_INIT, tvb:raw(4, len - 4)))
+  crc_of[pinfo.number] = calc
   crc_item:add(F.rma_crc_calc, calc):set_generated()
   crc_item:add(F.rma_crc_status, calc == crc and 1 or 0):set_generated()
   if calc ~= crc then crc_item:add_proto_expert_info(E.crc, string.format("CRC 0x%08x, computed 0x%08x", crc, calc)) end
@@ -658,6 +672,7 @@ function marlo.dissector(tvb, pinfo, tree)
   local encap = encap_type()
   local fn = encap and by_encap[encap.value]
   if not fn then return 0 end
+  follow_pass(pinfo)
   local ends = ends_of[encap.value]
   if pinfo.p2p_dir == OUTBOUND then pinfo.cols.src, pinfo.cols.dst = "marlod", ends
   elseif pinfo.p2p_dir == INBOUND then pinfo.cols.src, pinfo.cols.dst = ends, "marlod" end
