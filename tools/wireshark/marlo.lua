@@ -224,11 +224,7 @@ local function show_pairing(pinfo, tree)
   end
 end
 
--- Reads: `len` is what the packet holds; every helper checks before it reads.
-local function le32(tvb, len, off)
-  if off + 4 > len then return nil end
-  return tvb(off, 4):le_uint()
-end
+-- Adds the word at `off` when the packet holds it (`len` bytes) and returns it; nil otherwise.
 local function add_le32(tree, f, tvb, len, off, label)
   if off + 4 > len then return nil end
   local item = tree:add_le(f, tvb(off, 4))
@@ -236,7 +232,7 @@ local function add_le32(tree, f, tvb, len, off, label)
   return tvb(off, 4):le_uint()
 end
 
-local function name_of(names, v, what) return names[v] or string.format("%s %u", what, v) end
+local function name_of(names, v, what) return names[v] or string.format("%s %d", what, v) end
 
 -- Zero-length messages carry the channel's life in their comment ("open", "closed by daemon", ...).
 -- Requests still waiting on the channel are not answered across its closing or opening.
@@ -278,7 +274,7 @@ local function dissect_dfu(tvb, pinfo, root)
   local total = tvb(8, 4):le_uint()
   local length_item = tree:add_le(F.dfu_length, tvb(8, 4))
   if total ~= len then
-    length_item:add_proto_expert_info(E.length, string.format("Length word says %u, packet holds %d", total, len))
+    length_item:add_proto_expert_info(E.length, string.format("Length word says %d, packet holds %d", total, len))
   end
   local crc = tvb(12, 4):le_uint()
   local crc_item = tree:add_le(F.dfu_crc, tvb(12, 4))
@@ -293,7 +289,7 @@ local function dissect_dfu(tvb, pinfo, root)
   if calc ~= crc then crc_item:add_proto_expert_info(E.crc, string.format("CRC 0x%08x, computed 0x%08x", crc, calc)) end
 
   local name = dfu_cmds[cmd]
-  local info = name or string.format("unknown command %u", cmd)
+  local info = name or string.format("unknown command %d", cmd)
   if not name then
     cmd_item:add_proto_expert_info(E.cmd)
   else
@@ -307,13 +303,13 @@ local function dissect_dfu(tvb, pinfo, root)
     local id = add_le32(tree, F.dfu_image_id, tvb, len, 16)
     local size = cmd == 4 and add_le32(tree, F.dfu_image_size, tvb, len, 20)
     if cmd == 4 then add_le32(tree, F.dfu_word, tvb, len, 24) end
-    if id then info = info .. string.format(" id=%u", id) end
-    if size then info = info .. string.format(" size=%u", size) end
+    if id then info = info .. string.format(" id=%d", id) end
+    if size then info = info .. string.format(" size=%d", size) end
   elseif cmd == 5 or cmd == 6 then
     local id = add_le32(tree, F.dfu_image_id, tvb, len, 16)
     local off = add_le32(tree, F.dfu_offset, tvb, len, 20)
     local flen = add_le32(tree, F.dfu_fragment_len, tvb, len, 24)
-    if id and off and flen then info = info .. string.format(" id=%u offset=%u len=%u", id, off, flen) end
+    if id and off and flen then info = info .. string.format(" id=%d offset=%d len=%d", id, off, flen) end
     if cmd == 6 and len > 28 then
       tree:add(F.dfu_fragment, tvb(28, len - 28))
       info = info .. string.format(" (%d bytes)", len - 28)
@@ -323,7 +319,7 @@ local function dissect_dfu(tvb, pinfo, root)
     if op == 0 then
       local off = add_le32(tree, F.dfu_erase_offset, tvb, len, 20)
       local elen = add_le32(tree, F.dfu_erase_length, tvb, len, 24)
-      if off and elen then info = info .. string.format(" RAW_FLASH_ERASE offset=0x%x length=%u", off, elen) end
+      if off and elen then info = info .. string.format(" RAW_FLASH_ERASE offset=0x%x length=%d", off, elen) end
     elseif op then
       add_le32(tree, F.dfu_word, tvb, len, 20)
       add_le32(tree, F.dfu_word, tvb, len, 24)
@@ -344,8 +340,8 @@ local function dissect_dfu(tvb, pinfo, root)
       local off = add_le32(tree, F.dfu_offset, tvb, len, 36)
       local flen = add_le32(tree, F.dfu_fragment_len, tvb, len, 40)
       if state then info = info .. " state=" .. name_of(dfu_states, state, "") end
-      if state == 1 and id then info = info .. string.format(" id=%u", id) end
-      if state == 2 and id and off and flen then info = info .. string.format(" id=%u offset=%u len=%u", id, off, flen) end
+      if state == 1 and id then info = info .. string.format(" id=%d", id) end
+      if state == 2 and id and off and flen then info = info .. string.format(" id=%d offset=%d len=%d", id, off, flen) end
       -- A reported state 1..3 is answered as if its request had just arrived (the resumption).
       if code == 0 then
         local resumed = ({ [1] = 3, [2] = 5, [3] = 11 })[state]
@@ -383,7 +379,7 @@ local function dissect_misc(tvb, pinfo, root)
   local length_item = tree:add_le(F.misc_length, tvb(8, 4))
   tree:add_le(F.misc_seq, tvb(12, 4))
   local name = misc_kinds[kind]
-  local info = name or string.format("unknown kind %u", kind)
+  local info = name or string.format("unknown kind %d", kind)
   if not name then kind_item:add_proto_expert_info(E.cmd, "Unknown packet kind " .. kind) end
 
   if pinfo.p2p_dir == INBOUND then
@@ -403,12 +399,12 @@ local function dissect_misc(tvb, pinfo, root)
     if not pinfo.visited and kind == 0 then misc_state = { type = type_, seq = 1, crc = CRC_INIT } end
     local st = misc_state
     if kind == 0 then
-      info = info .. string.format(" type=%u size=%u", type_, length)
+      info = info .. string.format(" type=%d size=%d", type_, length)
       if len ~= 16 then length_item:add_proto_expert_info(E.length, "Start packet is 16 bytes") end
     elseif kind == 1 or kind == 2 then
-      info = info .. string.format(" type=%u seq=%u len=%u", type_, seq, length)
+      info = info .. string.format(" type=%d seq=%d len=%d", type_, seq, length)
       if length ~= len - 16 then
-        length_item:add_proto_expert_info(E.length, string.format("Length word says %u, packet carries %d", length, len - 16))
+        length_item:add_proto_expert_info(E.length, string.format("Length word says %d, packet carries %d", length, len - 16))
       end
       if len > 16 then tree:add(F.misc_data, tvb(16, len - 16)) end
       if not pinfo.visited then
@@ -421,7 +417,7 @@ local function dissect_misc(tvb, pinfo, root)
       end
       local r = misc_result[pinfo.number]
       if r and r.seq_expected ~= seq then
-        tree:add_proto_expert_info(E.seq, r.seq_expected and string.format("Sequence %u, expected %u", seq, r.seq_expected)
+        tree:add_proto_expert_info(E.seq, r.seq_expected and string.format("Sequence %d, expected %d", seq, r.seq_expected)
                                             or "Data packet without a start packet")
       end
     elseif kind == 4 then
@@ -432,7 +428,7 @@ local function dissect_misc(tvb, pinfo, root)
         misc_state = nil
       end
       local calc = misc_result[pinfo.number] and misc_result[pinfo.number].crc
-      if sum then info = info .. string.format(" type=%u checksum=0x%08x", type_, sum) end
+      if sum then info = info .. string.format(" type=%d checksum=0x%08x", type_, sum) end
       if sum and calc then
         tree:add(F.misc_crc_calc, calc):set_generated()
         tree:add(F.misc_crc_status, calc == sum and 1 or 0):set_generated()
@@ -472,11 +468,11 @@ local function dissect_rma(tvb, pinfo, root)
   if calc ~= crc then crc_item:add_proto_expert_info(E.crc, string.format("CRC 0x%08x, computed 0x%08x", crc, calc)) end
   local length_item = tree:add_le(F.rma_length, tvb(4, 4))
   if total ~= len then
-    length_item:add_proto_expert_info(E.length, string.format("Length word says %u, packet holds %d", total, len))
+    length_item:add_proto_expert_info(E.length, string.format("Length word says %d, packet holds %d", total, len))
   end
   local cmd_item = tree:add_le(F.rma_cmd, tvb(8, 4))
   local name = rma_cmds[cmd]
-  local info = name or string.format("unknown command %u", cmd)
+  local info = name or string.format("unknown command %d", cmd)
   if not name then
     cmd_item:add_proto_expert_info(E.cmd)
   else
@@ -488,41 +484,41 @@ local function dissect_rma(tvb, pinfo, root)
     local second = w(F.rma_second_id, 20)
     local size = w(F.rma_partition_size, 24)
     w(F.rma_client_priv, 36)
-    if mem and size then info = info .. string.format(" memory=%u second=%u size=%u", mem, second, size) end
+    if mem and size then info = info .. string.format(" memory=%d second=%d size=%d", mem, second, size) end
   elseif cmd == 256 or cmd == 512 then
     local req = w(F.rma_request, 12)
     local mem = w(F.rma_memory_id, 16)
     local off = w(F.rma_offset, 20)
     local size = w(F.rma_block_size, 24)
-    if mem and off and size then info = info .. string.format(" memory=%u offset=%u size=%u", mem, off, size) end
+    if mem and off and size then info = info .. string.format(" memory=%d offset=%d size=%d", mem, off, size) end
     if cmd == 512 and len > 32 then
       tree:add(F.rma_data, tvb(32, len - 32))
       if size and size ~= len - 32 then
-        tree:add_proto_expert_info(E.length, string.format("Block size %u, message carries %d bytes", size, len - 32))
+        tree:add_proto_expert_info(E.length, string.format("Block size %d, message carries %d bytes", size, len - 32))
       end
     end
   elseif cmd == 2 then
     local mem = w(F.rma_memory_id, 16)
-    if mem then info = info .. string.format(" memory=%u", mem) end
+    if mem then info = info .. string.format(" memory=%d", mem) end
   elseif cmd == 1 then
     w(F.rma_client_priv, 12)
     w(F.rma_word, 16)
     local mem = w(F.rma_memory_id, 20)
     for off = 24, 32, 4 do w(F.rma_word, off) end
-    if mem then info = info .. string.format(" memory=%u", mem) end
+    if mem then info = info .. string.format(" memory=%d", mem) end
   elseif cmd == 3 then
     local mem = w(F.rma_memory_id, 12, "Stored memory id")
     w(F.rma_client_priv, 16)
     w(F.rma_memory_id, 20, "Requested memory id")
     w(F.rma_word, 24)
-    if mem then info = info .. string.format(" memory=%u", mem) end
+    if mem then info = info .. string.format(" memory=%d", mem) end
   elseif cmd == 257 or cmd == 513 then
     w(F.rma_request, 12)
     w(F.rma_client_priv, 16)
     local mem = w(F.rma_memory_id, 20)
     local size = w(F.rma_block_size, 24)
     local result = w(cmd == 513 and F.rma_result or F.rma_word, 28)
-    if mem and size then info = info .. string.format(" memory=%u size=%u", mem, size) end
+    if mem and size then info = info .. string.format(" memory=%d size=%d", mem, size) end
     if cmd == 257 and len > 32 then tree:add(F.rma_data, tvb(32, len - 32)) end
     if cmd == 513 and result then
       info = info .. " result=" .. result
