@@ -39,11 +39,23 @@ void ChannelServer::stop() {
   std::lock_guard<std::mutex> lock(connections_mutex_);
   for (int fd : connections_) ::close(fd);
   connections_.clear();
+  hung_up_.clear();
 }
 
 void ChannelServer::hang_up_all() {
   std::lock_guard<std::mutex> lock(connections_mutex_);
-  for (int fd : connections_) ::shutdown(fd, SHUT_RDWR);
+  for (int fd : connections_) {
+    record_hang_up(fd);
+    ::shutdown(fd, SHUT_RDWR);
+  }
+}
+
+void ChannelServer::record_hang_up(int fd) {
+  if (std::find(hung_up_.begin(), hung_up_.end(), fd) != hung_up_.end()) return;
+  hung_up_.push_back(fd);
+  if (SessionCapture* capture = node_.capture()) {
+    capture->life(node_.capture_interface(), Direction::Inbound, "closed by co-processor");
+  }
 }
 
 int ChannelServer::open_connections() const {
@@ -56,9 +68,20 @@ void ChannelServer::set_packet_observer(std::function<bool()> observer) {
   observer_ = std::move(observer);
 }
 
-bool ChannelServer::send(int fd, const Bytes& packet) { return send_packet(fd, packet.data(), packet.size()); }
+bool ChannelServer::send(int fd, const Bytes& packet) {
+  if (SessionCapture* capture = node_.capture()) {
+    capture->packet(node_.capture_interface(), Direction::Inbound, packet.data(), packet.size());
+  }
+  return send_packet(fd, packet.data(), packet.size());
+}
 
-void ChannelServer::hang_up(int fd) { ::shutdown(fd, SHUT_RDWR); }
+void ChannelServer::hang_up(int fd) {
+  {
+    std::lock_guard<std::mutex> lock(connections_mutex_);
+    record_hang_up(fd);
+  }
+  ::shutdown(fd, SHUT_RDWR);
+}
 
 int ChannelServer::newest_connection() const {
   std::lock_guard<std::mutex> lock(connections_mutex_);
@@ -69,6 +92,12 @@ void ChannelServer::close_connection(int fd) {
   {
     std::lock_guard<std::mutex> lock(connections_mutex_);
     connections_.erase(std::remove(connections_.begin(), connections_.end(), fd), connections_.end());
+    auto hung_up = std::find(hung_up_.begin(), hung_up_.end(), fd);
+    if (hung_up != hung_up_.end()) {
+      hung_up_.erase(hung_up);
+    } else if (SessionCapture* capture = node_.capture()) {
+      capture->life(node_.capture_interface(), Direction::Outbound, "closed by daemon");
+    }
   }
   on_closed(fd);
   ::close(fd);
@@ -101,6 +130,9 @@ void ChannelServer::run() {
         if (fds[i].revents == 0) continue;
         long n = receive_message(fds[i].fd, packet, 0);
         if (n > 0) {
+          if (SessionCapture* capture = node_.capture()) {
+            capture->packet(node_.capture_interface(), Direction::Outbound, packet.data(), packet.size());
+          }
           std::function<bool()> observer;
           {
             std::lock_guard<std::mutex> lock(observer_mutex_);

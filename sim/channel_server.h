@@ -38,6 +38,10 @@ class ChannelServer {
   // handled; when it returns true the packet is dropped unhandled (the
   // co-processor went down with it). Fault injection at packet boundaries.
   void set_packet_observer(std::function<bool()> observer);
+  // Records the node's traffic on `interface` of `capture`; call before start().
+  void set_capture(std::shared_ptr<SessionCapture> capture, CaptureInterface interface) {
+    node_.set_capture(std::move(capture), interface);
+  }
 
  protected:
   virtual void on_open(int /*fd*/) {}
@@ -54,6 +58,8 @@ class ChannelServer {
  private:
   void run();
   void close_connection(int fd);
+  // Records that the device hangs `fd` up, once per connection.
+  void record_hang_up(int fd);
 
   DeviceNode node_;
   int wake_[2] = {-1, -1};
@@ -61,6 +67,7 @@ class ChannelServer {
   std::thread thread_;
   mutable std::mutex connections_mutex_;
   std::vector<int> connections_;  // in order of opening
+  std::vector<int> hung_up_;      // connections the device hung up, guarded by connections_mutex_
   std::mutex observer_mutex_;
   std::function<bool()> observer_;  // guarded by observer_mutex_
 };

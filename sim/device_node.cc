@@ -51,6 +51,10 @@ int DeviceNode::accept_open(int timeout_ms) {
     } else if (refusal_errno_.load() != 0) {
       status = refusal_errno_.load();
     }
+    if (capture_) {
+      capture_->life(capture_interface_, Direction::Outbound,
+                     status == 0 ? "open" : "open refused errno " + std::to_string(status));
+    }
     bool sent = send_packet(fd, &status, sizeof(status));
     if (sent && status == 0) return fd;
     ::close(fd);

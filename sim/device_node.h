@@ -5,8 +5,11 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
+
+#include "sim/capture/session_capture.h"
 
 namespace marlo::sim {
 
@@ -36,6 +39,15 @@ class DeviceNode {
   // Number of connections accepted so far, failed opens included.
   int opens_seen() const { return opens_seen_.load(); }
 
+  // Records every open's outcome on `interface` of `capture`; set before the
+  // node is served, fixed afterwards.
+  void set_capture(std::shared_ptr<SessionCapture> capture, CaptureInterface interface) {
+    capture_ = std::move(capture);
+    capture_interface_ = interface;
+  }
+  SessionCapture* capture() const { return capture_.get(); }
+  CaptureInterface capture_interface() const { return capture_interface_; }
+
  private:
   std::string path_;
   int listen_fd_ = -1;
@@ -43,6 +55,8 @@ class DeviceNode {
   std::atomic<int> fail_errno_{0};
   std::atomic<int> opens_seen_{0};
   std::atomic<int> refusal_errno_{0};
+  std::shared_ptr<SessionCapture> capture_;
+  CaptureInterface capture_interface_ = CaptureInterface::Control;
 };
 
 // Sends one packet; true when it was sent whole.

@@ -7,6 +7,8 @@
 #include <cstring>
 #include <fstream>
 
+#include "sim/capture/session_capture.h"
+
 namespace marlo::sim {
 
 std::string marlo_uevent(int event) {
@@ -27,6 +29,10 @@ bool send_uevent(const std::string& root, const std::string& message) {
   std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
   int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (fd < 0) return false;
+  if (std::shared_ptr<SessionCapture> capture = capture_of(root)) {
+    capture->packet(CaptureInterface::Uevent, Direction::Inbound, reinterpret_cast<const uint8_t*>(message.data()),
+                    message.size());
+  }
   ssize_t n = ::sendto(fd, message.data(), message.size(), 0, reinterpret_cast<struct sockaddr*>(&addr),
                        sizeof(addr));
   ::close(fd);

@@ -1,10 +1,35 @@
 #include "sim/virtual_device.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <filesystem>
+#include <sstream>
 
 #include "sim/device_root.h"
 
 namespace marlo::sim {
+
+std::string capture_setup(const DeviceOptions& o, const std::string& root) {
+  std::ostringstream out;
+  out << "variant=" << (o.variant == Variant::NoflashPsram ? "noflash" : "flash") << "\n";
+  out << "flash=" << (o.flash == FlashContents::Empty ? "empty" : o.flash == FlashContents::Shipped ? "shipped" : "older")
+      << "\n";
+  out << "running=" << (o.running_at_start ? 1 : 0) << "\n";
+  out << "fragment-size=" << o.dfu.fragment_size << "\n";
+  out << "write-delay-ms=" << o.dfu.write_delay_ms << "\n";
+  out << "misc-max-payload=" << o.misc_max_payload << "\n";
+  out << "rma-block-size=" << o.rma.block_size << "\n";
+  out << "rma-read-only=" << (o.rma.read_only ? 1 : 0) << "\n";
+  std::error_code ignored;
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(root + "/dev/__properties__", ignored)) {
+    std::string name = entry.path().filename().string();
+    if (entry.is_regular_file() && name.find('.') != 0) names.push_back(name);
+  }
+  std::sort(names.begin(), names.end());
+  for (const std::string& name : names) out << "property." << name << "=" << get_property(root, name) << "\n";
+  return out.str();
+}
 
 FirmwareSet VirtualDevice::build_sample_root(const std::string& root) {
   build_device_root(root, RootOptions{});
@@ -26,6 +51,14 @@ VirtualDevice::VirtualDevice(std::string root, DeviceOptions options)
   dfu_ = std::make_unique<DfuCoprocessor>(root_, flash_, log_, options_.dfu);
   misc_ = std::make_unique<MiscDataReceiver>(root_, log_, options_.misc_max_payload);
   rma_ = std::make_unique<RmaClient>(root_, log_, options_.rma);
+  if (!options_.capture_file.empty()) {
+    capture_ = std::make_shared<SessionCapture>(options_.capture_file, capture_setup(options_, root_));
+    attach_capture(root_, capture_);
+    driver_->set_capture(capture_, CaptureInterface::Control);
+    dfu_->set_capture(capture_, CaptureInterface::Dfu);
+    misc_->set_capture(capture_, CaptureInterface::Misc);
+    rma_->set_capture(capture_, CaptureInterface::Rma);
+  }
   coprocessor_->add_power_listener([this](bool up) { on_power(up); });
   for (ChannelServer* channel : {static_cast<ChannelServer*>(dfu_.get()), static_cast<ChannelServer*>(misc_.get()),
                                  static_cast<ChannelServer*>(rma_.get())}) {
@@ -50,6 +83,7 @@ VirtualDevice::~VirtualDevice() {
   dfu_->stop();
   driver_->stop();
   coprocessor_.reset();
+  if (capture_) detach_capture(root_, capture_.get());
 }
 
 void VirtualDevice::on_power(bool up) {

@@ -8,6 +8,7 @@
 #include <mutex>
 #include <string>
 
+#include "sim/capture/session_capture.h"
 #include "sim/control_driver.h"
 #include "sim/coprocessor.h"
 #include "sim/dfu_coprocessor.h"
@@ -30,7 +31,16 @@ struct DeviceOptions {
   uint32_t misc_max_payload = MiscDataReceiver::kDefaultMaxPayload;
   RmaConfig rma;
   int restart_offline_ms = 300;   // offline time of a restart fault
+  // When set, the whole session is recorded there (pcapng, see
+  // sim/capture/session_capture.h).
+  std::string capture_file;
 };
+
+// The setup of a device as the capture's section comment holds it: one
+// "key=value" per line (variant, flash, running, fragment-size,
+// write-delay-ms, misc-max-payload, rma-block-size, rma-read-only) and one
+// "property.NAME=VALUE" per property the root holds when the device starts.
+std::string capture_setup(const DeviceOptions& options, const std::string& root);
 
 class VirtualDevice {
  public:
@@ -87,6 +97,7 @@ class VirtualDevice {
   std::unique_ptr<DfuCoprocessor> dfu_;
   std::unique_ptr<MiscDataReceiver> misc_;
   std::unique_ptr<RmaClient> rma_;
+  std::shared_ptr<SessionCapture> capture_;
   mutable std::mutex packets_mutex_;
   int packets_ = 0;                     // guarded by packets_mutex_, as are the two below
   int cut_at_ = 0;

@@ -45,6 +45,17 @@ void E2e::TearDown() {
 }
 
 void E2e::start_device(sim::DeviceOptions options) {
+  ++devices_;
+  const char* capture_dir = std::getenv("MARLO_CAPTURE_DIR");
+  if (options.capture_file.empty() && capture_dir != nullptr && *capture_dir != '\0') {
+    const ::testing::TestInfo* test = ::testing::UnitTest::GetInstance()->current_test_info();
+    std::string name = std::string(test->test_suite_name()) + "." + test->name();
+    for (char& c : name) {
+      if (c == '/') c = '_';  // parameterised tests
+    }
+    if (devices_ > 1) name += "-" + std::to_string(devices_);
+    options.capture_file = std::string(capture_dir) + "/" + name + ".pcapng";
+  }
   device_ = std::make_unique<sim::VirtualDevice>(root_, std::move(options));
 }
 

@@ -22,6 +22,9 @@ class E2e : public ::testing::Test {
   void SetUp() override;
   void TearDown() override;
 
+  // With MARLO_CAPTURE_DIR set (and no capture_file in `options`), the
+  // session is captured in <dir>/<suite>.<test>.pcapng (-2, -3... for the
+  // test's later devices).
   void start_device(sim::DeviceOptions options);
   // Starts marlod against the root; a fresh log file per start.
   void start_daemon();
@@ -46,6 +49,7 @@ class E2e : public ::testing::Test {
   std::unique_ptr<sim::DaemonProcess> daemon_;
   std::string log_file_;
   int starts_ = 0;
+  int devices_ = 0;
 };
 
 }  // namespace marlo::e2e

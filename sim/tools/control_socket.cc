@@ -1,4 +1,4 @@
-#include "sim/control_socket.h"
+#include "sim/tools/control_socket.h"
 
 #include <poll.h>
 #include <sys/socket.h>

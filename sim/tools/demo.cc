@@ -1,4 +1,4 @@
-#include "sim/demo.h"
+#include "sim/tools/demo.h"
 
 #include <chrono>
 #include <filesystem>
@@ -9,7 +9,7 @@
 #include "sim/daemon_process.h"
 #include "sim/device_root.h"
 #include "sim/flash_check.h"
-#include "sim/terminal_view.h"
+#include "sim/tools/terminal_view.h"
 #include "sim/virtual_device.h"
 
 namespace marlo::sim {
@@ -90,6 +90,7 @@ int run_demo(const DemoOptions& options, FILE* out) {
   DeviceOptions device_options;
   device_options.flash = FlashContents::Older;
   device_options.dfu.write_delay_ms = options.write_delay_ms;
+  device_options.capture_file = options.capture_file;
   auto device_owner = std::make_unique<VirtualDevice>(root, device_options);
   VirtualDevice& device = *device_owner;
   std::vector<std::string> failures;
@@ -166,6 +167,7 @@ int run_demo(const DemoOptions& options, FILE* out) {
   view.line("  running firmware: " + (running ? running->apps : std::string("none")));
   if (failures.empty()) view.line("  second boot: versions matched, nothing downloaded");
   for (const std::string& f : failures) view.line("  FAILED: " + f);
+  if (!options.capture_file.empty()) view.line("  capture of the session: " + options.capture_file);
   view.line(failures.empty() ? "  RESULT: update verified" : "  RESULT: FAILED (logs kept in " + root + "/sim)");
   device_owner.reset();
   if (failures.empty() && !options.keep_root) {

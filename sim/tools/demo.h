@@ -13,6 +13,7 @@ struct DemoOptions {
   double time_scale = 0.05;  // MARLO_TIME_SCALE for the daemon
   int write_delay_ms = 25;   // flash time per fragment, so the bar can be followed
   bool keep_root = false;
+  std::string capture_file;  // the session's pcapng record, when set
 };
 
 // 0 when every check passed.

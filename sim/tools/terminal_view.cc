@@ -1,4 +1,4 @@
-#include "sim/terminal_view.h"
+#include "sim/tools/terminal_view.h"
 
 #include <unistd.h>
 

@@ -15,11 +15,12 @@
 #include <thread>
 #include <vector>
 
-#include "sim/control_socket.h"
+#include "sim/tools/control_socket.h"
 #include "sim/daemon_process.h"
-#include "sim/demo.h"
+#include "sim/tools/demo.h"
+#include "sim/tools/replay.h"
 #include "sim/device_root.h"
-#include "sim/terminal_view.h"
+#include "sim/tools/terminal_view.h"
 #include "sim/uevent_sender.h"
 #include "sim/virtual_device.h"
 
@@ -35,18 +36,23 @@ const char kUsage[] =
     "unmodified marlod runs with MARLO_ROOT=<root>.\n"
     "\n"
     "commands:\n"
-    "  demo [--marlod PATH] [--time-scale X] [--keep-root]\n"
+    "  demo [--marlod PATH] [--time-scale X] [--keep-root] [--capture FILE]\n"
     "      Update a virtual Marlo from older to shipped firmware with marlod\n"
     "      (default: marlod next to marlo-sim), verify the flash byte for byte,\n"
     "      reboot and check that the second boot finds the versions matched.\n"
     "      Exit status 0 only when everything verified.\n"
+    "      --capture FILE records every message of the session in FILE (pcapng).\n"
     "  serve [--root DIR] [--flash empty|older|shipped] [--variant flash|noflash]\n"
     "        [--running] [--fragment-size N] [--write-delay-ms N]\n"
-    "        [--marlod PATH] [--time-scale X]\n"
+    "        [--marlod PATH] [--time-scale X] [--capture FILE]\n"
     "      Build a sample device root (in DIR, or a new temporary directory) and\n"
     "      serve it until interrupted, printing what the device does. With\n"
     "      --marlod the daemon is started against it as well. Commands reach a\n"
     "      running serve through <root>/sim/control.sock (see below).\n"
+    "  replay CAPTURE [--marlod PATH] [--time-scale X]\n"
+    "      Rebuild the device root of a captured session, run marlod against it,\n"
+    "      play the device's side as recorded and check every message marlod\n"
+    "      sends byte for byte. Exit status 1 at the first difference.\n"
     "  status --root DIR                  state of a running serve\n"
     "  requests --root DIR                control-device requests received so far\n"
     "  restart --root DIR                 subsystem restart: MARLO_EVENT=1, then 4\n"
@@ -116,6 +122,7 @@ int serve(const Args& a) {
   o.running_at_start = a.options.count("--running") != 0;
   o.dfu.fragment_size = static_cast<uint32_t>(std::stoul(option(a, "--fragment-size", "4096")));
   o.dfu.write_delay_ms = std::stoi(option(a, "--write-delay-ms", "0"));
+  if (!option(a, "--capture").empty()) o.capture_file = std::filesystem::absolute(option(a, "--capture")).string();
 
   ::signal(SIGINT, on_signal);
   ::signal(SIGTERM, on_signal);
@@ -125,6 +132,7 @@ int serve(const Args& a) {
   view.line("serving a virtual Marlo at " + root);
   view.line("  run the daemon with: MARLO_ROOT=" + root + " build/marlod");
   view.line("  commands: marlo-sim status|restart|fault ... --root " + root);
+  if (!o.capture_file.empty()) view.line("  capturing the session in " + o.capture_file);
 
   std::unique_ptr<DaemonProcess> daemon;
   if (a.options.count("--marlod")) {
@@ -170,9 +178,17 @@ int run(const Args& a) {
     d.marlod = option(a, "--marlod", default_marlod_path());
     d.time_scale = std::stod(option(a, "--time-scale", "0.05"));
     d.keep_root = a.options.count("--keep-root") != 0;
+    if (!option(a, "--capture").empty()) d.capture_file = std::filesystem::absolute(option(a, "--capture")).string();
     return run_demo(d, stdout);
   }
   if (c == "serve") return serve(a);
+  if (c == "replay" && a.positional.size() == 1) {
+    ReplayOptions r;
+    r.capture = a.positional[0];
+    r.marlod = option(a, "--marlod", default_marlod_path());
+    r.time_scale = std::stod(option(a, "--time-scale", "0.01"));
+    return run_replay(r, stdout);
+  }
   if (c == "status" || c == "requests" || c == "restart" || c == "power-cycle") return remote(a, c);
   if (c == "fault") {
     if (a.positional.size() != 2) return 2;

@@ -1,0 +1,60 @@
+// A minimal pcapng writer: one Section Header Block, Interface Description
+// Blocks, Enhanced Packet Blocks, little-endian, each block written and
+// flushed whole. Not thread-safe: the session capture serialises the calls.
+//
+// Block layout (every length in bytes, every block padded to 4 bytes):
+//   SHB 0x0a0d0d0a: len | magic 0x1a2b3c4d | major 1 | minor 0 | section length -1 | options | len
+//   IDB 0x00000001: len | link type u16 | reserved u16 | snaplen u32 | options | len
+//   EPB 0x00000006: len | interface u32 | timestamp high u32 | low u32 (µs since the epoch) |
+//                   captured length u32 | original length u32 | data, padded | options | len
+// Options: code u16 | length u16 | value padded to 4 bytes, ended by opt_endofopt (0, 0).
+//
+// Debian's libpcap writes packets only through its dump API, which produces
+// the older pcap format with one link type per file, so it cannot hold the
+// five interfaces of a session.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+namespace marlo::sim {
+
+class PcapngWriter {
+ public:
+  // Option codes used here.
+  static constexpr uint16_t kOptComment = 1;
+  static constexpr uint16_t kShbUserAppl = 4;
+  static constexpr uint16_t kIfName = 2;
+  static constexpr uint16_t kEpbFlags = 2;
+
+  struct Option {
+    uint16_t code;
+    std::vector<uint8_t> value;
+  };
+  static Option text_option(uint16_t code, const std::string& text);
+  static Option u32_option(uint16_t code, uint32_t value);
+
+  // Creates (truncates) `path`; ok() tells whether it could.
+  explicit PcapngWriter(const std::string& path);
+  ~PcapngWriter();
+  PcapngWriter(const PcapngWriter&) = delete;
+  PcapngWriter& operator=(const PcapngWriter&) = delete;
+
+  bool ok() const { return file_ != nullptr && !failed_; }
+
+  void section_header(const std::vector<Option>& options);
+  // Interfaces are numbered in the order they are described, from 0.
+  void interface_description(uint16_t link_type, const std::vector<Option>& options);
+  void enhanced_packet(uint32_t interface, uint64_t timestamp_us, const uint8_t* data, size_t length,
+                       const std::vector<Option>& options);
+
+ private:
+  void write_block(uint32_t type, const std::vector<uint8_t>& body, const std::vector<Option>& options);
+
+  std::FILE* file_ = nullptr;
+  bool failed_ = false;
+};
+
+}  // namespace marlo::sim
