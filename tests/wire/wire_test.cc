@@ -148,13 +148,21 @@ TEST_F(Wire, ResumedUpdateShowsTheDropAndTheAnswerToTheReportedState) {
   expect_fragments_in_order(d, shipped_);
 }
 
-TEST_F(Wire, FlashlessSessionDecodesMiscDataAndRmaTraffic) {
+TEST_F(Wire, FlashlessSessionDecodesMiscDataRmaTrafficAndARestart) {
   start_captured_device(noflash_options());
   start_daemon();
   ASSERT_TRUE(wait_for([&] { return device_->rma().status().runs_completed >= 1; }));
+  // A restart between RMA runs: power down and up as uevents, then misc data and RMA served again.
+  device_->restart();
+  ASSERT_TRUE(wait_for([&] { return device_->rma().status().runs_completed >= 2; }));
   int misc_packets = device_->misc().status().packets;
   Decoded d = finish_and_decode();
   expect_clean(d);
+  std::vector<long> events;
+  for (const Frame& f : d.frames) {
+    if (f.has("marlo.uevent.marlo_event")) events.push_back(f.num("marlo.uevent.marlo_event"));
+  }
+  EXPECT_EQ(events, (std::vector<long>{1, 4}));
   // Misc data: per resource a start, data packets numbered from 1, a CRC; then one finish; every packet answered
   // with status 0.
   std::vector<const Frame*> sent, answers;
@@ -176,8 +184,8 @@ TEST_F(Wire, FlashlessSessionDecodesMiscDataAndRmaTraffic) {
     EXPECT_EQ(answers[i]->get("marlo.response_to"), sent[i]->get("frame.number"));
     EXPECT_EQ(answers[i]->num("marlo.misc.status"), 0);
   }
-  EXPECT_EQ(kinds, "0D40D45") << "two resources, then the finish";
-  EXPECT_EQ(d.where("marlo.misc.checksum.status", "1").size(), 2u);
+  EXPECT_EQ(kinds, "0D40D450D40D45") << "two resources, then the finish; once per power-up";
+  EXPECT_EQ(d.where("marlo.misc.checksum.status", "1").size(), 4u);
   // RMA: every request of the co-processor answered by the daemon's response to it.
   const std::map<std::string, std::string> answer_of = {{"0", "1"}, {"2", "3"}, {"256", "257"}, {"512", "513"}};
   std::set<std::string> seen;
