@@ -43,6 +43,7 @@ void ChannelServer::stop() {
 }
 
 void ChannelServer::hang_up_all() {
+  std::unique_lock<std::mutex> capture_lock = lock_for_capture();
   std::lock_guard<std::mutex> lock(connections_mutex_);
   for (int fd : connections_) {
     record_hang_up(fd);
@@ -68,14 +69,26 @@ void ChannelServer::set_packet_observer(std::function<bool()> observer) {
   observer_ = std::move(observer);
 }
 
+std::unique_lock<std::mutex> ChannelServer::lock_for_capture() {
+  return node_.capture() ? std::unique_lock<std::mutex>(capture_mutex_) : std::unique_lock<std::mutex>();
+}
+
 bool ChannelServer::send(int fd, const Bytes& packet) {
+  std::unique_lock<std::mutex> capture_lock = lock_for_capture();
   if (SessionCapture* capture = node_.capture()) {
-    capture->packet(node_.capture_interface(), Direction::Inbound, packet.data(), packet.size());
+    // A packet sent after the hang-up never reaches the daemon: not recorded.
+    bool hung_up;
+    {
+      std::lock_guard<std::mutex> lock(connections_mutex_);
+      hung_up = std::find(hung_up_.begin(), hung_up_.end(), fd) != hung_up_.end();
+    }
+    if (!hung_up) capture->packet(node_.capture_interface(), Direction::Inbound, packet.data(), packet.size());
   }
   return send_packet(fd, packet.data(), packet.size());
 }
 
 void ChannelServer::hang_up(int fd) {
+  std::unique_lock<std::mutex> capture_lock = lock_for_capture();
   {
     std::lock_guard<std::mutex> lock(connections_mutex_);
     record_hang_up(fd);

@@ -60,6 +60,11 @@ class ChannelServer {
   void close_connection(int fd);
   // Records that the device hangs `fd` up, once per connection.
   void record_hang_up(int fd);
+  // While capturing: held around a send and its record, and around a
+  // hang-up and its record, so that the file order is the order the daemon
+  // sees (a packet is recorded and sent whole before or after a hang-up,
+  // never across it). Taken before connections_mutex_. Not taken otherwise.
+  std::unique_lock<std::mutex> lock_for_capture();
 
   DeviceNode node_;
   int wake_[2] = {-1, -1};
@@ -68,6 +73,7 @@ class ChannelServer {
   mutable std::mutex connections_mutex_;
   std::vector<int> connections_;  // in order of opening
   std::vector<int> hung_up_;      // connections the device hung up, guarded by connections_mutex_
+  std::mutex capture_mutex_;
   std::mutex observer_mutex_;
   std::function<bool()> observer_;  // guarded by observer_mutex_
 };

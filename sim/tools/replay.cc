@@ -238,6 +238,13 @@ class Player {
         } else {
           text << "byte " << offset << " (" << field_at(node, offset) << ") is 0x" << std::hex
                << static_cast<int>(message[offset]) << ", recorded 0x" << static_cast<int>(recorded[offset]);
+          // A checksum differs with any other byte: name the next field that differs too.
+          size_t next = offset / 4 * 4 + 4;
+          while (next < message.size() && next < recorded.size() && message[next] == recorded[next]) ++next;
+          if (next < message.size() && next < recorded.size()) {
+            text << "; then byte " << std::dec << next << " (" << field_at(node, next) << ") is 0x" << std::hex
+                 << static_cast<int>(message[next]) << ", recorded 0x" << static_cast<int>(recorded[next]);
+          }
         }
         fail(text.str());
         return;
