@@ -1,9 +1,11 @@
 #include "tshark_run.h"
 
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <sstream>
@@ -12,7 +14,7 @@ namespace marlo::wire {
 
 namespace {
 
-std::string quoted(const std::string& s) {
+std::string shell_quoted(const std::string& s) {
   std::string q = "'";
   for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
   return q + "'";
@@ -65,11 +67,14 @@ std::vector<const Frame*> Decoded::where(const std::string& field, const std::st
 
 Decoded decode(const std::string& capture, std::vector<std::string> fields) {
   fields.insert(fields.begin(), {"frame.number", "_ws.expert.severity", "_ws.expert.message", "_ws.malformed.expert"});
-  const std::string errors = capture + ".tshark-stderr";
-  std::string command = "tshark -2 -R frame -X lua_script:" + quoted(MARLO_DISSECTOR) + " -r " + quoted(capture) +
+  // tshark's standard error, in a file of its own (the capture may sit in a read-only source tree).
+  std::string errors = (std::filesystem::temp_directory_path() / "marlo-tshark-XXXXXX").string();
+  int fd = ::mkstemp(errors.data());
+  if (fd >= 0) ::close(fd);
+  std::string command = "tshark -2 -R frame -X lua_script:" + shell_quoted(MARLO_DISSECTOR) + " -r " + shell_quoted(capture) +
                         " -T fields -E separator=/t -E occurrence=a -E aggregator='|'";
   for (const std::string& f : fields) command += " -e " + f;
-  command += " 2>" + quoted(errors);
+  command += " 2>" + shell_quoted(errors);
   Decoded decoded;
   FILE* pipe = ::popen(command.c_str(), "r");
   if (pipe == nullptr) {
@@ -83,6 +88,7 @@ Decoded decode(const std::string& capture, std::vector<std::string> fields) {
   int status = ::pclose(pipe);
   std::ifstream err_file(errors);
   std::string err((std::istreambuf_iterator<char>(err_file)), std::istreambuf_iterator<char>());
+  std::remove(errors.c_str());
   if (status != 0) {
     decoded.error = "tshark exited with status " + std::to_string(WEXITSTATUS(status)) +
                     " (not installed? scripts/setup.sh installs it): " + err;
