@@ -8,6 +8,9 @@ cd "$(dirname "$0")/.."
 . scripts/lib/packages.sh
 packages=(cmake ninja-build g++ pkg-config libtinyxml2-dev libgtest-dev libgmock-dev zlib1g-dev binutils)
 ensure_packages "${packages[@]}"
+# tshark decodes the captures of the wire tests (tools/wireshark/marlo.lua). Its
+# package asks whether non-root users may capture; the answer is no.
+ensure_tshark
 
 build_dir=${MARLO_BUILD_DIR:-build}
 echo "== building in $build_dir"

@@ -69,3 +69,13 @@ ensure_armhf_packages() {
     libc6:armhf libstdc++6:armhf libtinyxml2-dev:armhf libgtest-dev:armhf libgmock-dev:armhf zlib1g:armhf \
     android-liblog-dev:armhf android-libcutils-dev:armhf android-libutils-dev:armhf
 }
+
+# tshark, for the wire tests. Debconf is told beforehand that non-root users may
+# not capture, so that the install never stops at that question.
+ensure_tshark() {
+  package_installed tshark && return 0
+  local as_root=()
+  [ "$(id -u)" -eq 0 ] || as_root=(sudo)
+  echo "wireshark-common wireshark-common/install-setuid boolean false" | "${as_root[@]}" debconf-set-selections
+  ensure_packages --no-install-recommends tshark
+}
