@@ -3,7 +3,8 @@
 # check of the device build description (scripts/check-android-bp.sh), the
 # same suite built for 32-bit ARM and run under qemu-user (scripts/armhf.sh),
 # the device configuration compiled as the device compiles it
-# (scripts/device-compile.sh), the suite under the sanitizers
+# (scripts/device-compile.sh, which also runs the device-side test module
+# under qemu-user), the suite under the sanitizers
 # (scripts/sanitize.sh) and a short run of every fuzzer (scripts/fuzz.sh).
 # MARLO_QUICK=1 runs the suite only.
 #
@@ -29,7 +30,8 @@ step_start=$SECONDS
 device_compile=0
 scripts/device-compile.sh || device_compile=$?
 echo "== device ABI: armhf suite under qemu-user $([ $armhf -eq 0 ] && echo passed || echo FAILED) in $armhf_time s," \
-  "device-configuration compile $([ $device_compile -eq 0 ] && echo passed || echo FAILED) in $((SECONDS - step_start)) s"
+  "device-configuration compile and device-side unit tests $([ $device_compile -eq 0 ] && echo passed || echo FAILED)" \
+  "in $((SECONDS - step_start)) s"
 sanitize=0
 scripts/sanitize.sh || sanitize=$?
 fuzz=0
@@ -38,7 +40,8 @@ echo "== device build description $([ $device_build -eq 0 ] && echo passed || ec
   "hardening: sanitizers $([ $sanitize -eq 0 ] && echo passed || echo FAILED)," \
   "fuzzers $([ $fuzz -eq 0 ] && echo passed || echo FAILED) in $((SECONDS - start)) s"
 echo "== device ABI $([ $armhf -eq 0 ] && [ $device_compile -eq 0 ] && echo passed || echo FAILED):" \
-  "$(grep -E 'tests passed' build-armhf/ctest.log 2>/dev/null | tail -1 || echo 'armhf suite did not run') on armhf"
+  "$(grep -E 'tests passed' build-armhf/ctest.log 2>/dev/null | tail -1 || echo 'armhf suite did not run') on armhf;" \
+  "$(cat build-device/marlod_unit_tests.summary 2>/dev/null || echo 'marlod_unit_tests did not run')"
 echo "== test suite"
 sed -n '/tests passed/,$p' "$suite_log"
 [ $device_build -eq 0 ] && [ $armhf -eq 0 ] && [ $device_compile -eq 0 ] && [ $sanitize -eq 0 ] && [ $fuzz -eq 0 ]
