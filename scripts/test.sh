@@ -3,8 +3,7 @@
 # check of the device build description (scripts/check-android-bp.sh), the
 # same suite built for 32-bit ARM and run under qemu-user (scripts/armhf.sh),
 # the device configuration compiled as the device compiles it
-# (scripts/device-compile.sh, which also runs the device-side test module
-# under qemu-user), the suite under the sanitizers
+# (scripts/device-compile.sh), the suite under the sanitizers
 # (scripts/sanitize.sh) and a short run of every fuzzer (scripts/fuzz.sh).
 # MARLO_QUICK=1 runs the suite only.
 #
