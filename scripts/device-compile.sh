@@ -136,3 +136,31 @@ link "$out/marlod_unit_tests" marlod_unit_tests "$out"/obj/marlod_unit_tests/*.o
   -lgtest_main -lgtest
 file "$out/marlod" "$out/marlod_unit_tests" | cut -d, -f1-2
 echo "device configuration: libmarlod, marlod and marlod_unit_tests compiled and linked for 32-bit ARM with -Werror"
+
+# Runs the linked test module under qemu-user, as the device would run it:
+# the device backend, its device paths resolved under each test's scratch
+# directory (below TMPDIR), the platform's libraries from Debian's armhf
+# packages. Writes the one-line result to $out/marlod_unit_tests.summary.
+#
+# The scratch directories are on tmpfs: the module is built as Android.bp
+# builds it, with a 32-bit off_t, and Debian's 32-bit C library then fails
+# readdir() with EOVERFLOW on ext4, whose directory offsets are 64-bit hashes
+# for a process the kernel sees as 64-bit (qemu-user's). A 32-bit kernel, and
+# the device's C library, give offsets that fit; tmpfs gives small ones.
+run_log="$out/marlod_unit_tests.log"
+scratch=$(mktemp -d /dev/shm/marlod-unit-tests.XXXXXX)
+trap 'rm -rf "$scratch"' EXIT
+status=0
+TMPDIR="$scratch" qemu-arm -L / -E "LD_LIBRARY_PATH=$android_libs" "$out/marlod_unit_tests" >"$run_log" 2>&1 ||
+  status=$?
+ran=$(sed -n 's/^\[==========\] \([0-9]*\) tests\? from .* ran\. (\([0-9]*\) ms total)$/\1 tests in \2 ms/p' "$run_log")
+passed=$(sed -n 's/^\[  PASSED  \] \([0-9]*\) tests\?\.$/\1/p' "$run_log")
+skipped=$(sed -n 's/^\[  SKIPPED \] \([0-9]*\) tests\?, listed below:$/\1/p' "$run_log")
+summary="marlod_unit_tests under qemu-user: ${passed:-0} passed, ${skipped:-0} skipped of ${ran:-no run}"
+echo "$summary" >"$out/marlod_unit_tests.summary"
+if [ "$status" -ne 0 ] || [ -z "$passed" ]; then
+  grep -E -B2 -A20 '^\[  FAILED  \]|Failure$' "$run_log" | tail -120 >&2 || tail -40 "$run_log" >&2
+  echo "FAIL: $summary" >&2
+  exit 1
+fi
+echo "$summary"

@@ -38,7 +38,8 @@ step_start=$SECONDS
 device_compile=0
 scripts/device-compile.sh || device_compile=$?
 echo "== device ABI: armhf suite under qemu-user $([ $armhf -eq 0 ] && echo passed || echo FAILED) in $armhf_time s," \
-  "device-configuration compile $([ $device_compile -eq 0 ] && echo passed || echo FAILED) in $((SECONDS - step_start)) s"
+  "device-configuration compile and device-side unit tests $([ $device_compile -eq 0 ] && echo passed || echo FAILED)" \
+  "in $((SECONDS - step_start)) s"
 sanitize=0
 scripts/sanitize.sh || sanitize=$?
 fuzz=0
@@ -47,7 +48,8 @@ echo "== device build description $([ $device_build -eq 0 ] && echo passed || ec
   "hardening: sanitizers $([ $sanitize -eq 0 ] && echo passed || echo FAILED)," \
   "fuzzers $([ $fuzz -eq 0 ] && echo passed || echo FAILED) in $((SECONDS - start)) s"
 echo "== device ABI $([ $armhf -eq 0 ] && [ $device_compile -eq 0 ] && echo passed || echo FAILED):" \
-  "$(grep -E 'tests passed' build-armhf/ctest.log 2>/dev/null | tail -1 || echo 'armhf suite did not run') on armhf"
+  "$(grep -E 'tests passed' build-armhf/ctest.log 2>/dev/null | tail -1 || echo 'armhf suite did not run') on armhf;" \
+  "$(cat build-device/marlod_unit_tests.summary 2>/dev/null || echo 'marlod_unit_tests did not run')"
 echo "$thread_safety_line"
 echo "== test suite"
 sed -n '/tests passed/,$p' "$suite_log"

@@ -1,4 +1,5 @@
-// Device backend: every call is the system call of the same name.
+// Device backend: every call is the system call of the same name. The calls
+// that take a path are in paths.cc.
 #include "platform/os.h"
 
 #include <fcntl.h>
@@ -10,7 +11,6 @@ namespace platform {
 // daemon is built for a 32-bit user space on the device.
 static_assert(sizeof(void*) == 4, "marlod must be built 32-bit for the control device's request block");
 
-int open(const char* path, int flags, mode_t mode) { return ::open(path, flags | O_CLOEXEC, mode); }
 int close(int fd) { return ::close(fd); }
 ssize_t read(int fd, void* buf, size_t count) { return ::read(fd, buf, count); }
 ssize_t pread(int fd, void* buf, size_t count, off_t offset) { return ::pread(fd, buf, count, offset); }
@@ -20,18 +20,12 @@ off_t lseek(int fd, off_t offset, int whence) { return ::lseek(fd, offset, whenc
 int ftruncate(int fd, off_t length) { return ::ftruncate(fd, length); }
 int fsync(int fd) { return ::fsync(fd); }
 int fdatasync(int fd) { return ::fdatasync(fd); }
-int rename(const char* from, const char* to) { return ::rename(from, to); }
-int unlink(const char* path) { return ::unlink(path); }
 int poll(struct pollfd* fds, nfds_t nfds, int timeout_ms) { return ::poll(fds, nfds, timeout_ms); }
 int ioctl(int fd, unsigned long request, void* arg) { return ::ioctl(fd, request, arg); }
 int pipe(int fds[2]) { return ::pipe2(fds, O_CLOEXEC); }
 int fcntl(int fd, int cmd, int arg) { return ::fcntl(fd, cmd, arg); }
-int access(const char* path, int mode) { return ::access(path, mode); }
-DIR* opendir(const char* path) { return ::opendir(path); }
-FILE* fopen(const char* path, const char* mode) { return ::fopen(path, mode); }
 unsigned int sleep(unsigned int seconds) { return ::sleep(seconds); }
 int usleep(useconds_t usec) { return ::usleep(usec); }
-std::string path(const std::string& device_path) { return device_path; }
 uint32_t user_word(void* p) { return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(p)); }
 
 }  // namespace platform

@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include "platform/os.h"
+#include "platform/scratch_root.h"
 
 namespace platform::host {
 
@@ -29,6 +30,15 @@ double time_scale() {
 namespace platform {
 
 std::string path(const std::string& device_path) { return host::resolve(device_path.c_str()); }
+
+// The scratch root of a test is the virtual device's root.
+void set_scratch_root(const std::string& dir) {
+  if (dir.empty()) {
+    ::unsetenv("MARLO_ROOT");
+  } else {
+    ::setenv("MARLO_ROOT", dir.c_str(), 1);
+  }
+}
 
 int access(const char* path, int mode) { return ::access(host::resolve(path).c_str(), mode); }
 

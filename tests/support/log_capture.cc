@@ -1,17 +1,13 @@
+// What LogCapture collected; the capture itself is log_capture_host.cc or
+// log_capture_device.cc, after the backend.
 #include "support/log_capture.h"
-
-#include "platform/host_testing.h"
 
 namespace marlo::test {
 
-LogCapture::LogCapture() {
-  platform::host::set_log_sink([this](int prio, const char* tag, const char* msg) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    entries_.push_back(LogEntry{prio, tag != nullptr, tag != nullptr ? tag : "", msg});
-  });
+void LogCapture::add(int prio, const char* tag, const char* msg) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  entries_.push_back(LogEntry{prio, tag != nullptr, tag != nullptr ? tag : "", msg});
 }
-
-LogCapture::~LogCapture() { platform::host::set_log_sink({}); }
 
 std::vector<LogEntry> LogCapture::entries() const {
   std::lock_guard<std::mutex> lock(mutex_);

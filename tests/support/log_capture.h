@@ -29,6 +29,9 @@ class LogCapture {
   bool find(const std::string& text, LogEntry* entry) const;
 
  private:
+  // Called by the backend's log for each entry while the object lives.
+  void add(int prio, const char* tag, const char* msg);
+
   mutable std::mutex mutex_;
   std::vector<LogEntry> entries_;
 };

@@ -1,5 +1,6 @@
 #include "support/test_root.h"
 
+#include <gtest/gtest.h>
 #include <stdlib.h>
 
 #include <filesystem>
@@ -7,21 +8,24 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "platform/scratch_root.h"
+
 namespace fs = std::filesystem;
 
 namespace marlo::test {
 
 TestRoot::TestRoot(double time_scale) {
-  std::string pattern = (fs::temp_directory_path() / "marlo-root-XXXXXX").string();
+  // The test's temporary directory: /data/local/tmp/ or the test harness's on a device.
+  std::string pattern = (fs::path(::testing::TempDir()) / "marlo-root-XXXXXX").string();
   if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
   path_ = pattern;
-  ::setenv("MARLO_ROOT", path_.c_str(), 1);
+  platform::set_scratch_root(path_);
   ::setenv("MARLO_TIME_SCALE", std::to_string(time_scale).c_str(), 1);
   mkdir("/dev/__properties__");
 }
 
 TestRoot::~TestRoot() {
-  ::unsetenv("MARLO_ROOT");
+  platform::set_scratch_root("");
   ::unsetenv("MARLO_TIME_SCALE");
   std::error_code ignored;
   fs::remove_all(path_, ignored);

@@ -1,6 +1,8 @@
-// A fresh virtual-device root for one test: a temporary directory that
-// MARLO_ROOT names while the object lives, with the time scale set so that
-// the daemon's fixed sleeps take a thousandth of their time.
+// A fresh device root for one test: a temporary directory under which the
+// daemon's device paths resolve while the object lives (the scratch root of
+// platform/scratch_root.h: MARLO_ROOT on the host backend, the test module's
+// prefix on a device), with the host backend's time scale set so that the
+// daemon's fixed sleeps take a thousandth of their time.
 #pragma once
 
 #include <string>
