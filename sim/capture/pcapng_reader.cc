@@ -4,15 +4,14 @@
 #include <iterator>
 
 #include "common/le32.h"
+#include "sim/capture/pcapng_format.h"
 
 namespace marlo::sim {
 
 namespace {
 
-constexpr uint32_t kShbType = 0x0a0d0d0a;
-constexpr uint32_t kIdbType = 0x00000001;
-constexpr uint32_t kEpbType = 0x00000006;
-constexpr uint32_t kByteOrderMagic = 0x1a2b3c4d;
+using namespace pcapng;
+
 // Larger than any message of the virtual device (1 MiB) plus its framing.
 constexpr uint32_t kMaxBlock = (1u << 20) + 4096;
 

@@ -1,15 +1,14 @@
 #include "sim/capture/pcapng_writer.h"
 
 #include "common/le32.h"
+#include "sim/capture/pcapng_format.h"
 
 namespace marlo::sim {
 
 namespace {
 
-constexpr uint32_t kShbType = 0x0a0d0d0a;
-constexpr uint32_t kIdbType = 0x00000001;
-constexpr uint32_t kEpbType = 0x00000006;
-constexpr uint32_t kByteOrderMagic = 0x1a2b3c4d;
+using namespace pcapng;
+
 
 void append_u16(std::vector<uint8_t>& out, uint16_t v) {
   out.push_back(static_cast<uint8_t>(v));

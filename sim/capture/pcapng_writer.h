@@ -2,12 +2,7 @@
 // Blocks, Enhanced Packet Blocks, little-endian, each block written and
 // flushed whole. Not thread-safe: the session capture serialises the calls.
 //
-// Block layout (every length in bytes, every block padded to 4 bytes):
-//   SHB 0x0a0d0d0a: len | magic 0x1a2b3c4d | major 1 | minor 0 | section length -1 | options | len
-//   IDB 0x00000001: len | link type u16 | reserved u16 | snaplen u32 | options | len
-//   EPB 0x00000006: len | interface u32 | timestamp high u32 | low u32 (µs since the epoch) |
-//                   captured length u32 | original length u32 | data, padded | options | len
-// Options: code u16 | length u16 | value padded to 4 bytes, ended by opt_endofopt (0, 0).
+// The block layout is in pcapng_format.h.
 //
 // Debian's libpcap writes packets only through its dump API, which produces
 // the older pcap format with one link type per file, so it cannot hold the
