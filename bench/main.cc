@@ -35,6 +35,7 @@ struct SizeRow {
   uint32_t mib = 0;
   marlo::bench::DaemonDownload daemon;
   marlo::bench::DownloadFigures minimal;
+  marlo::bench::DaemonDownload floor;
 };
 
 double seconds_per_fragment(const marlo::bench::DownloadFigures& f) {
@@ -55,17 +56,25 @@ void print_rows(const SizeRow& row) {
               row.daemon.vm_hwm / kMiB, row.daemon.image_bytes / kMiB);
   std::printf("%-5u %-8s %8.1f %8.2f %6s %9s %7.1f %7.1f\n", row.mib, "minimal", m.mib_per_second(), m.ms_per_mib(),
               "", "", m.median_us, m.p99_us);
+  const marlo::bench::DownloadFigures& f = row.floor.figures;
+  const double floor_ratio = d.ms_per_mib() > 0 ? f.ms_per_mib() / d.ms_per_mib() : 0;
+  const double floor_logs = f.fragments > 0 ? static_cast<double>(row.floor.log_entries) / f.fragments : 0;
+  std::printf("%-5u %-8s %8.1f %8.2f %6.2f %9.1f %7.1f %7.1f %6.1f  %.1f / %.1f\n", row.mib, "floor",
+              f.mib_per_second(), f.ms_per_mib(), floor_ratio, (seconds_per_fragment(d) - seconds_per_fragment(f)) * 1e6,
+              f.median_us, f.p99_us, floor_logs, row.floor.vm_hwm / kMiB, row.floor.image_bytes / kMiB);
 }
 
-double ratio_of_totals(const std::vector<SizeRow>& rows) {
-  double daemon_bytes = 0, daemon_seconds = 0, minimal_bytes = 0, minimal_seconds = 0;
+// The daemon's throughput over all sizes together over that of `other`.
+template <typename Other>
+double ratio_of_totals(const std::vector<SizeRow>& rows, Other other) {
+  double daemon_bytes = 0, daemon_seconds = 0, other_bytes = 0, other_seconds = 0;
   for (const SizeRow& row : rows) {
     daemon_bytes += row.daemon.figures.bytes;
     daemon_seconds += row.daemon.figures.phase_seconds;
-    minimal_bytes += row.minimal.bytes;
-    minimal_seconds += row.minimal.phase_seconds;
+    other_bytes += other(row).bytes;
+    other_seconds += other(row).phase_seconds;
   }
-  return (daemon_bytes / daemon_seconds) / (minimal_bytes / minimal_seconds);
+  return (daemon_bytes / daemon_seconds) / (other_bytes / other_seconds);
 }
 
 // The run whose `key` is the median of all runs.
@@ -95,6 +104,7 @@ std::vector<uint32_t> parse_sizes(const std::string& text) {
 
 int main(int argc, char** argv) {
   std::string marlod = marlo::sim::default_marlod_path();
+  std::string floor = marlo::bench::default_floor_path();
   std::vector<uint32_t> sizes = {1, 16, 64};
   bool pinned = true;
   for (int i = 1; i < argc; ++i) {
@@ -122,15 +132,19 @@ int main(int argc, char** argv) {
     for (uint32_t mib : sizes) {
       std::vector<marlo::bench::DaemonDownload> daemon_runs;
       std::vector<marlo::bench::DownloadFigures> minimal_runs;
+      std::vector<marlo::bench::DaemonDownload> floor_runs;
+      // Interleaved: a slow spell of the machine falls on all three hosts.
       for (int run = 0; run < kRuns; ++run) {
         daemon_runs.push_back(marlo::bench::run_daemon_download(marlod, mib << 20));
         minimal_runs.push_back(marlo::bench::run_min_responder_download(mib << 20));
+        floor_runs.push_back(marlo::bench::run_floor_download(floor, mib << 20));
       }
       SizeRow row;
       row.mib = mib;
       row.daemon = median_run(daemon_runs, [](const auto& r) { return r.figures.phase_seconds; });
       for (const auto& run : daemon_runs) row.daemon.vm_hwm = std::max(row.daemon.vm_hwm, run.vm_hwm);
       row.minimal = median_run(minimal_runs, [](const auto& r) { return r.phase_seconds; });
+      row.floor = median_run(floor_runs, [](const auto& r) { return r.figures.phase_seconds; });
       rows.push_back(row);
     }
     const marlo::bench::RmaFigures rma = marlo::bench::run_rma_writes(marlod, kRmaPartitionBytes);
@@ -148,16 +162,19 @@ int main(int argc, char** argv) {
       print_rows(row);
     }
     const double growth = rows.back().daemon.figures.ms_per_mib() / rows.front().daemon.figures.ms_per_mib();
-    const double dfu_ratio = ratio_of_totals(rows);
+    const double dfu_ratio = ratio_of_totals(rows, [](const SizeRow& r) { return r.minimal; });
+    const double dfu_floor_ratio = ratio_of_totals(rows, [](const SizeRow& r) { return r.floor.figures; });
     const double rma_ratio = rma.daemon_blocks_per_second / rma.plain_blocks_per_second;
+    const std::string instr_ratio = "n/a";
     std::printf("\nRMA DATA_WRITE, %d blocks of 4 KiB: marlod %.0f blocks/s, write+fdatasync loop %.0f blocks/s\n",
                 rma.blocks, rma.daemon_blocks_per_second, rma.plain_blocks_per_second);
     const SizeRow& largest = rows.back();
     const double added_us =
         (seconds_per_fragment(largest.daemon.figures) - seconds_per_fragment(largest.minimal)) * 1e6;
-    std::printf("\ndfu_ratio=%.2f per_mib_growth=%.2f rss_over_images_mib=%.1f rma_ratio=%.2f "
-                "added_us_per_request=%.1f\n",
-                dfu_ratio, growth, rss_over_images, rma_ratio, added_us);
+    std::printf("added_us_per_request=%.1f (over the minimal responder, at the largest size)\n", added_us);
+    std::printf("\ndfu_ratio=%.2f dfu_floor_ratio=%.2f instr_ratio=%s rma_ratio=%.2f per_mib_growth=%.2f "
+                "rss_over_images_mib=%.1f\n",
+                dfu_ratio, dfu_floor_ratio, instr_ratio.c_str(), rma_ratio, growth, rss_over_images);
   } catch (const std::exception& e) {
     std::fprintf(stderr, "marlo-bench: %s\n", e.what());
     return 1;
