@@ -18,7 +18,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <map>
 #include <string>
 #include <vector>
@@ -49,9 +48,10 @@ unsigned long long address_of(const void* p) { return static_cast<unsigned long 
 std::map<uint32_t, std::vector<uint8_t>> load_images(const std::string& dir) {
   std::map<uint32_t, std::vector<uint8_t>> images;
   for (const auto& file : std::filesystem::directory_iterator(dir)) {
-    std::ifstream in(file.path(), std::ios::binary);
-    images[static_cast<uint32_t>(std::stoul(file.path().filename().string()))] =
-        std::vector<uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    std::vector<uint8_t> bytes(std::filesystem::file_size(file.path()));
+    std::ifstream(file.path(), std::ios::binary)
+        .read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    images[static_cast<uint32_t>(std::stoul(file.path().filename().string()))] = std::move(bytes);
   }
   return images;
 }

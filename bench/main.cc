@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "bench/download_runs.h"
+#include "bench/instruction_counts.h"
 #include "bench/placement.h"
 #include "bench/rma_run.h"
 #include "sim/daemon_process.h"
@@ -107,15 +108,24 @@ int main(int argc, char** argv) {
   std::string floor = marlo::bench::default_floor_path();
   std::vector<uint32_t> sizes = {1, 16, 64};
   bool pinned = true;
+  bool instructions_only = false;
+  std::string profiles_dir;
   for (int i = 1; i < argc; ++i) {
     if (std::strcmp(argv[i], "--marlod") == 0 && i + 1 < argc) {
       marlod = argv[++i];
+    } else if (std::strcmp(argv[i], "--instructions") == 0) {
+      instructions_only = true;
+    } else if (std::strcmp(argv[i], "--profiles") == 0 && i + 1 < argc) {
+      profiles_dir = argv[++i];
     } else if (std::strcmp(argv[i], "--unpinned") == 0) {
       pinned = false;
     } else if (std::strcmp(argv[i], "--sizes") == 0 && i + 1 < argc && !(sizes = parse_sizes(argv[++i])).empty()) {
       continue;
     } else {
-      std::fprintf(stderr, "usage: %s [--marlod PATH] [--sizes MIB,MIB,...] [--unpinned]\n", argv[0]);
+      std::fprintf(stderr,
+                   "usage: %s [--marlod PATH] [--sizes MIB,MIB,...] [--unpinned] [--instructions] "
+                   "[--profiles DIR]\n",
+                   argv[0]);
       return 2;
     }
   }
@@ -128,6 +138,18 @@ int main(int argc, char** argv) {
     }
   }
   try {
+    // Counted first, on a machine the timed runs have not yet warmed.
+    const marlo::bench::InstructionFigures instructions =
+        marlo::bench::count_instructions(marlod, floor, profiles_dir);
+    char instr_ratio[32];
+    std::snprintf(instr_ratio, sizeof(instr_ratio), "%.2f",
+                  instructions.daemon_per_request / instructions.floor_per_request);
+    std::printf("Instructions per IMG_OFFSET request (callgrind, all threads): marlod %.0f, floor %.0f\n",
+                instructions.daemon_per_request, instructions.floor_per_request);
+    if (instructions_only) {
+      std::printf("\ninstr_ratio=%s\n", instr_ratio);
+      return 0;
+    }
     std::vector<SizeRow> rows;
     for (uint32_t mib : sizes) {
       std::vector<marlo::bench::DaemonDownload> daemon_runs;
@@ -165,7 +187,6 @@ int main(int argc, char** argv) {
     const double dfu_ratio = ratio_of_totals(rows, [](const SizeRow& r) { return r.minimal; });
     const double dfu_floor_ratio = ratio_of_totals(rows, [](const SizeRow& r) { return r.floor.figures; });
     const double rma_ratio = rma.daemon_blocks_per_second / rma.plain_blocks_per_second;
-    const std::string instr_ratio = "n/a";
     std::printf("\nRMA DATA_WRITE, %d blocks of 4 KiB: marlod %.0f blocks/s, write+fdatasync loop %.0f blocks/s\n",
                 rma.blocks, rma.daemon_blocks_per_second, rma.plain_blocks_per_second);
     const SizeRow& largest = rows.back();
@@ -174,7 +195,7 @@ int main(int argc, char** argv) {
     std::printf("added_us_per_request=%.1f (over the minimal responder, at the largest size)\n", added_us);
     std::printf("\ndfu_ratio=%.2f dfu_floor_ratio=%.2f instr_ratio=%s rma_ratio=%.2f per_mib_growth=%.2f "
                 "rss_over_images_mib=%.1f\n",
-                dfu_ratio, dfu_floor_ratio, instr_ratio.c_str(), rma_ratio, growth, rss_over_images);
+                dfu_ratio, dfu_floor_ratio, instr_ratio, rma_ratio, growth, rss_over_images);
   } catch (const std::exception& e) {
     std::fprintf(stderr, "marlo-bench: %s\n", e.what());
     return 1;
