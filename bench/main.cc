@@ -1,14 +1,19 @@
 // marlo-bench: the download path of build/marlod against the link's own
-// limit, measured in one run on one machine, and its RMA writes against a
-// plain synchronous write loop. Prints a table and, last, one line of key
-// figures.
+// limit and against the conformant floor (build/marlo-floor, the least any
+// daemon that does what the system requires can do per request), measured
+// in one run on one machine; instructions per request of both under
+// callgrind; and its RMA writes against a plain synchronous write loop.
+// Prints a table and, last, one line of key figures.
 //
 //   build/marlo-bench [--marlod PATH] [--sizes MIB,MIB,...] [--unpinned]
+//                     [--instructions] [--profiles DIR]
 //
 // --marlod runs another executable as the daemon (a profiler wrapping it,
-// say); --sizes downloads other image sizes (default 1,16,64; at most 64);
-// --unpinned leaves the placement of threads to the scheduler instead of
-// running everything on one processor (bench/placement.h).
+// say; the instruction counts are then those of the wrapper); --sizes
+// downloads other image sizes (default 1,16,64; at most 64); --unpinned
+// leaves the placement of threads to the scheduler instead of running
+// everything on one processor (bench/placement.h); --instructions only
+// counts instructions; --profiles keeps the callgrind profiles in DIR.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -45,7 +50,7 @@ double seconds_per_fragment(const marlo::bench::DownloadFigures& f) {
 
 // The daemon's row carries what it is compared on: the ratio to the minimal
 // responder, the time it adds to each request, its log entries per request
-// and its memory.
+// and its memory; the floor's row the same against the floor.
 void print_rows(const SizeRow& row) {
   const marlo::bench::DownloadFigures& d = row.daemon.figures;
   const marlo::bench::DownloadFigures& m = row.minimal;
@@ -60,9 +65,10 @@ void print_rows(const SizeRow& row) {
   const marlo::bench::DownloadFigures& f = row.floor.figures;
   const double floor_ratio = d.ms_per_mib() > 0 ? f.ms_per_mib() / d.ms_per_mib() : 0;
   const double floor_logs = f.fragments > 0 ? static_cast<double>(row.floor.log_entries) / f.fragments : 0;
-  std::printf("%-5u %-8s %8.1f %8.2f %6.2f %9.1f %7.1f %7.1f %6.1f  %.1f / %.1f\n", row.mib, "floor",
-              f.mib_per_second(), f.ms_per_mib(), floor_ratio, (seconds_per_fragment(d) - seconds_per_fragment(f)) * 1e6,
-              f.median_us, f.p99_us, floor_logs, row.floor.vm_hwm / kMiB, row.floor.image_bytes / kMiB);
+  // The floor leaves right after its session, usually before its memory can be read.
+  std::printf("%-5u %-8s %8.1f %8.2f %6.2f %9.1f %7.1f %7.1f %6.1f\n", row.mib, "floor", f.mib_per_second(),
+              f.ms_per_mib(), floor_ratio, (seconds_per_fragment(d) - seconds_per_fragment(f)) * 1e6, f.median_us,
+              f.p99_us, floor_logs);
 }
 
 // The daemon's throughput over all sizes together over that of `other`.
@@ -172,9 +178,9 @@ int main(int argc, char** argv) {
     const marlo::bench::RmaFigures rma = marlo::bench::run_rma_writes(marlod, kRmaPartitionBytes);
 
     std::printf("DFU image phase, 4 KiB fragments, %s; median of %d runs\n", placement.c_str(), kRuns);
-    std::printf("(ratio: of the minimal responder's time per MiB; added: time the daemon adds per request; "
-                "latency: request sent to answer received; logs: daemon log entries per request; "
-                "peak RSS: the largest of the runs)\n");
+    std::printf("(ratio: the other host's time per MiB over the daemon's; added: time the daemon adds per request "
+                "over the other host; latency: request sent to answer received; logs: log entries per request; "
+                "peak RSS: the daemon's, the largest of the runs)\n");
     std::printf("%-5s %-8s %8s %8s %6s %9s %7s %7s %6s  %s\n", "MiB", "host", "MiB/s", "ms/MiB", "ratio", "added_us",
                 "med_us", "p99_us", "logs", "peak RSS / images (MiB)");
     double rss_over_images = 0;
