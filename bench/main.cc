@@ -6,14 +6,15 @@
 // Prints a table and, last, one line of key figures.
 //
 //   build/marlo-bench [--marlod PATH] [--sizes MIB,MIB,...] [--unpinned]
-//                     [--instructions] [--profiles DIR]
+//                     [--instructions] [--rma] [--profiles DIR]
 //
 // --marlod runs another executable as the daemon (a profiler wrapping it,
 // say; the instruction counts are then those of the wrapper); --sizes
 // downloads other image sizes (default 1,16,64; at most 64); --unpinned
 // leaves the placement of threads to the scheduler instead of running
 // everything on one processor (bench/placement.h); --instructions only
-// counts instructions; --profiles keeps the callgrind profiles in DIR.
+// counts instructions; --rma only measures the RMA writes; --profiles keeps
+// the callgrind profiles in DIR.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -115,12 +116,15 @@ int main(int argc, char** argv) {
   std::vector<uint32_t> sizes = {1, 16, 64};
   bool pinned = true;
   bool instructions_only = false;
+  bool rma_only = false;
   std::string profiles_dir;
   for (int i = 1; i < argc; ++i) {
     if (std::strcmp(argv[i], "--marlod") == 0 && i + 1 < argc) {
       marlod = argv[++i];
     } else if (std::strcmp(argv[i], "--instructions") == 0) {
       instructions_only = true;
+    } else if (std::strcmp(argv[i], "--rma") == 0) {
+      rma_only = true;
     } else if (std::strcmp(argv[i], "--profiles") == 0 && i + 1 < argc) {
       profiles_dir = argv[++i];
     } else if (std::strcmp(argv[i], "--unpinned") == 0) {
@@ -130,7 +134,7 @@ int main(int argc, char** argv) {
     } else {
       std::fprintf(stderr,
                    "usage: %s [--marlod PATH] [--sizes MIB,MIB,...] [--unpinned] [--instructions] "
-                   "[--profiles DIR]\n",
+                   "[--rma] [--profiles DIR]\n",
                    argv[0]);
       return 2;
     }
@@ -144,6 +148,13 @@ int main(int argc, char** argv) {
     }
   }
   try {
+    if (rma_only) {
+      const marlo::bench::RmaFigures rma = marlo::bench::run_rma_writes(marlod, kRmaPartitionBytes);
+      std::printf("RMA DATA_WRITE, %d blocks of 4 KiB: marlod %.0f blocks/s, write+fdatasync loop %.0f blocks/s\n",
+                  rma.blocks, rma.daemon_blocks_per_second, rma.plain_blocks_per_second);
+      std::printf("\nrma_ratio=%.2f\n", rma.daemon_blocks_per_second / rma.plain_blocks_per_second);
+      return 0;
+    }
     // Counted first, on a machine the timed runs have not yet warmed.
     const marlo::bench::InstructionFigures instructions =
         marlo::bench::count_instructions(marlod, floor, profiles_dir);
