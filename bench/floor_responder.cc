@@ -9,9 +9,16 @@
 // the same texts, as the daemon at its production level. It answers from
 // images read before the session starts (MARLO_ROOT/sim/floor/<image id>),
 // like the minimal responder, and ends after SESSION_END_REQ.
+//
+// When MARLO_ROOT/sim/floor-misc exists it pushes the misc-data packets
+// found there instead (in the order of their names), as the daemon sends
+// them: per packet the same log entries, the wakelock held from the write to
+// the answer (one write to each wakelock file), the write, and the 24-byte
+// answer read after a poll.
 #include <fcntl.h>
 #include <poll.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -193,6 +200,60 @@ class Floor {
   int pipe_[2] = {-1, -1};
 };
 
+// The misc-data push of the floor; false when a packet is not accepted.
+bool push_misc(const std::string& dir) {
+  std::vector<std::filesystem::path> names;
+  for (const auto& file : std::filesystem::directory_iterator(dir)) names.push_back(file.path());
+  std::sort(names.begin(), names.end());
+  const int lock_fd = platform::open("/sys/power/wake_lock", O_RDWR | O_CLOEXEC);
+  const int unlock_fd = platform::open("/sys/power/wake_unlock", O_RDWR | O_CLOEXEC);
+  const int channel = platform::open("/dev/glink_pkt_marlo_custom_data", O_RDWR | O_CLOEXEC);
+  if (channel < 0) return false;
+  const unsigned long long self = address_of(&names);
+  std::vector<uint8_t> packet;
+  int sequence = 0;
+  for (const auto& name : names) {
+    packet.resize(std::filesystem::file_size(name));
+    std::ifstream(name, std::ios::binary)
+        .read(reinterpret_cast<char*>(packet.data()), static_cast<std::streamsize>(packet.size()));
+    FLOOR_LOG(DEBUG, "prepare_send_data_buffer", 172, "%s %d Buffer with payload size :%d ", "prepare_send_data_buffer",
+              ++sequence, static_cast<int>(packet.size() - 16));
+    FLOOR_LOG(DEBUG, "send_data_to_aon", 218, "send_data_to_aon");
+    FLOOR_LOG(DEBUG, "send_request", 199, "GLINK_int conn = 0x%llx is sending request", self);
+    FLOOR_LOG(DEBUG, "glink_write", 137,
+              "GLINK_int conn = 0x%llx write fd = %d buf_len = %zu, waiting for _s_glink_read_mutex", self, channel,
+              packet.size());
+    FLOOR_LOG(DEBUG, "glink_write", 145, "acquiring wakelock");
+    if (platform::write(lock_fd, kLockName, std::strlen(kLockName) + 1) >= 1) {
+      FLOOR_LOG(VERBOSE, "acquire", 108, "sucess wakelock acquire:%s", kLockName);
+    }
+    const ssize_t n = platform::write(channel, packet.data(), packet.size());
+    if (n != static_cast<ssize_t>(packet.size())) return false;
+    FLOOR_LOG(DEBUG, "glink_write", 158, "GLINK_int conn = 0x%llx partial bytes written= %d", self, static_cast<int>(n));
+    FLOOR_LOG(INFO, "glink_write", 184, "GLINK_int conn = 0x%llx complete bytes written= %d retries %d", self,
+              static_cast<int>(n), 0);
+    FLOOR_LOG(DEBUG, "glink_write", 188, "releasing wakelock");
+    FLOOR_LOG(VERBOSE, "release", 123, "sucess release %s wakelock", kLockName);
+    FLOOR_LOG(DEBUG, "read_response", 226, "acquiring wakelock");
+    FLOOR_LOG(VERBOSE, "acquire", 108, "sucess wakelock acquire:%s", kLockName);
+    struct pollfd entry = {channel, POLLIN | POLLHUP, 0};
+    uint8_t answer[24] = {};
+    size_t got = 0;
+    while (got < sizeof(answer)) {
+      if (platform::poll(&entry, 1, 2000) < 1 || !(entry.revents & POLLIN)) return false;
+      const ssize_t r = platform::read(channel, answer + got, sizeof(answer) - got);
+      if (r <= 0) return false;
+      got += static_cast<size_t>(r);
+    }
+    FLOOR_LOG(DEBUG, "read_response", 248, "releasing wakelock");
+    if (platform::write(unlock_fd, kLockName, std::strlen(kLockName) + 1) >= 1) {
+      FLOOR_LOG(VERBOSE, "release", 123, "sucess release %s wakelock", kLockName);
+    }
+    if (marlo::get_le32(answer + 16) != 0) return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 int main() {
@@ -201,6 +262,8 @@ int main() {
     std::fprintf(stderr, "marlo-floor: MARLO_ROOT is not set\n");
     return 2;
   }
+  const std::string misc_dir = std::string(root) + "/sim/floor-misc";
+  if (std::filesystem::is_directory(misc_dir)) return push_misc(misc_dir) ? 0 : 1;
   Floor floor(load_images(std::string(root) + "/sim/floor"));
   if (!floor.open()) {
     std::fprintf(stderr, "marlo-floor: cannot open the DFU channel\n");

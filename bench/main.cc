@@ -25,6 +25,7 @@
 
 #include "bench/download_runs.h"
 #include "bench/instruction_counts.h"
+#include "bench/misc_run.h"
 #include "bench/placement.h"
 #include "bench/rma_run.h"
 #include "sim/daemon_process.h"
@@ -34,6 +35,7 @@ namespace {
 constexpr double kMiB = 1048576.0;
 constexpr uint32_t kMaxSizeMiB = 64;  // the virtual flash's largest image
 constexpr uint32_t kRmaPartitionBytes = 1u << 20;
+constexpr uint32_t kMiscFirmwareBytes = 1u << 20;
 // Each download is run this many times and the run of median image-phase
 // time is shown: one scheduling hiccup must not make a short run's figure.
 constexpr int kRuns = 3;
@@ -187,6 +189,7 @@ int main(int argc, char** argv) {
       rows.push_back(row);
     }
     const marlo::bench::RmaFigures rma = marlo::bench::run_rma_writes(marlod, kRmaPartitionBytes);
+    const marlo::bench::MiscFigures misc = marlo::bench::run_misc_push(marlod, floor, kMiscFirmwareBytes);
 
     std::printf("DFU image phase, 4 KiB fragments, %s; median of %d runs\n", placement.c_str(), kRuns);
     std::printf("(ratio: the other host's time per MiB over the daemon's; added: time the daemon adds per request "
@@ -209,6 +212,9 @@ int main(int argc, char** argv) {
     const SizeRow& largest = rows.back();
     const double added_us =
         (seconds_per_fragment(largest.daemon.figures) - seconds_per_fragment(largest.minimal)) * 1e6;
+    std::printf("Misc-data push, %d packets, %.2f MiB: marlod %.1f MiB/s, floor %.1f MiB/s, misc_floor_ratio=%.2f\n",
+                misc.packets, misc.bytes / kMiB, misc.bytes / kMiB / misc.daemon_seconds,
+                misc.bytes / kMiB / misc.floor_seconds, misc.floor_seconds / misc.daemon_seconds);
     std::printf("added_us_per_request=%.1f (over the minimal responder, at the largest size)\n", added_us);
     std::printf("\ndfu_ratio=%.2f dfu_floor_ratio=%.2f instr_ratio=%s rma_ratio=%.2f per_mib_growth=%.2f "
                 "rss_over_images_mib=%.1f\n",
