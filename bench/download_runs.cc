@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <stdexcept>
@@ -69,7 +70,8 @@ void stop_daemon(sim::DaemonProcess& daemon) {
   daemon.kill();
 }
 
-DaemonDownload run_daemon_download(const std::string& marlod, uint32_t flash_bytes) {
+DaemonDownload run_daemon_download(const std::string& marlod, uint32_t flash_bytes,
+                                   const std::vector<std::string>& launcher) {
   LargeRoot made = make_large_root(flash_bytes);
   sim::set_property(made.root, "persist.vendor.zt_aon.dfu_update", "1");
   FragmentRecorder recorder;
@@ -80,7 +82,9 @@ DaemonDownload run_daemon_download(const std::string& marlod, uint32_t flash_byt
     options.dfu.on_fragment = recorder.hook();
     sim::VirtualDevice device(made.root, options);
     const std::string log_file = made.root + "/sim/marlod.log";
-    sim::DaemonProcess daemon(daemon_settings(marlod, made.root, log_file));
+    sim::DaemonSettings settings = daemon_settings(marlod, made.root, log_file);
+    if (!launcher.empty()) settings.launcher = launcher;
+    sim::DaemonProcess daemon(settings);
     std::string error;
     if (!daemon.start(&error)) throw std::runtime_error(error);
     const bool finished = wait_until([&] { return device.dfu().status().sessions_completed >= 1; },
@@ -120,6 +124,56 @@ DownloadFigures run_min_responder_download(uint32_t flash_bytes) {
   }
   remove_root(made.root);
   return recorder.figures();
+}
+
+}  // namespace marlo::bench
+
+namespace marlo::bench {
+
+std::string default_floor_path() {
+  return (std::filesystem::path(sim::default_marlod_path()).parent_path() / "marlo-floor").string();
+}
+
+DaemonDownload run_floor_download(const std::string& floor, uint32_t flash_bytes,
+                                  const std::vector<std::string>& launcher) {
+  LargeRoot made = make_large_root(flash_bytes);
+  // The floor's images, one file per image id, read before its session.
+  const std::string image_dir = made.root + "/sim/floor";
+  std::filesystem::create_directories(image_dir);
+  for (const auto& [id, image] : made.set.images) {
+    std::ofstream(image_dir + "/" + std::to_string(id), std::ios::binary)
+        .write(reinterpret_cast<const char*>(image.data()), static_cast<std::streamsize>(image.size()));
+  }
+  FragmentRecorder recorder;
+  DaemonDownload result;
+  result.image_bytes = made.image_bytes;
+  {
+    sim::EventLog log;
+    sim::VirtualFlash flash(made.root + "/sim/flash");
+    sim::DfuConfig config;
+    config.image_ids = made.set.image_ids();
+    config.on_fragment = recorder.hook();
+    sim::DfuCoprocessor dfu(made.root, flash, log, config);
+    dfu.start();
+    const std::string log_file = made.root + "/sim/floor.log";
+    sim::DaemonSettings settings = daemon_settings(floor, made.root, log_file);
+    if (!launcher.empty()) settings.launcher = launcher;
+    sim::DaemonProcess process(settings);
+    std::string error;
+    if (!process.start(&error)) throw std::runtime_error(error);
+    const bool finished =
+        wait_until([&] { return dfu.status().sessions_completed >= 1; }, [&] { return process.alive(); });
+    if (!finished) throw std::runtime_error("the floor's download failed; root kept: " + made.root);
+    result.vm_hwm = peak_resident_bytes(process.pid());
+    // It leaves by itself after the session's end; a profiler around it
+    // writes its output on the way out.
+    wait_until([&] { return !process.alive(); }, [] { return true; });
+    stop_daemon(process);
+    result.log_entries = count_lines(log_file);
+  }
+  result.figures = recorder.figures();
+  remove_root(made.root);
+  return result;
 }
 
 }  // namespace marlo::bench

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "bench/fragment_recorder.h"
 #include "sim/daemon_process.h"
@@ -19,7 +20,9 @@ struct DaemonDownload {
 
 // build/marlod as a process against a virtual device whose flash.bin has
 // `flash_bytes`; throws std::runtime_error when the download does not finish.
-DaemonDownload run_daemon_download(const std::string& marlod, uint32_t flash_bytes);
+// `launcher` runs it under another program (a profiler) when not empty.
+DaemonDownload run_daemon_download(const std::string& marlod, uint32_t flash_bytes,
+                                   const std::vector<std::string>& launcher = {});
 
 // How the benchmark runs `marlod` on a device root: as under init, standard
 // error going nowhere and the log going to `log_file`; the fixed waits
@@ -31,5 +34,14 @@ void stop_daemon(sim::DaemonProcess& daemon);
 
 // The same images and the same virtual co-processor, answered by MinResponder.
 DownloadFigures run_min_responder_download(uint32_t flash_bytes);
+
+// The same again, answered by the conformant floor `floor` (build/marlo-floor)
+// started as a process like the daemon. `launcher` runs it under another
+// program (a profiler) when not empty.
+DaemonDownload run_floor_download(const std::string& floor, uint32_t flash_bytes,
+                                  const std::vector<std::string>& launcher = {});
+
+// The floor next to this program's executable.
+std::string default_floor_path();
 
 }  // namespace marlo::bench

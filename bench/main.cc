@@ -1,14 +1,20 @@
 // marlo-bench: the download path of build/marlod against the link's own
-// limit, measured in one run on one machine, and its RMA writes against a
-// plain synchronous write loop. Prints a table and, last, one line of key
-// figures.
+// limit and against the conformant floor (build/marlo-floor, the least any
+// daemon that does what the system requires can do per request), measured
+// in one run on one machine; instructions per request of both under
+// callgrind; and its RMA writes against a plain synchronous write loop.
+// Prints a table and, last, one line of key figures.
 //
 //   build/marlo-bench [--marlod PATH] [--sizes MIB,MIB,...] [--unpinned]
+//                     [--instructions] [--rma] [--profiles DIR]
 //
 // --marlod runs another executable as the daemon (a profiler wrapping it,
-// say); --sizes downloads other image sizes (default 1,16,64; at most 64);
-// --unpinned leaves the placement of threads to the scheduler instead of
-// running everything on one processor (bench/placement.h).
+// say; the instruction counts are then those of the wrapper); --sizes
+// downloads other image sizes (default 1,16,64; at most 64); --unpinned
+// leaves the placement of threads to the scheduler instead of running
+// everything on one processor (bench/placement.h); --instructions only
+// counts instructions; --rma only measures the RMA writes; --profiles keeps
+// the callgrind profiles in DIR.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -18,6 +24,8 @@
 #include <vector>
 
 #include "bench/download_runs.h"
+#include "bench/instruction_counts.h"
+#include "bench/misc_run.h"
 #include "bench/placement.h"
 #include "bench/rma_run.h"
 #include "sim/daemon_process.h"
@@ -27,6 +35,7 @@ namespace {
 constexpr double kMiB = 1048576.0;
 constexpr uint32_t kMaxSizeMiB = 64;  // the virtual flash's largest image
 constexpr uint32_t kRmaPartitionBytes = 1u << 20;
+constexpr uint32_t kMiscFirmwareBytes = 1u << 20;
 // Each download is run this many times and the run of median image-phase
 // time is shown: one scheduling hiccup must not make a short run's figure.
 constexpr int kRuns = 3;
@@ -35,6 +44,7 @@ struct SizeRow {
   uint32_t mib = 0;
   marlo::bench::DaemonDownload daemon;
   marlo::bench::DownloadFigures minimal;
+  marlo::bench::DaemonDownload floor;
 };
 
 double seconds_per_fragment(const marlo::bench::DownloadFigures& f) {
@@ -43,7 +53,7 @@ double seconds_per_fragment(const marlo::bench::DownloadFigures& f) {
 
 // The daemon's row carries what it is compared on: the ratio to the minimal
 // responder, the time it adds to each request, its log entries per request
-// and its memory.
+// and its memory; the floor's row the same against the floor.
 void print_rows(const SizeRow& row) {
   const marlo::bench::DownloadFigures& d = row.daemon.figures;
   const marlo::bench::DownloadFigures& m = row.minimal;
@@ -55,17 +65,26 @@ void print_rows(const SizeRow& row) {
               row.daemon.vm_hwm / kMiB, row.daemon.image_bytes / kMiB);
   std::printf("%-5u %-8s %8.1f %8.2f %6s %9s %7.1f %7.1f\n", row.mib, "minimal", m.mib_per_second(), m.ms_per_mib(),
               "", "", m.median_us, m.p99_us);
+  const marlo::bench::DownloadFigures& f = row.floor.figures;
+  const double floor_ratio = d.ms_per_mib() > 0 ? f.ms_per_mib() / d.ms_per_mib() : 0;
+  const double floor_logs = f.fragments > 0 ? static_cast<double>(row.floor.log_entries) / f.fragments : 0;
+  // The floor leaves right after its session, usually before its memory can be read.
+  std::printf("%-5u %-8s %8.1f %8.2f %6.2f %9.1f %7.1f %7.1f %6.1f\n", row.mib, "floor", f.mib_per_second(),
+              f.ms_per_mib(), floor_ratio, (seconds_per_fragment(d) - seconds_per_fragment(f)) * 1e6, f.median_us,
+              f.p99_us, floor_logs);
 }
 
-double ratio_of_totals(const std::vector<SizeRow>& rows) {
-  double daemon_bytes = 0, daemon_seconds = 0, minimal_bytes = 0, minimal_seconds = 0;
+// The daemon's throughput over all sizes together over that of `other`.
+template <typename Other>
+double ratio_of_totals(const std::vector<SizeRow>& rows, Other other) {
+  double daemon_bytes = 0, daemon_seconds = 0, other_bytes = 0, other_seconds = 0;
   for (const SizeRow& row : rows) {
     daemon_bytes += row.daemon.figures.bytes;
     daemon_seconds += row.daemon.figures.phase_seconds;
-    minimal_bytes += row.minimal.bytes;
-    minimal_seconds += row.minimal.phase_seconds;
+    other_bytes += other(row).bytes;
+    other_seconds += other(row).phase_seconds;
   }
-  return (daemon_bytes / daemon_seconds) / (minimal_bytes / minimal_seconds);
+  return (daemon_bytes / daemon_seconds) / (other_bytes / other_seconds);
 }
 
 // The run whose `key` is the median of all runs.
@@ -95,17 +114,30 @@ std::vector<uint32_t> parse_sizes(const std::string& text) {
 
 int main(int argc, char** argv) {
   std::string marlod = marlo::sim::default_marlod_path();
+  std::string floor = marlo::bench::default_floor_path();
   std::vector<uint32_t> sizes = {1, 16, 64};
   bool pinned = true;
+  bool instructions_only = false;
+  bool rma_only = false;
+  std::string profiles_dir;
   for (int i = 1; i < argc; ++i) {
     if (std::strcmp(argv[i], "--marlod") == 0 && i + 1 < argc) {
       marlod = argv[++i];
+    } else if (std::strcmp(argv[i], "--instructions") == 0) {
+      instructions_only = true;
+    } else if (std::strcmp(argv[i], "--rma") == 0) {
+      rma_only = true;
+    } else if (std::strcmp(argv[i], "--profiles") == 0 && i + 1 < argc) {
+      profiles_dir = argv[++i];
     } else if (std::strcmp(argv[i], "--unpinned") == 0) {
       pinned = false;
     } else if (std::strcmp(argv[i], "--sizes") == 0 && i + 1 < argc && !(sizes = parse_sizes(argv[++i])).empty()) {
       continue;
     } else {
-      std::fprintf(stderr, "usage: %s [--marlod PATH] [--sizes MIB,MIB,...] [--unpinned]\n", argv[0]);
+      std::fprintf(stderr,
+                   "usage: %s [--marlod PATH] [--sizes MIB,MIB,...] [--unpinned] [--instructions] "
+                   "[--rma] [--profiles DIR]\n",
+                   argv[0]);
       return 2;
     }
   }
@@ -118,27 +150,51 @@ int main(int argc, char** argv) {
     }
   }
   try {
+    if (rma_only) {
+      const marlo::bench::RmaFigures rma = marlo::bench::run_rma_writes(marlod, kRmaPartitionBytes);
+      std::printf("RMA DATA_WRITE, %d blocks of 4 KiB: marlod %.0f blocks/s, write+fdatasync loop %.0f blocks/s\n",
+                  rma.blocks, rma.daemon_blocks_per_second, rma.plain_blocks_per_second);
+      std::printf("\nrma_ratio=%.2f\n", rma.daemon_blocks_per_second / rma.plain_blocks_per_second);
+      return 0;
+    }
+    // Counted first, on a machine the timed runs have not yet warmed.
+    const marlo::bench::InstructionFigures instructions =
+        marlo::bench::count_instructions(marlod, floor, profiles_dir);
+    char instr_ratio[32];
+    std::snprintf(instr_ratio, sizeof(instr_ratio), "%.2f",
+                  instructions.daemon_per_request / instructions.floor_per_request);
+    std::printf("Instructions per IMG_OFFSET request (callgrind, all threads): marlod %.0f, floor %.0f\n",
+                instructions.daemon_per_request, instructions.floor_per_request);
+    if (instructions_only) {
+      std::printf("\ninstr_ratio=%s\n", instr_ratio);
+      return 0;
+    }
     std::vector<SizeRow> rows;
     for (uint32_t mib : sizes) {
       std::vector<marlo::bench::DaemonDownload> daemon_runs;
       std::vector<marlo::bench::DownloadFigures> minimal_runs;
+      std::vector<marlo::bench::DaemonDownload> floor_runs;
+      // Interleaved: a slow spell of the machine falls on all three hosts.
       for (int run = 0; run < kRuns; ++run) {
         daemon_runs.push_back(marlo::bench::run_daemon_download(marlod, mib << 20));
         minimal_runs.push_back(marlo::bench::run_min_responder_download(mib << 20));
+        floor_runs.push_back(marlo::bench::run_floor_download(floor, mib << 20));
       }
       SizeRow row;
       row.mib = mib;
       row.daemon = median_run(daemon_runs, [](const auto& r) { return r.figures.phase_seconds; });
       for (const auto& run : daemon_runs) row.daemon.vm_hwm = std::max(row.daemon.vm_hwm, run.vm_hwm);
       row.minimal = median_run(minimal_runs, [](const auto& r) { return r.phase_seconds; });
+      row.floor = median_run(floor_runs, [](const auto& r) { return r.figures.phase_seconds; });
       rows.push_back(row);
     }
     const marlo::bench::RmaFigures rma = marlo::bench::run_rma_writes(marlod, kRmaPartitionBytes);
+    const marlo::bench::MiscFigures misc = marlo::bench::run_misc_push(marlod, floor, kMiscFirmwareBytes);
 
     std::printf("DFU image phase, 4 KiB fragments, %s; median of %d runs\n", placement.c_str(), kRuns);
-    std::printf("(ratio: of the minimal responder's time per MiB; added: time the daemon adds per request; "
-                "latency: request sent to answer received; logs: daemon log entries per request; "
-                "peak RSS: the largest of the runs)\n");
+    std::printf("(ratio: the other host's time per MiB over the daemon's; added: time the daemon adds per request "
+                "over the other host; latency: request sent to answer received; logs: log entries per request; "
+                "peak RSS: the daemon's, the largest of the runs)\n");
     std::printf("%-5s %-8s %8s %8s %6s %9s %7s %7s %6s  %s\n", "MiB", "host", "MiB/s", "ms/MiB", "ratio", "added_us",
                 "med_us", "p99_us", "logs", "peak RSS / images (MiB)");
     double rss_over_images = 0;
@@ -148,16 +204,21 @@ int main(int argc, char** argv) {
       print_rows(row);
     }
     const double growth = rows.back().daemon.figures.ms_per_mib() / rows.front().daemon.figures.ms_per_mib();
-    const double dfu_ratio = ratio_of_totals(rows);
+    const double dfu_ratio = ratio_of_totals(rows, [](const SizeRow& r) { return r.minimal; });
+    const double dfu_floor_ratio = ratio_of_totals(rows, [](const SizeRow& r) { return r.floor.figures; });
     const double rma_ratio = rma.daemon_blocks_per_second / rma.plain_blocks_per_second;
     std::printf("\nRMA DATA_WRITE, %d blocks of 4 KiB: marlod %.0f blocks/s, write+fdatasync loop %.0f blocks/s\n",
                 rma.blocks, rma.daemon_blocks_per_second, rma.plain_blocks_per_second);
     const SizeRow& largest = rows.back();
     const double added_us =
         (seconds_per_fragment(largest.daemon.figures) - seconds_per_fragment(largest.minimal)) * 1e6;
-    std::printf("\ndfu_ratio=%.2f per_mib_growth=%.2f rss_over_images_mib=%.1f rma_ratio=%.2f "
-                "added_us_per_request=%.1f\n",
-                dfu_ratio, growth, rss_over_images, rma_ratio, added_us);
+    std::printf("Misc-data push, %d packets, %.2f MiB: marlod %.1f MiB/s, floor %.1f MiB/s, misc_floor_ratio=%.2f\n",
+                misc.packets, misc.bytes / kMiB, misc.bytes / kMiB / misc.daemon_seconds,
+                misc.bytes / kMiB / misc.floor_seconds, misc.floor_seconds / misc.daemon_seconds);
+    std::printf("added_us_per_request=%.1f (over the minimal responder, at the largest size)\n", added_us);
+    std::printf("\ndfu_ratio=%.2f dfu_floor_ratio=%.2f instr_ratio=%s rma_ratio=%.2f per_mib_growth=%.2f "
+                "rss_over_images_mib=%.1f\n",
+                dfu_ratio, dfu_floor_ratio, instr_ratio, rma_ratio, growth, rss_over_images);
   } catch (const std::exception& e) {
     std::fprintf(stderr, "marlo-bench: %s\n", e.what());
     return 1;

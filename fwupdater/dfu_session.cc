@@ -271,25 +271,25 @@ void marlo_fw_updater::sendmarloImageOffsetRes(uint32_t image_id, uint32_t offse
   reportDFU("Image ID: " + std::to_string(image_id) + " flash write " + std::to_string(percent) + "% Completed...",
             Callback::STATUS_INFO);
 
-  std::vector<uint8_t> payload;
-  append_le32(payload, image_id);
-  append_le32(payload, offset);
-  append_le32(payload, fragment_len);
+  // Built in place after the header's room, sent without another copy.
+  std::vector<uint8_t>& message = dfu::send_buffer();
+  message.resize(DFU_HEADER_SIZE);
+  for (const uint32_t word : {image_id, offset, fragment_len}) append_le32(message, word);
   const size_t image_len = image != nullptr ? image->data.size() : 0;
   if (fragment_len != 0 && offset < image_len) {
     if (fragment_len > kMaxFragmentLen) {
       MARLO_LOGE("fragment_len %u exceeds the largest fragment %u; answering without data", fragment_len,
                  kMaxFragmentLen);
     } else {
-      // Served straight from the loaded image; the part past its end is
-      // zero-filled so that the message keeps the length requested.
+      // Served straight from the loaded image, zero-filled past its end to keep the length requested.
       const size_t copied = std::min<size_t>(fragment_len, image_len - offset);
-      payload.reserve(payload.size() + fragment_len);
-      payload.insert(payload.end(), image->data.begin() + offset, image->data.begin() + offset + copied);
-      payload.resize(DFU_OFFSET_RESP_FIXED_PAYLOAD + fragment_len, 0);
+      message.reserve(DFU_HEADER_SIZE + DFU_OFFSET_RESP_FIXED_PAYLOAD + fragment_len);
+      message.insert(message.end(), image->data.begin() + offset, image->data.begin() + offset + copied);
+      message.resize(DFU_HEADER_SIZE + DFU_OFFSET_RESP_FIXED_PAYLOAD + fragment_len, 0);
     }
   }
-  send_aon_request(dfu::IMG_OFFSET_RESP, payload.data(), static_cast<uint32_t>(payload.size()));
+  const uint32_t payload_length = static_cast<uint32_t>(message.size() - DFU_HEADER_SIZE);
+  send_aon_request(dfu::IMG_OFFSET_RESP, message.data() + DFU_HEADER_SIZE, payload_length);
 }
 
 void marlo_fw_updater::sendSessionEndRes() {
@@ -312,11 +312,11 @@ int marlo_fw_updater::send_aon_request(uint32_t command_id, const uint8_t* paylo
     MARLO_LOGE("payload of %u bytes does not fit in one packet", payload_length);
     return 0;
   }
-  std::vector<uint8_t> message(DFU_HEADER_SIZE, 0);
+  // One buffer per thread; a fragment answer's payload is already in place in it.
+  std::vector<uint8_t>& message = dfu::message_with_payload(payload, payload_length);
   put_le32(&message[DFU_HDR_COMMAND_ID], command_id);
   put_le32(&message[DFU_HDR_MAGIC], DFU_MAGIC);
   put_le32(&message[DFU_HDR_TOTAL_LENGTH], payload_length + static_cast<uint32_t>(DFU_HEADER_SIZE));
-  if (payload != nullptr && payload_length != 0) message.insert(message.end(), payload, payload + payload_length);
   const uint32_t crc = marlo::crc32(message.data(), message.size());
   MARLO_LOGD("send_aon_request %x", crc);
   put_le32(&message[DFU_HDR_CRC], crc);

@@ -22,6 +22,8 @@
 #include "log_queue.h"
 #include "platform/host_testing.h"
 
+extern char** environ;
+
 namespace {
 
 std::mutex g_sink_mutex;
@@ -49,6 +51,44 @@ Ids current_ids() {
   return ids;
 }
 
+// $MARLO_LOG_FILE, or "" when unset. getenv compares every entry of the
+// environment, and at the daemon's level it ran for each of the 26 entries of
+// a DFU request; so the environment is searched again only when it may have
+// changed. setenv and unsetenv install, replace or remove entries of
+// `environ`, never rewriting an entry's text in place: an entry found earlier
+// that is still at its index still holds the value, and an environment that
+// had none is unchanged while its array, its last entry and its end are.
+// Each thread keeps its own record, so no lock is needed.
+const char* log_file_path() {
+  static constexpr char kName[] = "MARLO_LOG_FILE=";
+  constexpr size_t kNameLength = sizeof(kName) - 1;
+  struct Seen {
+    char** env = nullptr;
+    size_t index = 0;  // of the entry found, or the number of entries when none was
+    const char* entry = nullptr;  // the entry found, or the last entry when none was
+    bool found = false;
+  };
+  thread_local Seen seen;
+  char** const env = environ;
+  if (env != nullptr && env == seen.env) {
+    if (seen.found && env[seen.index] == seen.entry) return seen.entry + kNameLength;
+    if (!seen.found && env[seen.index] == nullptr && (seen.index == 0 || env[seen.index - 1] == seen.entry)) {
+      return "";
+    }
+  }
+  seen = Seen{env};
+  if (env == nullptr) return "";
+  for (; env[seen.index] != nullptr; ++seen.index) {
+    if (std::strncmp(env[seen.index], kName, kNameLength) == 0) {
+      seen.entry = env[seen.index];
+      seen.found = true;
+      return seen.entry + kNameLength;
+    }
+  }
+  seen.entry = seen.index > 0 ? env[seen.index - 1] : nullptr;
+  return "";
+}
+
 }  // namespace
 
 extern "C" int __android_log_write(int prio, const char* tag, const char* text) {
@@ -62,8 +102,7 @@ extern "C" int __android_log_write(int prio, const char* tag, const char* text) 
   entry.pid = ids.pid;
   entry.tid = ids.tid;
   clock_gettime(CLOCK_REALTIME, &entry.when);
-  const char* file_path = std::getenv("MARLO_LOG_FILE");
-  platform::host::queue_log_entry(entry, file_path != nullptr ? file_path : "", prio >= ANDROID_LOG_WARN);
+  platform::host::queue_log_entry(entry, log_file_path(), prio >= ANDROID_LOG_WARN);
 
   std::lock_guard<std::mutex> lock(g_sink_mutex);
   if (g_sink) g_sink(prio, tag, text);

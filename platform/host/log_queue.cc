@@ -84,13 +84,22 @@ void write_all(int fd, const std::string& text) {
 }
 
 // True when stderr is /dev/null: its lines would be thrown away unread.
+// Either the same device, or the very same file: some sandboxes make
+// /dev/null a file that swallows what is written to it.
 bool stderr_discarded() {
-  static const dev_t null_device = [] {
-    struct stat null_stat;
-    return ::stat("/dev/null", &null_stat) == 0 ? null_stat.st_rdev : static_cast<dev_t>(-1);
+  struct NullFile {
+    bool known = false;
+    struct stat st {};
+  };
+  static const NullFile null_file = [] {
+    NullFile file;
+    file.known = ::stat("/dev/null", &file.st) == 0;
+    return file;
   }();
   struct stat err_stat;
-  return ::fstat(STDERR_FILENO, &err_stat) == 0 && S_ISCHR(err_stat.st_mode) && err_stat.st_rdev == null_device;
+  if (!null_file.known || ::fstat(STDERR_FILENO, &err_stat) != 0) return false;
+  if (S_ISCHR(err_stat.st_mode) && S_ISCHR(null_file.st.st_mode)) return err_stat.st_rdev == null_file.st.st_rdev;
+  return err_stat.st_dev == null_file.st.st_dev && err_stat.st_ino == null_file.st.st_ino;
 }
 
 class LogQueue {

@@ -226,6 +226,25 @@ TEST_F(DfuSessionTest, ProgressPercentageWrapsIn32Bits) {
   EXPECT_TRUE(cb.wait_for("Image ID: 6 flash write 4% Completed...", Status::STATUS_INFO));
 }
 
+// Answers are built in one send buffer per thread: a large fragment, the
+// small answers after it (the buffer given back in between) and a fragment
+// zero-filled past the image's end each carry exactly their own bytes.
+TEST_F(DfuSessionTest, AnswersAfterALargeFragmentCarryOnlyTheirOwnBytes) {
+  std::string big(300000, '\0');
+  for (size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>(i * 7 + i / 251);
+  root.write(dir + "big.bin", big);
+  write_table(partition(1 << 20, 6, "big", 0));
+  start();
+  const Bytes image(big.begin(), big.end());
+  EXPECT_EQ(fragment(6, 1000, 200000, 200028), Bytes(image.begin() + 1000, image.begin() + 201000));
+  EXPECT_EQ(fragment(3, 16, 32, 60), boot_bytes(16, 48));
+  send(3, {3});
+  EXPECT_EQ(receive(4), words({3, 10000, 0}));
+  Bytes tail(image.begin() + 290000, image.end());
+  tail.resize(20000, 0);
+  EXPECT_EQ(fragment(6, 290000, 20000, 20028), tail);
+}
+
 TEST_F(DfuSessionTest, DroppedChannelResumesFromReportedStateUntilSessionEnds) {
   start();
   restart_channel();

@@ -69,6 +69,36 @@ TEST(HostBackendTest, LogFileHoldsOneJsonObjectPerEntry) {
                         ", \"msg\": \"say \\\"hi\\\"\\\\\\n\\n\"}");
 }
 
+// The log file is taken from the environment as it is at each entry, whatever
+// else changed in it between two entries (the backend does not search it
+// again for every entry).
+TEST(HostBackendTest, LogFileFollowsEveryChangeOfTheEnvironment) {
+  marlo::test::TestRoot root;
+  const std::string a = root.at("/a.json"), b = root.at("/b.json");
+  const auto log = [](const char* text) { __android_log_print(ANDROID_LOG_INFO, "t", "%s", text); };
+  const auto lines = [](const std::string& path) {
+    std::ifstream in(path);
+    std::string all, line;
+    while (std::getline(in, line)) all += line.substr(line.find("\"msg\"")) + "|";
+    return all;
+  };
+  ::setenv("MARLO_LOG_FILE", a.c_str(), 1);
+  log("1");
+  ::setenv("MARLO_TEST_OTHER", "x", 1);  // an entry added after it
+  log("2");
+  ::setenv("MARLO_LOG_FILE", b.c_str(), 1);  // replaced in place
+  log("3");
+  ::unsetenv("MARLO_LOG_FILE");
+  log("none");
+  ::unsetenv("MARLO_TEST_OTHER");  // the array shrinks while it is absent
+  ::setenv("MARLO_LOG_FILE", a.c_str(), 1);  // and comes back at the end
+  log("4");
+  ::unsetenv("MARLO_LOG_FILE");
+  log("none");  // a change of file writes what was queued for the last one
+  EXPECT_EQ(lines(a), "\"msg\": \"1\"}|\"msg\": \"2\"}|\"msg\": \"4\"}|");
+  EXPECT_EQ(lines(b), "\"msg\": \"3\"}|");
+}
+
 TEST(HostBackendTest, DeviceNodeOpenFollowsTheOpenStatus) {
   marlo::test::TestRoot root;
   root.mkdir("/dev");
