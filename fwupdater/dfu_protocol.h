@@ -6,7 +6,6 @@
 // whole message computed with the CRC word zero) followed by the payload.
 #pragma once
 
-#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -70,38 +69,17 @@ using marlo::append_le32;
 using marlo::get_le32;
 using marlo::put_le32;
 
-// The outgoing message being built on this thread: DFU_HEADER_SIZE bytes of
-// room for the header, then the payload. A fragment answer is built straight
-// into it, so its fragment is copied once, from the loaded image, and the
-// buffer is reused from one answer to the next without an allocation. Each
-// thread has its own.
-inline std::vector<uint8_t>& thread_send_buffer() {
-  thread_local std::vector<uint8_t> buffer;
-  return buffer;
-}
-
-// thread_send_buffer() for a new message. Memory that an unusually large
-// message made it take is given back first.
+// The outgoing message on this thread: DFU_HEADER_SIZE zero bytes of room for
+// the header, ready for the payload to be appended. A fragment answer is built
+// straight into it, so its fragment is copied once, from the loaded image, and
+// the buffer is reused from one answer to the next without an allocation.
+// Memory that an unusually large message made it take is given back first.
 inline std::vector<uint8_t>& send_buffer() {
   constexpr size_t kKeptCapacity = 64 * 1024;
-  std::vector<uint8_t>& buffer = thread_send_buffer();
+  thread_local std::vector<uint8_t> buffer;
   if (buffer.capacity() > kKeptCapacity) std::vector<uint8_t>().swap(buffer);
+  buffer.assign(DFU_HEADER_SIZE, 0);
   return buffer;
-}
-
-// The send buffer holding `payload` after a zeroed header. A payload that is
-// already in place there (built by the caller) is neither copied nor freed.
-inline std::vector<uint8_t>& message_with_payload(const uint8_t* payload, uint32_t payload_length) {
-  std::vector<uint8_t>& built = thread_send_buffer();
-  if (payload != nullptr && built.size() == DFU_HEADER_SIZE + payload_length &&
-      payload == built.data() + DFU_HEADER_SIZE) {
-    std::fill_n(built.begin(), DFU_HEADER_SIZE, 0);
-    return built;
-  }
-  std::vector<uint8_t>& message = send_buffer();
-  message.assign(DFU_HEADER_SIZE, 0);
-  if (payload != nullptr) message.insert(message.end(), payload, payload + payload_length);
-  return message;
 }
 
 }  // namespace dfu

@@ -273,7 +273,6 @@ void marlo_fw_updater::sendmarloImageOffsetRes(uint32_t image_id, uint32_t offse
 
   // Built in place after the header's room, sent without another copy.
   std::vector<uint8_t>& message = dfu::send_buffer();
-  message.resize(DFU_HEADER_SIZE);
   for (const uint32_t word : {image_id, offset, fragment_len}) append_le32(message, word);
   const size_t image_len = image != nullptr ? image->data.size() : 0;
   if (fragment_len != 0 && offset < image_len) {
@@ -288,8 +287,7 @@ void marlo_fw_updater::sendmarloImageOffsetRes(uint32_t image_id, uint32_t offse
       message.resize(DFU_HEADER_SIZE + DFU_OFFSET_RESP_FIXED_PAYLOAD + fragment_len, 0);
     }
   }
-  const uint32_t payload_length = static_cast<uint32_t>(message.size() - DFU_HEADER_SIZE);
-  send_aon_request(dfu::IMG_OFFSET_RESP, message.data() + DFU_HEADER_SIZE, payload_length);
+  send_aon_request(dfu::IMG_OFFSET_RESP, message);
 }
 
 void marlo_fw_updater::sendSessionEndRes() {
@@ -305,18 +303,23 @@ void marlo_fw_updater::sendSessionEndRes() {
 }
 
 int marlo_fw_updater::send_aon_request(uint32_t command_id, const uint8_t* payload, uint32_t payload_length) {
+  std::vector<uint8_t>& message = dfu::send_buffer();
+  if (payload != nullptr) message.insert(message.end(), payload, payload + payload_length);
+  return send_aon_request(command_id, message);
+}
+
+int marlo_fw_updater::send_aon_request(uint32_t command_id, std::vector<uint8_t>& message) {
   MARLO_LOGD("send_aon_request");
+  const size_t payload_length = message.size() - DFU_HEADER_SIZE;
   // A message is one packet; a larger one could not be delivered, and its
   // total length would not fit the 32-bit header word.
   if (payload_length > DFU_MAX_PACKET_SIZE - DFU_HEADER_SIZE) {
-    MARLO_LOGE("payload of %u bytes does not fit in one packet", payload_length);
+    MARLO_LOGE("payload of %zu bytes does not fit in one packet", payload_length);
     return 0;
   }
-  // One buffer per thread; a fragment answer's payload is already in place in it.
-  std::vector<uint8_t>& message = dfu::message_with_payload(payload, payload_length);
   put_le32(&message[DFU_HDR_COMMAND_ID], command_id);
   put_le32(&message[DFU_HDR_MAGIC], DFU_MAGIC);
-  put_le32(&message[DFU_HDR_TOTAL_LENGTH], payload_length + static_cast<uint32_t>(DFU_HEADER_SIZE));
+  put_le32(&message[DFU_HDR_TOTAL_LENGTH], static_cast<uint32_t>(message.size()));
   const uint32_t crc = marlo::crc32(message.data(), message.size());
   MARLO_LOGD("send_aon_request %x", crc);
   put_le32(&message[DFU_HDR_CRC], crc);

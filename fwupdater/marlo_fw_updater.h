@@ -185,6 +185,8 @@ class marlo_fw_updater {
   void sendmarloImageOffsetRes(uint32_t image_id, uint32_t offset, uint32_t fragment_len);
   void sendSessionEndRes();
   int send_aon_request(uint32_t command_id, const uint8_t* payload, uint32_t payload_length);
+  // `message` is dfu::send_buffer() with the payload appended; the header is filled in here.
+  int send_aon_request(uint32_t command_id, std::vector<uint8_t>& message);
   void endMarloDownloader();
   double timeTaken();
 
