@@ -1,6 +1,9 @@
 #!/usr/bin/env bash
 # Installs, builds and runs every test of marlod: the test suite, then the
-# build with clang's thread-safety analysis as errors
+# source checks (every C++ file formatted as .clang-format says,
+# scripts/check-format.sh; no include against the layers,
+# scripts/check-layers.sh), the build with clang's thread-safety analysis as
+# errors
 # (scripts/thread-safety.sh), the check of the device build description
 # (scripts/check-android-bp.sh), the same suite built for 32-bit ARM and run
 # under qemu-user (scripts/armhf.sh), the device configuration compiled as the
@@ -19,6 +22,13 @@ echo "== running the test suite"
 suite_log=build/ctest.log
 ctest --test-dir build --output-on-failure -j "$(nproc)" --timeout 120 2>&1 | tee "$suite_log"
 [ "${MARLO_QUICK:-0}" = 1 ] && exit 0
+
+format=0
+scripts/check-format.sh || format=$?
+layers=0
+scripts/check-layers.sh || layers=$?
+checks_line="== source checks: format $([ $format -eq 0 ] && echo passed || echo FAILED), layers $([ $layers -eq 0 ] && echo passed || echo FAILED)"
+echo "$checks_line"
 
 step_start=$SECONDS
 thread_safety=0
@@ -51,6 +61,7 @@ echo "== device ABI $([ $armhf -eq 0 ] && [ $device_compile -eq 0 ] && echo pass
   "$(grep -E 'tests passed' build-armhf/ctest.log 2>/dev/null | tail -1 || echo 'armhf suite did not run') on armhf;" \
   "$(cat build-device/marlod_unit_tests.summary 2>/dev/null || echo 'marlod_unit_tests did not run')"
 echo "$thread_safety_line"
+echo "$checks_line"
 echo "== test suite"
 sed -n '/tests passed/,$p' "$suite_log"
-[ $thread_safety -eq 0 ] && [ $device_build -eq 0 ] && [ $armhf -eq 0 ] && [ $device_compile -eq 0 ] && [ $sanitize -eq 0 ] && [ $fuzz -eq 0 ]
+[ $format -eq 0 ] && [ $layers -eq 0 ] && [ $thread_safety -eq 0 ] && [ $device_build -eq 0 ] && [ $armhf -eq 0 ] && [ $device_compile -eq 0 ] && [ $sanitize -eq 0 ] && [ $fuzz -eq 0 ]
