@@ -87,11 +87,11 @@ DaemonDownload run_daemon_download(const std::string& marlod, uint32_t flash_byt
     sim::DaemonProcess daemon(settings);
     std::string error;
     if (!daemon.start(&error)) throw std::runtime_error(error);
-    const bool finished = wait_until([&] { return device.dfu().status().sessions_completed >= 1; },
-                                     [&] { return daemon.alive(); });
+    const bool finished =
+        wait_until([&] { return device.dfu().status().sessions_completed >= 1; }, [&] { return daemon.alive(); });
     if (!finished) {
-      throw std::runtime_error("download of " + std::to_string(flash_bytes) + " bytes did not finish; root kept: " +
-                               made.root);
+      throw std::runtime_error("download of " + std::to_string(flash_bytes) +
+                               " bytes did not finish; root kept: " + made.root);
     }
     result.vm_hwm = peak_resident_bytes(daemon.pid());
     stop_daemon(daemon);

@@ -43,8 +43,15 @@ constexpr uint32_t kMagic = 0x0A0B0C0D;
 constexpr size_t kHeader = 16;
 constexpr size_t kRxSize = 44;  // the most of a request that is looked at
 constexpr uint32_t kMaxPacket = 1u << 20;
-enum : uint32_t { kMgUpdtReq = 1, kImgInfoReq = 3, kImgInfoResp = 4, kImgOffsetReq = 5, kImgOffsetResp = 6,
-                  kSessionEndReq = 11, kSessionEndResp = 12 };
+enum : uint32_t {
+  kMgUpdtReq = 1,
+  kImgInfoReq = 3,
+  kImgInfoResp = 4,
+  kImgOffsetReq = 5,
+  kImgOffsetResp = 6,
+  kSessionEndReq = 11,
+  kSessionEndResp = 12
+};
 
 // One entry as the daemon's statements make it: "function:line, text".
 #define FLOOR_LOG(prio, function, line, fmt, ...) \
@@ -137,7 +144,9 @@ class Floor {
     const uint32_t image_id = marlo::get_le32(rx_ + 16);
     FLOOR_LOG(DEBUG, "conn_res_event_cb", 179, "received res or event");
     FLOOR_LOG(DEBUG, "conn_res_event_cb", 197, "GLINK_int received %s ",
-              id == kImgOffsetReq ? "IMG_OFFSET_REQ" : id == kImgInfoReq ? "IMG_INFO_REQ" : "SESSION_END_REQ");
+              id == kImgOffsetReq ? "IMG_OFFSET_REQ"
+              : id == kImgInfoReq ? "IMG_INFO_REQ"
+                                  : "SESSION_END_REQ");
     auto image = images_.find(image_id);
     const std::vector<uint8_t>* data = image != images_.end() ? &image->second : nullptr;
     const uint32_t size = data != nullptr ? static_cast<uint32_t>(data->size()) : 0;
@@ -178,8 +187,8 @@ class Floor {
     marlo::put_le32(p + 12, crc);
     FLOOR_LOG(DEBUG, "send_request", 199, "GLINK_int conn = 0x%llx is sending request", address_of(this));
     FLOOR_LOG(DEBUG, "glink_write", 137,
-              "GLINK_int conn = 0x%llx write fd = %d buf_len = %zu, waiting for _s_glink_read_mutex",
-              address_of(this), channel_, out_.size());
+              "GLINK_int conn = 0x%llx write fd = %d buf_len = %zu, waiting for _s_glink_read_mutex", address_of(this),
+              channel_, out_.size());
     FLOOR_LOG(DEBUG, "glink_write", 145, "acquiring wakelock");
     const ssize_t n = platform::write(channel_, p, out_.size());
     if (n != static_cast<ssize_t>(out_.size())) return false;
@@ -229,7 +238,8 @@ bool push_misc(const std::string& dir) {
     }
     const ssize_t n = platform::write(channel, packet.data(), packet.size());
     if (n != static_cast<ssize_t>(packet.size())) return false;
-    FLOOR_LOG(DEBUG, "glink_write", 158, "GLINK_int conn = 0x%llx partial bytes written= %d", self, static_cast<int>(n));
+    FLOOR_LOG(DEBUG, "glink_write", 158, "GLINK_int conn = 0x%llx partial bytes written= %d", self,
+              static_cast<int>(n));
     FLOOR_LOG(INFO, "glink_write", 184, "GLINK_int conn = 0x%llx complete bytes written= %d retries %d", self,
               static_cast<int>(n), 0);
     FLOOR_LOG(DEBUG, "glink_write", 188, "releasing wakelock");

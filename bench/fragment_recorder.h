@@ -11,9 +11,9 @@
 namespace marlo::bench {
 
 struct DownloadFigures {
-  uint64_t bytes = 0;           // fragment bytes moved in the image phases
-  double phase_seconds = 0;     // sum over images: first request sent to last answer received
-  double median_us = 0;         // request sent to answer received
+  uint64_t bytes = 0;        // fragment bytes moved in the image phases
+  double phase_seconds = 0;  // sum over images: first request sent to last answer received
+  double median_us = 0;      // request sent to answer received
   double p99_us = 0;
   size_t fragments = 0;
 

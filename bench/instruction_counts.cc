@@ -74,11 +74,10 @@ InstructionFigures count_instructions(const std::string& marlod, const std::stri
         return run_daemon_download(marlod, bytes, launcher);
       },
       kept("daemon.out"));
-  figures.floor_per_request = per_request(
-      [&](uint32_t bytes, const std::vector<std::string>& launcher) {
-        return run_floor_download(floor, bytes, launcher);
-      },
-      kept("floor.out"));
+  figures.floor_per_request =
+      per_request([&](uint32_t bytes,
+                      const std::vector<std::string>& launcher) { return run_floor_download(floor, bytes, launcher); },
+                  kept("floor.out"));
   return figures;
 }
 

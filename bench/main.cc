@@ -63,8 +63,8 @@ void print_rows(const SizeRow& row) {
   std::printf("%-5u %-8s %8.1f %8.2f %6.2f %9.1f %7.1f %7.1f %6.1f  %.1f / %.1f\n", row.mib, "marlod",
               d.mib_per_second(), d.ms_per_mib(), ratio, added_us, d.median_us, d.p99_us, logs,
               row.daemon.vm_hwm / kMiB, row.daemon.image_bytes / kMiB);
-  std::printf("%-5u %-8s %8.1f %8.2f %6s %9s %7.1f %7.1f\n", row.mib, "minimal", m.mib_per_second(), m.ms_per_mib(),
-              "", "", m.median_us, m.p99_us);
+  std::printf("%-5u %-8s %8.1f %8.2f %6s %9s %7.1f %7.1f\n", row.mib, "minimal", m.mib_per_second(), m.ms_per_mib(), "",
+              "", m.median_us, m.p99_us);
   const marlo::bench::DownloadFigures& f = row.floor.figures;
   const double floor_ratio = d.ms_per_mib() > 0 ? f.ms_per_mib() / d.ms_per_mib() : 0;
   const double floor_logs = f.fragments > 0 ? static_cast<double>(row.floor.log_entries) / f.fragments : 0;
@@ -158,8 +158,7 @@ int main(int argc, char** argv) {
       return 0;
     }
     // Counted first, on a machine the timed runs have not yet warmed.
-    const marlo::bench::InstructionFigures instructions =
-        marlo::bench::count_instructions(marlod, floor, profiles_dir);
+    const marlo::bench::InstructionFigures instructions = marlo::bench::count_instructions(marlod, floor, profiles_dir);
     char instr_ratio[32];
     std::snprintf(instr_ratio, sizeof(instr_ratio), "%.2f",
                   instructions.daemon_per_request / instructions.floor_per_request);
@@ -192,9 +191,10 @@ int main(int argc, char** argv) {
     const marlo::bench::MiscFigures misc = marlo::bench::run_misc_push(marlod, floor, kMiscFirmwareBytes);
 
     std::printf("DFU image phase, 4 KiB fragments, %s; median of %d runs\n", placement.c_str(), kRuns);
-    std::printf("(ratio: the other host's time per MiB over the daemon's; added: time the daemon adds per request "
-                "over the other host; latency: request sent to answer received; logs: log entries per request; "
-                "peak RSS: the daemon's, the largest of the runs)\n");
+    std::printf(
+        "(ratio: the other host's time per MiB over the daemon's; added: time the daemon adds per request "
+        "over the other host; latency: request sent to answer received; logs: log entries per request; "
+        "peak RSS: the daemon's, the largest of the runs)\n");
     std::printf("%-5s %-8s %8s %8s %6s %9s %7s %7s %6s  %s\n", "MiB", "host", "MiB/s", "ms/MiB", "ratio", "added_us",
                 "med_us", "p99_us", "logs", "peak RSS / images (MiB)");
     double rss_over_images = 0;
@@ -216,9 +216,10 @@ int main(int argc, char** argv) {
                 misc.packets, misc.bytes / kMiB, misc.bytes / kMiB / misc.daemon_seconds,
                 misc.bytes / kMiB / misc.floor_seconds, misc.floor_seconds / misc.daemon_seconds);
     std::printf("added_us_per_request=%.1f (over the minimal responder, at the largest size)\n", added_us);
-    std::printf("\ndfu_ratio=%.2f dfu_floor_ratio=%.2f instr_ratio=%s rma_ratio=%.2f per_mib_growth=%.2f "
-                "rss_over_images_mib=%.1f\n",
-                dfu_ratio, dfu_floor_ratio, instr_ratio, rma_ratio, growth, rss_over_images);
+    std::printf(
+        "\ndfu_ratio=%.2f dfu_floor_ratio=%.2f instr_ratio=%s rma_ratio=%.2f per_mib_growth=%.2f "
+        "rss_over_images_mib=%.1f\n",
+        dfu_ratio, dfu_floor_ratio, instr_ratio, rma_ratio, growth, rss_over_images);
   } catch (const std::exception& e) {
     std::fprintf(stderr, "marlo-bench: %s\n", e.what());
     return 1;

@@ -83,8 +83,8 @@ std::vector<std::vector<uint8_t>> misc_packets(const std::string& root, uint32_t
     uint32_t offset = 0, sequence = 1;
     if (limit < total + 16 && chunk < total - 1) {
       do {
-        packet(1, type, chunk, sequence++).insert(packets.back().end(), data.begin() + offset,
-                                                  data.begin() + offset + chunk);
+        packet(1, type, chunk, sequence++)
+            .insert(packets.back().end(), data.begin() + offset, data.begin() + offset + chunk);
         offset += chunk;
       } while (static_cast<uint64_t>(offset) + chunk < total - 1);
     }
@@ -97,7 +97,8 @@ std::vector<std::vector<uint8_t>> misc_packets(const std::string& root, uint32_t
 
 bool wait_for(const std::function<bool()>& done, const std::function<bool()>& still_possible) {
   const auto deadline = Clock::now() + kRunLimit;
-  while (!done() && still_possible() && Clock::now() < deadline) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  while (!done() && still_possible() && Clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
   return done();
 }
 

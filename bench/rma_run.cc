@@ -73,8 +73,7 @@ std::pair<int, double> daemon_blocks_per_second(const std::string& marlod, uint3
     std::string error;
     if (!daemon.start(&error)) throw std::runtime_error(error);
     const auto deadline = std::chrono::steady_clock::now() + kRunLimit;
-    while (device.rma().status().runs_completed < 1 && daemon.alive() &&
-           std::chrono::steady_clock::now() < deadline) {
+    while (device.rma().status().runs_completed < 1 && daemon.alive() && std::chrono::steady_clock::now() < deadline) {
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     status = device.rma().status();
@@ -109,7 +108,8 @@ RmaFigures run_rma_writes(const std::string& marlod, uint32_t partition_bytes) {
     runs.push_back(one);
   }
   std::sort(runs.begin(), runs.end(), [](const RmaFigures& x, const RmaFigures& y) {
-    return x.daemon_blocks_per_second / x.plain_blocks_per_second < y.daemon_blocks_per_second / y.plain_blocks_per_second;
+    return x.daemon_blocks_per_second / x.plain_blocks_per_second <
+           y.daemon_blocks_per_second / y.plain_blocks_per_second;
   });
   figures = runs[runs.size() / 2];
   remove_root(made.root);

@@ -15,11 +15,11 @@ enum MarloBootMode {
 
 // The 32-byte block passed by address with every request.
 struct marlo_com_ioctl_req {
-  uint32_t value;     // argument, or the user pointer to the reset's data word
+  uint32_t value;  // argument, or the user pointer to the reset's data word
   uint32_t reserved[4];
   uint32_t cmd;
-  uint32_t count;     // 1 for the reset request
-  uint32_t reply_buf; // user pointer to the version query's reply buffer
+  uint32_t count;      // 1 for the reset request
+  uint32_t reply_buf;  // user pointer to the version query's reply buffer
 };
 static_assert(sizeof(marlo_com_ioctl_req) == 32, "the request block is 32 bytes");
 

@@ -5,9 +5,9 @@
 #include <cstdint>
 
 struct wear_firmware_info_t {
-  uint32_t first_word;    // not interpreted
-  uint32_t kapi_version;  // major bits 31-24, minor 23-16, patch 15-0
-  char apps_version[100]; // application build; holds "NOFLASH_PSRAM" on that variant
+  uint32_t first_word;     // not interpreted
+  uint32_t kapi_version;   // major bits 31-24, minor 23-16, patch 15-0
+  char apps_version[100];  // application build; holds "NOFLASH_PSRAM" on that variant
   char dsp_version[100];
   char bt_version[100];
 };

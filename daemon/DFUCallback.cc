@@ -21,9 +21,7 @@ void DFUCallback::handleDFUResponse(std::string message, Status status) {
     case STATUS_STARTED:
     case STATUS_ERASE_DONE:
     case STATUS_ERROR:
-    case STATUS_ENDED:
-      log_report("handleDFUResponse", message);
-      break;
+    case STATUS_ENDED: log_report("handleDFUResponse", message); break;
     case STATUS_SUCCESS:
       log_report("handleDFUResponse", message);
       __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s: Changing boot mode to FLASH", "handleDFUResponse");
@@ -35,8 +33,7 @@ void DFUCallback::handleDFUResponse(std::string message, Status status) {
       com_handler_->set_marlo_boot_status(1);
       break;
     case STATUS_INFO:  // progress is not logged
-    default:
-      break;
+    default: break;
   }
 }
 
@@ -59,12 +56,9 @@ void DFUCallback::handleSHMResponse(std::string message, Status status) {
     case STATUS_ERASE_DONE:
     case STATUS_ERROR:
     case STATUS_ENDED:
-    case STATUS_CHANNEL_ERROR:
-      log_report("handleSHMResponse", message);
-      break;
+    case STATUS_CHANNEL_ERROR: log_report("handleSHMResponse", message); break;
     case STATUS_INFO:
-    default:
-      break;
+    default: break;
   }
 }
 

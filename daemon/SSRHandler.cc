@@ -103,7 +103,8 @@ void SSRHandler::handleMessage(char* buffer, ssize_t length) {
   }
   buffer[length] = '\0';
   buffer[length + 1] = '\0';
-  if (buffer[0] == '\0' || memmem(buffer, static_cast<size_t>(length), kControlDevice, sizeof(kControlDevice) - 1) == nullptr) {
+  if (buffer[0] == '\0' ||
+      memmem(buffer, static_cast<size_t>(length), kControlDevice, sizeof(kControlDevice) - 1) == nullptr) {
     return;
   }
   // The message is a list of NUL-terminated strings ended by an empty one.
@@ -119,12 +120,8 @@ void SSRHandler::recoverLostEvents() {
   if (daemon_ == nullptr) return;
   bool believed_up;
   switch (last_power_event_.load()) {
-    case kPowerDown:
-      believed_up = false;
-      break;
-    case kPowerUp:
-      believed_up = true;
-      break;
+    case kPowerDown: believed_up = false; break;
+    case kPowerUp: believed_up = true; break;
     default: {  // no power event yet: the boot's outcome stands
       char value[PROPERTY_VALUE_MAX] = {};
       property_get("vendor.marlo.boot_complete", value, "0");

@@ -40,14 +40,14 @@ void enable_stderr_logging();
 // The statement with the line it reports given explicitly: statements whose
 // "function:line" the device's log tools match keep that line whatever line
 // they stand on in the source.
-#define MARLO_LOG_STATEMENT_AT(level, prio, line, fmt, ...)                                                \
-  do {                                                                                                    \
-    if (marlo_deamon_log::get_level() >= (level)) {                                                      \
+#define MARLO_LOG_STATEMENT_AT(level, prio, line, fmt, ...)                                                     \
+  do {                                                                                                          \
+    if (marlo_deamon_log::get_level() >= (level)) {                                                             \
       __android_log_print((prio), marlo_deamon_log::get_tag(), "%s:%d, " fmt, __func__, static_cast<int>(line), \
-                          ##__VA_ARGS__);                                                                 \
-      if (marlo_deamon_log::get_stderr_logging())                                                         \
-        std::fprintf(stderr, "%s:%d, " fmt "\n", __func__, static_cast<int>(line), ##__VA_ARGS__);        \
-    }                                                                                                     \
+                          ##__VA_ARGS__);                                                                       \
+      if (marlo_deamon_log::get_stderr_logging())                                                               \
+        std::fprintf(stderr, "%s:%d, " fmt "\n", __func__, static_cast<int>(line), ##__VA_ARGS__);              \
+    }                                                                                                           \
   } while (0)
 
 #define MARLO_LOG_STATEMENT(level, prio, fmt, ...) MARLO_LOG_STATEMENT_AT(level, prio, __LINE__, fmt, ##__VA_ARGS__)
@@ -58,8 +58,7 @@ void enable_stderr_logging();
   MARLO_LOG_STATEMENT_AT(marlo_deamon_log::LOG_LEVEL_VERBOSE, ANDROID_LOG_VERBOSE, line, fmt, ##__VA_ARGS__)
 
 #define MARLO_LOGE(fmt, ...) MARLO_LOGE_AT(__LINE__, fmt, ##__VA_ARGS__)
-#define MARLO_LOGI(fmt, ...) \
-  MARLO_LOG_STATEMENT(marlo_deamon_log::LOG_LEVEL_INFO, ANDROID_LOG_INFO, fmt, ##__VA_ARGS__)
+#define MARLO_LOGI(fmt, ...) MARLO_LOG_STATEMENT(marlo_deamon_log::LOG_LEVEL_INFO, ANDROID_LOG_INFO, fmt, ##__VA_ARGS__)
 #define MARLO_LOGD(fmt, ...) \
   MARLO_LOG_STATEMENT(marlo_deamon_log::LOG_LEVEL_DEBUG, ANDROID_LOG_DEBUG, fmt, ##__VA_ARGS__)
 #define MARLO_LOGV(fmt, ...) MARLO_LOGV_AT(__LINE__, fmt, ##__VA_ARGS__)

@@ -7,9 +7,9 @@
 // time-outs, whatever the packets say about their own length.
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
-#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>

@@ -199,8 +199,8 @@ void partition_seeds() {
 
 void version_seeds() {
   using namespace marlo::sim;
-  for (const auto& [name, versions] : {std::make_pair("shipped", shipped_versions()),
-                                       std::make_pair("older", older_versions())}) {
+  for (const auto& [name, versions] :
+       {std::make_pair("shipped", shipped_versions()), std::make_pair("older", older_versions())}) {
     Bytes record(308, 0);
     const FirmwareVersions running = shipped_versions();
     std::memcpy(&record[8], running.apps.data(), std::min<size_t>(running.apps.size(), 99));

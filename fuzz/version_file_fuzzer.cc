@@ -47,8 +47,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::memset(&record, 0, sizeof(record));
   const size_t record_bytes = std::min(size, sizeof(record));
   std::memcpy(&record, data, record_bytes);
-  marlo::fuzz::write_file("/vendor/firmware_mnt/image/tbx7700_ver_info.txt", data + record_bytes,
-                          size - record_bytes);
+  marlo::fuzz::write_file("/vendor/firmware_mnt/image/tbx7700_ver_info.txt", data + record_bytes, size - record_bytes);
   compare_with_standard_search(
       std::string_view(reinterpret_cast<const char*>(data) + record_bytes, size - record_bytes));
   updater->fw_version_check(&record);

@@ -108,8 +108,7 @@ void marlo_fw_updater::sendRAWFlashEraseReq(uint32_t offset, uint32_t length) {
   put_le32(payload + 8, length);
   send_aon_request(dfu::DFU_SPCL_OPERATION_REQ, payload, sizeof(payload));
   reportDFU("### Erasing Marlo Flash Content. ###", Callback::STATUS_STARTED);
-  reportDFU("Going for erase from offset: " + std::to_string(offset) + " to Length: " + std::to_string(length) +
-                "...",
+  reportDFU("Going for erase from offset: " + std::to_string(offset) + " to Length: " + std::to_string(length) + "...",
             Callback::STATUS_INFO);
 }
 
@@ -134,9 +133,9 @@ void marlo_fw_updater::handleDFUSplCmdResposnse(dfu_spcl_cmd_response* response)
       if (resource->erased && !resource->erase_answered.exchange(true)) break;
     }
     // A failed erase is only reported; the erase phase goes on.
-    reportDFU(response->response_code != 0 ? "### Marlo Flash Erase Failed. ###"
-                                           : "### Marlo Flash Erase finished. ###",
-              Callback::STATUS_INFO);
+    reportDFU(
+        response->response_code != 0 ? "### Marlo Flash Erase Failed. ###" : "### Marlo Flash Erase finished. ###",
+        Callback::STATUS_INFO);
     eraseAllRAWPartition();
     return;
   }

@@ -64,11 +64,21 @@ constexpr uint32_t kUpdateReqPayloadLen = 20;
 
 // The name of a message id that may be received, null for an invalid one.
 const char* received_command_name(uint32_t command_id) {
-  static const std::array<const char*, 15> names = {
-      nullptr,          "MG_UPDT_REQ",       "MG_UPDT_RESP",     "IMG_INFO_REQ",
-      "IMG_INFO_RESP",  "IMG_OFFSET_REQ",    "IMG_OFFSET_RESP",  "CANCEL_UPDT_REQ",
-      "CANCEL_UPDT_RESP", "IMG_UPDT_END_REQ", "IMG_UPDT_END_RESP", "SESSION_END_REQ",
-      "SESSION_END_RESP", nullptr,           "DFU_SPCL_OPERATION_RESP"};
+  static const std::array<const char*, 15> names = {nullptr,
+                                                    "MG_UPDT_REQ",
+                                                    "MG_UPDT_RESP",
+                                                    "IMG_INFO_REQ",
+                                                    "IMG_INFO_RESP",
+                                                    "IMG_OFFSET_REQ",
+                                                    "IMG_OFFSET_RESP",
+                                                    "CANCEL_UPDT_REQ",
+                                                    "CANCEL_UPDT_RESP",
+                                                    "IMG_UPDT_END_REQ",
+                                                    "IMG_UPDT_END_RESP",
+                                                    "SESSION_END_REQ",
+                                                    "SESSION_END_RESP",
+                                                    nullptr,
+                                                    "DFU_SPCL_OPERATION_RESP"};
   return command_id < names.size() ? names[command_id] : nullptr;
 }
 
@@ -218,9 +228,9 @@ void marlo_fw_updater::conn_res_event_cb(const uint8_t* data, uint32_t length) {
       break;
     case dfu::DFU_SPCL_OPERATION_RESP: {
       if (callback.load() != nullptr) {
-        reportDFU("Received DFU_SPCL_OPERATION_RESP response code: " +
-                      std::to_string(get_le32(&msg[DFU_SPCL_RESP_CODE])),
-                  Callback::STATUS_INFO);
+        reportDFU(
+            "Received DFU_SPCL_OPERATION_RESP response code: " + std::to_string(get_le32(&msg[DFU_SPCL_RESP_CODE])),
+            Callback::STATUS_INFO);
       }
       dfu_spcl_cmd_response response;
       const uint8_t* record = &msg[DFU_SPCL_RESP_RECORD];
@@ -235,9 +245,7 @@ void marlo_fw_updater::conn_res_event_cb(const uint8_t* data, uint32_t length) {
       break;
     }
     case dfu::CANCEL_UPDT_REQ:
-    case dfu::CANCEL_UPDT_RESP:
-      reportDFU(std::string("Received ") + name, Callback::STATUS_ENDED);
-      break;
+    case dfu::CANCEL_UPDT_RESP: reportDFU(std::string("Received ") + name, Callback::STATUS_ENDED); break;
     default:  // the remaining valid ids are only reported
       reportDFU(std::string("Received ") + name, Callback::STATUS_INFO);
       break;
@@ -254,8 +262,7 @@ void marlo_fw_updater::sendmarloImageInfoRes(uint32_t image_id) {
   put_le32(payload + 4, size);
   put_le32(payload + 8, 0);
   send_aon_request(dfu::IMG_INFO_RESP, payload, sizeof(payload));
-  reportDFU("Updating Image ID: " + std::to_string(image_id) + " size:" + std::to_string(size),
-            Callback::STATUS_INFO);
+  reportDFU("Updating Image ID: " + std::to_string(image_id) + " size:" + std::to_string(size), Callback::STATUS_INFO);
 }
 
 void marlo_fw_updater::sendmarloImageOffsetRes(uint32_t image_id, uint32_t offset, uint32_t fragment_len) {

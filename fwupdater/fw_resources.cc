@@ -190,14 +190,11 @@ std::vector<uint8_t> marlo_fw_updater::readFile(const std::string& path, marlo_f
   std::vector<uint8_t> bytes;
   marlo_fw::WholeFileInfo file;
   switch (marlo_fw::read_whole_file(platform::path(full_path), kMaxFwImageSize, &bytes, &file)) {
-    case marlo_fw::WholeFileResult::kRead:
-      break;
-    case marlo_fw::WholeFileResult::kNotOpened:
-      MARLO_LOGE("File open failed : %s", full_path.c_str());
-      break;
+    case marlo_fw::WholeFileResult::kRead: break;
+    case marlo_fw::WholeFileResult::kNotOpened: MARLO_LOGE("File open failed : %s", full_path.c_str()); break;
     case marlo_fw::WholeFileResult::kTooLarge:
-      MARLO_LOGE("File too large : %s is %" PRIu64 " bytes, the largest image is %" PRIu64 " bytes",
-                 full_path.c_str(), file.size, kMaxFwImageSize);
+      MARLO_LOGE("File too large : %s is %" PRIu64 " bytes, the largest image is %" PRIu64 " bytes", full_path.c_str(),
+                 file.size, kMaxFwImageSize);
       break;
   }
   if (info != nullptr) *info = file;

@@ -45,12 +45,12 @@ class marlo_image_data {
 // the updater's list; from then on only `erased` changes.
 struct marlo_fw_resource {
   int32_t img_id = 0;
-  int32_t offset = 0;          // start of the partition on the co-processor's flash
+  int32_t offset = 0;  // start of the partition on the co-processor's flash
   std::string partition_name;
-  std::string image_path;      // as written in the table, without the directory
-  uint32_t size = 0;           // bytes in data
-  int32_t xml_size = 0;        // partition size from the table
-  marlo_image_data data;       // the whole image file
+  std::string image_path;  // as written in the table, without the directory
+  uint32_t size = 0;       // bytes in data
+  int32_t xml_size = 0;    // partition size from the table
+  marlo_image_data data;   // the whole image file
   // Set by the erase walk once it has asked for this partition's erase. The
   // walk runs on the daemon's thread and then on the reader thread, and a
   // co-processor may answer early: the mark is claimed atomically, so each

@@ -23,12 +23,12 @@ constexpr size_t kElfClassOffset = 4;
 // Where the fields this patch reads sit in either ELF class.
 struct elf_layout {
   size_t header_size;
-  size_t phoff_offset;   // low 32 bits of the program header table offset
-  size_t phnum_offset;   // 16-bit program header count
-  size_t phent_size;     // size of one program header
+  size_t phoff_offset;     // low 32 bits of the program header table offset
+  size_t phnum_offset;     // 16-bit program header count
+  size_t phent_size;       // size of one program header
   size_t p_offset_offset;  // low 32 bits of the segment's file offset
   size_t p_vaddr_offset;
-  size_t p_vaddr_size;   // 4 or 8 bytes, compared whole
+  size_t p_vaddr_size;  // 4 or 8 bytes, compared whole
 };
 constexpr elf_layout kElf32 = {52, 28, 44, 32, 4, 8, 4};
 constexpr elf_layout kElf64 = {64, 32, 56, 56, 8, 16, 8};
@@ -99,8 +99,7 @@ void marlo_fw_updater::updatePlatformInfo(std::vector<uint8_t>& image, platform_
     return;
   }
   if (tbx_elf_offset < 0 || !in_image(image, static_cast<uint64_t>(tbx_elf_offset), kElfClassOffset + 1)) {
-    MARLO_LOGE("ELF image offset %d outside flash image of %zu bytes, not patched", tbx_elf_offset,
-               image.size());
+    MARLO_LOGE("ELF image offset %d outside flash image of %zu bytes, not patched", tbx_elf_offset, image.size());
     return;
   }
   const size_t elf = static_cast<size_t>(tbx_elf_offset);
@@ -115,12 +114,8 @@ void marlo_fw_updater::updatePlatformInfo(std::vector<uint8_t>& image, platform_
       MARLO_LOGE("ELFCLASS64");
       layout = &kElf64;
       break;
-    case kElfClass32:
-      MARLO_LOGE("ELFCLASS32");
-      break;
-    default:
-      MARLO_LOGE("Invalid ELF");
-      break;
+    case kElfClass32: MARLO_LOGE("ELFCLASS32"); break;
+    default: MARLO_LOGE("Invalid ELF"); break;
   }
   if (!in_image(image, elf, layout->header_size)) {
     MARLO_LOGE("ELF header past end of flash image (%zu bytes), not patched", image.size());
@@ -138,8 +133,8 @@ void marlo_fw_updater::updatePlatformInfo(std::vector<uint8_t>& image, platform_
     return;
   }
 
-  const uint32_t words[kPlatformInfoWords] = {info.debug_policy, info.platform_id, info.major_id,
-                                              info.minor_id, info.sub_type};
+  const uint32_t words[kPlatformInfoWords] = {info.debug_policy, info.platform_id, info.major_id, info.minor_id,
+                                              info.sub_type};
   // Header 0 is never the debug-policy segment.
   for (uint64_t i = 1; i < phnum; ++i) {
     const size_t entry = static_cast<size_t>(table + i * layout->phent_size);

@@ -21,8 +21,7 @@ struct glink_conn_config {
 };
 
 struct glink_register_cb {
-  glink_register_cb(glink_data_cb data, glink_error_cb error)
-      : data_cb(std::move(data)), error_cb(std::move(error)) {}
+  glink_register_cb(glink_data_cb data, glink_error_cb error) : data_cb(std::move(data)), error_cb(std::move(error)) {}
   glink_data_cb data_cb;
   glink_error_cb error_cb;
 };

@@ -104,9 +104,9 @@ class marlo_glink : public glink_interface {
   std::atomic<bool> _thread_started{false};
 
   // Atomics, written and read by the user's thread and the reader thread.
-  std::atomic<int> g_glink_err_cnt{0};      // I/O errors since the last good pass
-  std::atomic<bool> _reconnecting{false};   // from a hang-up until a reopen succeeds
-  std::atomic<bool> _closing{false};        // set by the destructor: deliveries are dropped
+  std::atomic<int> g_glink_err_cnt{0};     // I/O errors since the last good pass
+  std::atomic<bool> _reconnecting{false};  // from a hang-up until a reopen succeeds
+  std::atomic<bool> _closing{false};       // set by the destructor: deliveries are dropped
   // The packet being delivered to the data callback, bytes and length in one
   // immutable object: a reader of it holds its own reference, so the packet
   // lives until the last reader is done. Set and cleared by the reader thread.

@@ -123,8 +123,7 @@ int marlo_glink::glink_read(int fd, std::vector<uint8_t>& buffer, unsigned int l
       want = get_size_from_header(static_cast<int>(total), buffer);
       if (want > kMaxPacketSize) {
         ++g_glink_err_cnt;
-        MARLO_LOGE("GLINK_int packet length %u is above the maximum packet size %u, read failed", want,
-                   kMaxPacketSize);
+        MARLO_LOGE("GLINK_int packet length %u is above the maximum packet size %u, read failed", want, kMaxPacketSize);
         return -EMSGSIZE;
       }
     }
@@ -134,8 +133,8 @@ int marlo_glink::glink_read(int fd, std::vector<uint8_t>& buffer, unsigned int l
 }
 
 int marlo_glink::glink_write(int fd, unsigned char* buf, unsigned int len) {
-  MARLO_LOGD("GLINK_int conn = 0x%llx write fd = %d buf_len = %zu, waiting for _s_glink_read_mutex",
-             address_of(this), fd, static_cast<size_t>(len));
+  MARLO_LOGD("GLINK_int conn = 0x%llx write fd = %d buf_len = %zu, waiting for _s_glink_read_mutex", address_of(this),
+             fd, static_cast<size_t>(len));
   client_wakelock::reference wakelock_ref;
   int written_total = 0;
   int retries = 0;
@@ -170,8 +169,8 @@ int marlo_glink::glink_write(int fd, unsigned char* buf, unsigned int len) {
       result = -err;
       if (err != EBUSY && err != EAGAIN) {
         ++g_glink_err_cnt;
-        MARLO_LOGE("GLINK_int conn = 0x%llx write has failed with errno = %d & g_glink_err_cnt = %d",
-                   address_of(this), err, g_glink_err_cnt.load());
+        MARLO_LOGE("GLINK_int conn = 0x%llx write has failed with errno = %d & g_glink_err_cnt = %d", address_of(this),
+                   err, g_glink_err_cnt.load());
         break;
       }
       MARLO_LOGE("GLINK conn = 0x%llx write failed with errno = %d", address_of(this), err);

@@ -200,12 +200,8 @@ void marlo_rma::rma_conn_res_event_cb(const uint8_t* data, unsigned size) {
                  partition_size, client_priv.load());
       const std::string name = partition_name(memory_id);
       switch (marlo::rma::create_backing_file(name, partition_size)) {
-        case marlo::rma::create_result::exists:
-          MARLO_LOGE("file exists %s  ", (kPartitionDir + name).c_str());
-          break;
-        case marlo::rma::create_result::failed:
-          MARLO_LOGE("File opening failed");
-          break;
+        case marlo::rma::create_result::exists: MARLO_LOGE("file exists %s  ", (kPartitionDir + name).c_str()); break;
+        case marlo::rma::create_result::failed: MARLO_LOGE("File opening failed"); break;
         case marlo::rma::create_result::refused:  // logged with the policy's figures
           break;
         case marlo::rma::create_result::created:
@@ -259,8 +255,6 @@ void marlo_rma::rma_conn_res_event_cb(const uint8_t* data, unsigned size) {
       send_aon_request(RMA_DATA_WRITE_RESP, payload.data(), static_cast<unsigned>(payload.size()));
       break;
     }
-    default:
-      MARLO_LOGE("GLINK_int invalid cmd id");
-      break;
+    default: MARLO_LOGE("GLINK_int invalid cmd id"); break;
   }
 }

@@ -72,8 +72,8 @@ create_result create_backing_file(const std::string& name, uint64_t size) {
   const std::string path = kPartitionDir + name;
   if (platform::access(path.c_str(), F_OK) == 0) return create_result::exists;
   if (size > kMaxPartitionBytes) {
-    MARLO_LOGE("partition %s of %llu bytes is above the %llu bytes a backing file may hold, not created",
-               path.c_str(), static_cast<unsigned long long>(size), static_cast<unsigned long long>(kMaxPartitionBytes));
+    MARLO_LOGE("partition %s of %llu bytes is above the %llu bytes a backing file may hold, not created", path.c_str(),
+               static_cast<unsigned long long>(size), static_cast<unsigned long long>(kMaxPartitionBytes));
     return create_result::refused;
   }
   const uint64_t stored = stored_bytes();

@@ -21,9 +21,9 @@ void put_u16_at(Bytes& b, size_t off, uint16_t v) { put_u16(b, off, v); }
 
 BootLoaderElf build_boot_loader_elf(uint32_t seed) {
   const Segment segments[] = {
-      {0x20100000, 0x0C00, kFlagR | kFlagX},            // code
+      {0x20100000, 0x0C00, kFlagR | kFlagX},                          // code
       {kDebugPolicyAddress, kDebugPolicyWords * 4, kFlagR | kFlagW},  // debug policy block
-      {0x20148000, 0x0180, kFlagR | kFlagW},            // data
+      {0x20148000, 0x0180, kFlagR | kFlagW},                          // data
   };
   const uint16_t count = sizeof(segments) / sizeof(segments[0]);
 
@@ -34,16 +34,16 @@ BootLoaderElf build_boot_loader_elf(uint32_t seed) {
   b[1] = 'E';
   b[2] = 'L';
   b[3] = 'F';
-  b[4] = 1;  // 32-bit
-  b[5] = 1;  // little-endian
-  b[6] = 1;  // current version
-  put_u16_at(b, 16, 2);       // executable
-  put_u16_at(b, 18, 40);      // ARM
-  put_u32(b, 20, 1);          // version
+  b[4] = 1;                           // 32-bit
+  b[5] = 1;                           // little-endian
+  b[6] = 1;                           // current version
+  put_u16_at(b, 16, 2);               // executable
+  put_u16_at(b, 18, 40);              // ARM
+  put_u32(b, 20, 1);                  // version
   put_u32(b, 24, segments[0].vaddr);  // entry point
-  put_u32(b, 28, kEhdrSize);  // program headers follow the header
-  put_u32(b, 32, 0);          // no section headers
-  put_u32(b, 36, 0x05000400); // EABI5, hard float
+  put_u32(b, 28, kEhdrSize);          // program headers follow the header
+  put_u32(b, 32, 0);                  // no section headers
+  put_u32(b, 36, 0x05000400);         // EABI5, hard float
   put_u16_at(b, 40, kEhdrSize);
   put_u16_at(b, 42, kPhdrSize);
   put_u16_at(b, 44, count);

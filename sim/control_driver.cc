@@ -123,14 +123,12 @@ ControlRequest ControlDriver::handle(uint32_t request, const Bytes& block, uint3
         fail(EAGAIN);  // nothing answers while the co-processor is down
       }
       break;
-    case kReqBoot:
-      handle_boot(r);
-      break;
-    default:
-      fail(ENOTTY);
+    case kReqBoot: handle_boot(r); break;
+    default: fail(ENOTTY);
   }
   std::string line = r.name();
-  if (request == kReqBoot && (r.cmd == kCmdSetBootMode || r.cmd == kCmdBootStatus)) line += " " + std::to_string(r.value);
+  if (request == kReqBoot && (r.cmd == kCmdSetBootMode || r.cmd == kCmdBootStatus))
+    line += " " + std::to_string(r.value);
   if (request == kReqReset) line += " data=" + hex(data);
   line += r.result == -1 ? " -> error " + std::to_string(r.err) : " -> " + std::to_string(r.result);
   log_.add("driver", line);
@@ -145,18 +143,14 @@ void ControlDriver::handle_boot(ControlRequest& r) {
       // The chip is held in reset until the next load.
       coprocessor_.unload("soft reset");
       break;
-    case kCmdTwmExit:
-      write_text(root_ + "/sys/class/pmic-lpm/pmic_twm_exit", "0\n");
-      break;
+    case kCmdTwmExit: write_text(root_ + "/sys/class/pmic-lpm/pmic_twm_exit", "0\n"); break;
     case kCmdLoad:
       if (int err = coprocessor_.load()) {
         r.result = -1;
         r.err = err;
       }
       break;
-    case kCmdUnload:
-      coprocessor_.unload("unloaded by the host");
-      break;
+    case kCmdUnload: coprocessor_.unload("unloaded by the host"); break;
     case kCmdSetBootMode:
       if (r.value != kBootModeHost && r.value != kBootModeFlash) {
         r.result = -1;
@@ -165,19 +159,14 @@ void ControlDriver::handle_boot(ControlRequest& r) {
         coprocessor_.set_boot_mode(static_cast<int>(r.value));
       }
       break;
-    case kCmdGetBootMode:
-      r.result = coprocessor_.boot_mode();
-      break;
-    case kCmdSaveDump:
-      break;
+    case kCmdGetBootMode: r.result = coprocessor_.boot_mode(); break;
+    case kCmdSaveDump: break;
     case kCmdBootStatus: {
       std::lock_guard<std::mutex> lock(mutex_);
       boot_statuses_.push_back(r.value);
       break;
     }
-    default:
-      r.result = -1;
-      r.err = EINVAL;
+    default: r.result = -1; r.err = EINVAL;
   }
 }
 

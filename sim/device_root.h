@@ -7,11 +7,11 @@
 namespace marlo::sim {
 
 struct RootOptions {
-  std::string hw_platform = "WDP";      // platform id 0x24 in the patched block
-  std::string dload_mode = "mini";      // debug policy 1
-  std::string platform_subtype = "0";   // the only supported subtype
+  std::string hw_platform = "WDP";     // platform id 0x24 in the patched block
+  std::string dload_mode = "mini";     // debug policy 1
+  std::string platform_subtype = "0";  // the only supported subtype
   bool twm_exit_pending = false;
-  bool aon_present = true;              // ro.vendor.zt_aon_presence
+  bool aon_present = true;  // ro.vendor.zt_aon_presence
 };
 
 // Relative to the root: the remoteproc entry of the co-processor (through

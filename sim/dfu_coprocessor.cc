@@ -84,9 +84,7 @@ void DfuCoprocessor::on_packet(int fd, const Bytes& m) {
   }
   uint32_t id = get_u32(m, 0);
   switch (id) {
-    case kSpclOperationReq:
-      handle_special(fd, m);
-      break;
+    case kSpclOperationReq: handle_special(fd, m); break;
     case kMgUpdtReq: {
       bool sound = m.size() == 36 && get_u32(m, 16) == 1 && get_u32(m, 20) == 0 && get_u32(m, 24) == 0 &&
                    std::memcmp(m.data() + 28, kImgUpdt, sizeof(kImgUpdt)) == 0;
@@ -103,12 +101,8 @@ void DfuCoprocessor::on_packet(int fd, const Bytes& m) {
       ask(fd);
       break;
     }
-    case kImgInfoResp:
-      handle_info_resp(fd, m);
-      break;
-    case kImgOffsetResp:
-      handle_offset_resp(fd, m);
-      break;
+    case kImgInfoResp: handle_info_resp(fd, m); break;
+    case kImgOffsetResp: handle_offset_resp(fd, m); break;
     case kSessionEndResp:
       if (status_.state != kStateSessionEndReq) {
         ++status_.stale_answers;
@@ -120,8 +114,7 @@ void DfuCoprocessor::on_packet(int fd, const Bytes& m) {
       awaiting_ = false;
       log_.add("dfu", "session complete: new firmware committed to flash");
       break;
-    default:
-      reject(fd, "unexpected " + dfu_id_name(id), false);
+    default: reject(fd, "unexpected " + dfu_id_name(id), false);
   }
 }
 
@@ -177,8 +170,8 @@ void DfuCoprocessor::handle_info_resp(int fd, const Bytes& m) {
   uint32_t size = get_u32(m, 20);
   if (size == 0 || !flash_.begin_image(status_.image_id, size)) {
     ++status_.missing_images;
-    log_.add("dfu", "host has no usable image " + std::to_string(status_.image_id) + " (size " +
-                        std::to_string(size) + "), skipped");
+    log_.add("dfu", "host has no usable image " + std::to_string(status_.image_id) + " (size " + std::to_string(size) +
+                        "), skipped");
     start_image(image_index_ + 1);
     ask(fd);
     return;

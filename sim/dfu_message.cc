@@ -34,10 +34,21 @@ std::string check_dfu_message(const Bytes& m) {
 }
 
 std::string dfu_id_name(uint32_t id) {
-  static const char* const names[] = {"?", "MG_UPDT_REQ", "MG_UPDT_RESP", "IMG_INFO_REQ", "IMG_INFO_RESP",
-                                      "IMG_OFFSET_REQ", "IMG_OFFSET_RESP", "CANCEL_UPDT_REQ", "CANCEL_UPDT_RESP",
-                                      "IMG_UPDT_END_REQ", "IMG_UPDT_END_RESP", "SESSION_END_REQ",
-                                      "SESSION_END_RESP", "DFU_SPCL_OPERATION_REQ", "DFU_SPCL_OPERATION_RESP"};
+  static const char* const names[] = {"?",
+                                      "MG_UPDT_REQ",
+                                      "MG_UPDT_RESP",
+                                      "IMG_INFO_REQ",
+                                      "IMG_INFO_RESP",
+                                      "IMG_OFFSET_REQ",
+                                      "IMG_OFFSET_RESP",
+                                      "CANCEL_UPDT_REQ",
+                                      "CANCEL_UPDT_RESP",
+                                      "IMG_UPDT_END_REQ",
+                                      "IMG_UPDT_END_RESP",
+                                      "SESSION_END_REQ",
+                                      "SESSION_END_RESP",
+                                      "DFU_SPCL_OPERATION_REQ",
+                                      "DFU_SPCL_OPERATION_RESP"};
   return id < sizeof(names) / sizeof(names[0]) ? names[id] : "id " + std::to_string(id);
 }
 

@@ -84,12 +84,13 @@ int32_t MiscDataReceiver::handle(const Bytes& p) {
     case kLast: {
       if (!started_ || data_complete_ || type != type_) return problem("data packet outside a resource", -EPROTO);
       if (p.size() > max_payload_) {
-        return problem("packet of " + std::to_string(p.size()) + " bytes above MAX_PAYLOAD_SIZE " +
-                           std::to_string(max_payload_),
-                       -EMSGSIZE);
+        return problem(
+            "packet of " + std::to_string(p.size()) + " bytes above MAX_PAYLOAD_SIZE " + std::to_string(max_payload_),
+            -EMSGSIZE);
       }
       if (length != p.size() - kHeader) return problem("data length field does not match the packet", -EINVAL);
-      if (seq != next_seq_) return problem("sequence " + std::to_string(seq) + ", expected " + std::to_string(next_seq_), -EPROTO);
+      if (seq != next_seq_)
+        return problem("sequence " + std::to_string(seq) + ", expected " + std::to_string(next_seq_), -EPROTO);
       if (length > total_ - data_.size()) return problem("more data than the start packet announced", -EOVERFLOW);
       data_.insert(data_.end(), p.begin() + kHeader, p.end());
       ++next_seq_;
@@ -97,7 +98,8 @@ int32_t MiscDataReceiver::handle(const Bytes& p) {
       return 0;
     }
     case kCrc: {
-      if (!started_ || type != type_ || p.size() != kHeader + 4 || length != 4) return problem("malformed CRC packet", -EINVAL);
+      if (!started_ || type != type_ || p.size() != kHeader + 4 || length != 4)
+        return problem("malformed CRC packet", -EINVAL);
       if (!data_complete_ || data_.size() != total_) {
         return problem("CRC before all " + std::to_string(total_) + " bytes arrived", -EPROTO);
       }
@@ -117,8 +119,7 @@ int32_t MiscDataReceiver::handle(const Bytes& p) {
       log_.add("misc", "finish: " + std::to_string(verified_.size()) + " resource(s) stored");
       verified_.clear();
       return 0;
-    default:
-      return problem("packet kind " + std::to_string(kind), -EINVAL);
+    default: return problem("packet kind " + std::to_string(kind), -EINVAL);
   }
 }
 

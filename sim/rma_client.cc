@@ -167,7 +167,8 @@ std::string RmaClient::check_answer(const Bytes& m, const Step& step) const {
       if (get_u32(m, kRmaHeader + 16) != 0) return "host could not write block at " + std::to_string(step.offset);
       return "";
     default: {
-      if (m.size() != kRmaHeader + 20 + block || !words_are({p.memory_id, config_.client_priv, p.memory_id, block, 0})) {
+      if (m.size() != kRmaHeader + 20 + block ||
+          !words_are({p.memory_id, config_.client_priv, p.memory_id, block, 0})) {
         return "unexpected DATA_READ answer of " + std::to_string(m.size()) + " bytes";
       }
       if (config_.read_only) return "";

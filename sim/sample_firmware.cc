@@ -123,7 +123,11 @@ FirmwareSet make_firmware_set(const FirmwareVersions& versions) {
   flash.resize(kSblOffset, 0xFF);
   flash.insert(flash.end(), elf.bytes.begin(), elf.bytes.end());
   append_noise(flash, kFlashAppSize, seed + 1);
-  FirmwareManifest manifest{versions.apps, versions.dsp, versions.bt, versions.kapi, kSblOffset,
+  FirmwareManifest manifest{versions.apps,
+                            versions.dsp,
+                            versions.bt,
+                            versions.kapi,
+                            kSblOffset,
                             static_cast<uint32_t>(partition1.size()),
                             crc32(partition1.data(), partition1.size())};
   std::string text = encode_manifest(manifest);

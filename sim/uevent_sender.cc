@@ -33,8 +33,7 @@ bool send_uevent(const std::string& root, const std::string& message) {
     capture->packet(CaptureInterface::Uevent, Direction::Inbound, reinterpret_cast<const uint8_t*>(message.data()),
                     message.size());
   }
-  ssize_t n = ::sendto(fd, message.data(), message.size(), 0, reinterpret_cast<struct sockaddr*>(&addr),
-                       sizeof(addr));
+  ssize_t n = ::sendto(fd, message.data(), message.size(), 0, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr));
   ::close(fd);
   return n == static_cast<ssize_t>(message.size());
 }

@@ -12,7 +12,10 @@ namespace marlo::sim {
 std::string capture_setup(const DeviceOptions& o, const std::string& root) {
   std::ostringstream out;
   out << "variant=" << (o.variant == Variant::NoflashPsram ? "noflash" : "flash") << "\n";
-  out << "flash=" << (o.flash == FlashContents::Empty ? "empty" : o.flash == FlashContents::Shipped ? "shipped" : "older")
+  out << "flash="
+      << (o.flash == FlashContents::Empty     ? "empty"
+          : o.flash == FlashContents::Shipped ? "shipped"
+                                              : "older")
       << "\n";
   out << "running=" << (o.running_at_start ? 1 : 0) << "\n";
   out << "fragment-size=" << o.dfu.fragment_size << "\n";

@@ -30,7 +30,7 @@ struct DeviceOptions {
   DfuConfig dfu;                  // image ids default to the shipped set's
   uint32_t misc_max_payload = MiscDataReceiver::kDefaultMaxPayload;
   RmaConfig rma;
-  int restart_offline_ms = 300;   // offline time of a restart fault
+  int restart_offline_ms = 300;  // offline time of a restart fault
   // When set, the whole session is recorded there (pcapng, see
   // sim/capture/session_capture.h).
   std::string capture_file;
@@ -99,7 +99,7 @@ class VirtualDevice {
   std::unique_ptr<RmaClient> rma_;
   std::shared_ptr<SessionCapture> capture_;
   mutable std::mutex packets_mutex_;
-  int packets_ = 0;                     // guarded by packets_mutex_, as are the two below
+  int packets_ = 0;  // guarded by packets_mutex_, as are the two below
   int cut_at_ = 0;
   std::function<bool()> cut_action_;
 };

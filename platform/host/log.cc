@@ -64,7 +64,7 @@ const char* log_file_path() {
   constexpr size_t kNameLength = sizeof(kName) - 1;
   struct Seen {
     char** env = nullptr;
-    size_t index = 0;  // of the entry found, or the number of entries when none was
+    size_t index = 0;             // of the entry found, or the number of entries when none was
     const char* entry = nullptr;  // the entry found, or the last entry when none was
     bool found = false;
   };

@@ -9,8 +9,8 @@
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 #include <mutex>
+#include <string>
 #include <thread>
 
 namespace platform::host {
@@ -122,7 +122,8 @@ class LogQueue {
         drain(lock);
         if (file_fd_ >= 0) ::close(file_fd_);
         file_path_ = std::string(file_path);
-        file_fd_ = file_path_.empty() ? -1 : ::open(file_path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+        file_fd_ =
+            file_path_.empty() ? -1 : ::open(file_path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
       }
     }
     const size_t before = queued_bytes();

@@ -64,7 +64,9 @@ bool read_capture(const std::string& path, CaptureFile* capture, std::string* er
     }
     size_t body = at + 8, end = at + length - 4;
     std::string text_error = "bad options in the block at byte " + std::to_string(at);
-    auto text = [&file](size_t offset, size_t n) { return std::string(file.begin() + offset, file.begin() + offset + n); };
+    auto text = [&file](size_t offset, size_t n) {
+      return std::string(file.begin() + offset, file.begin() + offset + n);
+    };
     if (type == kShbType) {
       if (end - body < 16 || get_le32(&file[body]) != kByteOrderMagic) {
         *error = "not a little-endian pcapng section";
@@ -99,7 +101,8 @@ bool read_capture(const std::string& path, CaptureFile* capture, std::string* er
         *error = "bad packet block at byte " + std::to_string(at);
         return false;
       }
-      p.data.assign(file.begin() + static_cast<long>(body + 20), file.begin() + static_cast<long>(body + 20 + captured));
+      p.data.assign(file.begin() + static_cast<long>(body + 20),
+                    file.begin() + static_cast<long>(body + 20 + captured));
       bool ok = for_each_option(file, body + 20 + padded, end, [&](uint16_t code, size_t v, size_t n) {
         if (code == 1) p.comment = text(v, n);
         if (code == 2 && n == 4) p.flags = get_le32(&file[v]);

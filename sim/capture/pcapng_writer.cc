@@ -9,7 +9,6 @@ namespace {
 
 using namespace pcapng;
 
-
 void append_u16(std::vector<uint8_t>& out, uint16_t v) {
   out.push_back(static_cast<uint8_t>(v));
   out.push_back(static_cast<uint8_t>(v >> 8));
@@ -40,8 +39,8 @@ PcapngWriter::~PcapngWriter() {
 void PcapngWriter::section_header(const std::vector<Option>& options) {
   std::vector<uint8_t> body;
   append_le32(body, kByteOrderMagic);
-  append_u16(body, 1);  // major version
-  append_u16(body, 0);  // minor version
+  append_u16(body, 1);            // major version
+  append_u16(body, 0);            // minor version
   append_le32(body, 0xffffffff);  // section length: not given
   append_le32(body, 0xffffffff);
   write_block(kShbType, body, options);

@@ -33,7 +33,9 @@ const char* capture_node(CaptureInterface interface) {
   return "";
 }
 
-uint16_t capture_link_type(CaptureInterface interface) { return static_cast<uint16_t>(147 + static_cast<int>(interface)); }
+uint16_t capture_link_type(CaptureInterface interface) {
+  return static_cast<uint16_t>(147 + static_cast<int>(interface));
+}
 
 SessionCapture::SessionCapture(const std::string& path, const std::string& setup) : writer_(path) {
   if (!writer_.ok()) throw std::runtime_error("cannot write the capture " + path);

@@ -154,15 +154,17 @@ int run_demo(const DemoOptions& options, FILE* out) {
     std::this_thread::sleep_for(std::chrono::milliseconds(300));  // no download may follow
     if (matched) view.line("  marlod: \"Marlo firmware versions are MATHCHED, skip fw_update\"");
     if (!matched) failures.push_back("the second boot did not find the versions matched");
-    if (device.dfu().status().sessions_started != sessions_before) failures.push_back("the second boot downloaded again");
+    if (device.dfu().status().sessions_started != sessions_before)
+      failures.push_back("the second boot downloaded again");
   }
   std::optional<FirmwareManifest> running = device.coprocessor().running_firmware();
-  if (!running || running->apps != shipped.versions.apps) failures.push_back("the co-processor does not run the new firmware");
+  if (!running || running->apps != shipped.versions.apps)
+    failures.push_back("the co-processor does not run the new firmware");
 
   DfuStatus dfu = device.dfu().status();
   view.line("\n== Summary");
-  view.line("  update took " + std::to_string(static_cast<int>(update_s * 10) / 10.0).substr(0, 4) + " s: " +
-            std::to_string(dfu.erases.size()) + " erases, " + std::to_string(dfu.fragments) + " fragments, " +
+  view.line("  update took " + std::to_string(static_cast<int>(update_s * 10) / 10.0).substr(0, 4) +
+            " s: " + std::to_string(dfu.erases.size()) + " erases, " + std::to_string(dfu.fragments) + " fragments, " +
             std::to_string(dfu.crc_errors) + " CRC errors");
   view.line("  running firmware: " + (running ? running->apps : std::string("none")));
   if (failures.empty()) view.line("  second boot: versions matched, nothing downloaded");

@@ -15,11 +15,11 @@
 #include <thread>
 #include <vector>
 
-#include "sim/tools/control_socket.h"
 #include "sim/daemon_process.h"
+#include "sim/device_root.h"
+#include "sim/tools/control_socket.h"
 #include "sim/tools/demo.h"
 #include "sim/tools/replay.h"
-#include "sim/device_root.h"
 #include "sim/tools/terminal_view.h"
 #include "sim/uevent_sender.h"
 #include "sim/virtual_device.h"
@@ -117,7 +117,9 @@ int serve(const Args& a) {
   }
   DeviceOptions o;
   std::string flash = option(a, "--flash", "older");
-  o.flash = flash == "empty" ? FlashContents::Empty : flash == "shipped" ? FlashContents::Shipped : FlashContents::Older;
+  o.flash = flash == "empty"     ? FlashContents::Empty
+            : flash == "shipped" ? FlashContents::Shipped
+                                 : FlashContents::Older;
   o.variant = option(a, "--variant") == "noflash" ? Variant::NoflashPsram : Variant::Flash;
   o.running_at_start = a.options.count("--running") != 0;
   o.dfu.fragment_size = static_cast<uint32_t>(std::stoul(option(a, "--fragment-size", "4096")));
@@ -219,8 +221,7 @@ int run(const Args& a) {
 
 int main(int argc, char** argv) {
   Args args;
-  if (!parse(argc, argv, &args) || args.command == "--help" || args.command == "help" ||
-      args.options.count("--help")) {
+  if (!parse(argc, argv, &args) || args.command == "--help" || args.command == "help" || args.options.count("--help")) {
     std::fputs(kUsage, args.command.empty() ? stderr : stdout);
     return args.command.empty() ? 2 : 0;
   }

@@ -28,7 +28,7 @@ namespace marlo::sim {
 
 namespace {
 
-constexpr int kNodes = 4;  // the device nodes among the interfaces; 4 is the uevents
+constexpr int kNodes = 4;            // the device nodes among the interfaces; 4 is the uevents
 constexpr size_t kControlBlock = 4;  // offset of the request block in a control request
 
 bool is_outbound(const CapturedPacket& p) { return (p.flags & 3) == static_cast<uint32_t>(Direction::Outbound); }
@@ -199,7 +199,8 @@ class Player {
     if (it == expected_[node].end() || !records_[*it].data.empty() ||
         (records_[*it].comment != open && records_[*it].comment.rfind(refused, 0) != 0)) {
       ::close(fd);
-      fail(std::string("the daemon opened ") + capture_node(static_cast<CaptureInterface>(node)) + "; the recording has " +
+      fail(std::string("the daemon opened ") + capture_node(static_cast<CaptureInterface>(node)) +
+           "; the recording has " +
            (it == expected_[node].end() ? "no more actions there" : describe(*it) + " at " + where(*it)));
       return;
     }
@@ -222,8 +223,8 @@ class Player {
       auto it = next_action(node);
       if (it == expected_[node].end() || records_[*it].data.empty()) {
         std::string name = message_name(node, message, true);
-        fail("the daemon sent a " + std::to_string(n) + "-byte message" + (name.empty() ? "" : " (" + name + ")") + " on " +
-             capture_node(static_cast<CaptureInterface>(node)) + "; the recording has " +
+        fail("the daemon sent a " + std::to_string(n) + "-byte message" + (name.empty() ? "" : " (" + name + ")") +
+             " on " + capture_node(static_cast<CaptureInterface>(node)) + "; the recording has " +
              (it == expected_[node].end() ? "nothing more there" : describe(*it) + " at " + where(*it)));
         return;
       }

@@ -45,9 +45,8 @@ TEST(MarlodProcessTest, ExitsWithoutACoProcessor) {
   ASSERT_TRUE(marlo::test::wait_until([&] { return !marlod.alive(&status); }, 10s));
   EXPECT_TRUE(WIFEXITED(status));
   EXPECT_EQ(WEXITSTATUS(status), 237);
-  EXPECT_TRUE(log_has_line(root.at("/marlod.log"),
-                           "{\"prio\": 4, \"tag\": null, \"tid\": " + std::to_string(pid) +
-                               ", \"msg\": \"ZT AON not present: Do not perform PIL\"}"));
+  EXPECT_TRUE(log_has_line(root.at("/marlod.log"), "{\"prio\": 4, \"tag\": null, \"tid\": " + std::to_string(pid) +
+                                                       ", \"msg\": \"ZT AON not present: Do not perform PIL\"}"));
 }
 
 // A running co-processor that boots in HOST mode, behind `device`.

@@ -43,10 +43,15 @@ class OrchestrationTest : public ::testing::Test {
     std::string out;
     for (const ControlRequest& r : device_->requests()) {
       if (!out.empty()) out += " ";
-      if (r.request == kSpiFree) out += "SPI_FREE";
-      else if (r.request == kSpiBusy) out += "SPI_BUSY";
-      else if (r.request == kReset) out += "RESET";
-      else out += "BOOT." + std::to_string(r.cmd()) + (r.cmd() == 5 || r.cmd() == 8 ? "=" + std::to_string(r.value()) : "");
+      if (r.request == kSpiFree)
+        out += "SPI_FREE";
+      else if (r.request == kSpiBusy)
+        out += "SPI_BUSY";
+      else if (r.request == kReset)
+        out += "RESET";
+      else
+        out +=
+            "BOOT." + std::to_string(r.cmd()) + (r.cmd() == 5 || r.cmd() == 8 ? "=" + std::to_string(r.value()) : "");
     }
     return out;
   }

@@ -14,8 +14,8 @@
 
 #include "daemon/SSRHandler.h"
 #include "support/log_capture.h"
-#include "support/wait_until.h"
 #include "support/test_root.h"
+#include "support/wait_until.h"
 
 using namespace std::chrono_literals;
 
@@ -90,7 +90,7 @@ TEST_F(SSRHandlerTest, PowerEventsKeepBootCompleteInStep) {
 TEST_F(SSRHandlerTest, OnlyControlDeviceMessagesOfTheRightLengthCount) {
   send(std::string("change@/devices/platform/other\0MARLO_EVENT=4\0", 45));
   send(std::string("\0marlo_com_dev\0MARLO_EVENT=4\0", 29));  // first byte NUL
-  send(event("MARLO_EVENT=7") + std::string(1100, 'x'));    // longer than 1024 bytes
+  send(event("MARLO_EVENT=7") + std::string(1100, 'x'));      // longer than 1024 bytes
   EXPECT_TRUE(marlo::test::wait_until([&] { return log_.contains("Message length is not correct \n"); }, 5s));
 
   // Exactly 1024 bytes, ending in the event string without its NUL.

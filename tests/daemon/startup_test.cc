@@ -11,8 +11,8 @@
 #include "daemon/MarloDaemon.h"
 #include "support/fake_control_device.h"
 #include "support/log_capture.h"
-#include "support/wait_until.h"
 #include "support/test_root.h"
+#include "support/wait_until.h"
 
 using marlo::test::ControlAnswer;
 using marlo::test::ControlRequest;

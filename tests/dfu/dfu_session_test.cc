@@ -308,11 +308,11 @@ TEST(DfuWithoutChannel, OpenFailureEndsTheSessionAndABareQueryHandsTheStateOver)
   root.write("/vendor/firmware_mnt/image/partition_table.xml", "<t><Bank_1/></t>");
   RecordingCallback cb;
   marlo_fw_updater updater;
-  updater.startMarloDownloaderWithCallback(&cb);  // nothing listens on the channel
+  updater.startMarloDownloaderWithCallback(&cb);      // nothing listens on the channel
   updater.eraseAllRAWPartitionAndContinueDownload();  // no transport: nothing happens
-  EXPECT_EQ(cb.reports(), (std::vector<RecordingCallback::Report>{
-                              {"Marlo dfu channel open failed", Status::STATUS_CHANNEL_ERROR},
-                              {"MarloDownloader END", Status::STATUS_ENDED}}));
+  EXPECT_EQ(cb.reports(),
+            (std::vector<RecordingCallback::Report>{{"Marlo dfu channel open failed", Status::STATUS_CHANNEL_ERROR},
+                                                    {"MarloDownloader END", Status::STATUS_ENDED}}));
   EXPECT_EQ(updater.firmwareResources().size(), 2u);  // loaded after the end all the same
 
   Bytes state7 = dfu_message(14, words({1, 0, 0, 7, 0, 0, 0}));

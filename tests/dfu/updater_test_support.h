@@ -35,9 +35,8 @@ class RecordingCallback : public marlo_fw_updater::Callback {
   // Waits until the report has been made.
   bool wait_for(const std::string& message, Status status) {
     std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::seconds(3), [&] {
-      return std::count(reports_.begin(), reports_.end(), Report(message, status)) > 0;
-    });
+    return changed_.wait_for(lock, std::chrono::seconds(3),
+                             [&] { return std::count(reports_.begin(), reports_.end(), Report(message, status)) > 0; });
   }
 
  private:

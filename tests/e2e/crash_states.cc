@@ -247,8 +247,7 @@ std::vector<FileOp> read_journal(const std::string& journal, const std::string& 
         in.ignore(1);  // the newline after the bytes
         break;
       }
-      default:
-        return ops;
+      default: return ops;
     }
     if (ours && (op.kind == FileOp::Sync || !op.path.empty())) ops.push_back(std::move(op));
   }

@@ -50,8 +50,8 @@ struct DurableBlock {
 };
 
 struct CrashState {
-  size_t cut = 0;           // operations done before the power loss
-  std::string how;          // which pending changes made it, for messages
+  size_t cut = 0;                           // operations done before the power loss
+  std::string how;                          // which pending changes made it, for messages
   std::map<std::string, sim::Bytes> files;  // the directory's contents
   std::vector<DurableBlock> durable;
 };

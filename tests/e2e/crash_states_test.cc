@@ -23,8 +23,7 @@ TEST(CrashStates, UnsyncedWritesAndDirectoryChangesMayBeLostOrTornAndAnswersAreT
   // A file created, filled and renamed without any sync, then a block
   // written and answered without a sync of its own.
   const std::vector<FileOp> ops{op(FileOp::Create, "1.tmp"), write("1.tmp", 0, 1024, 0),
-                                op(FileOp::Rename, "1.tmp", "1"), write("1", 0, 1024, 7),
-                                op(FileOp::Answered, "")};
+                                op(FileOp::Rename, "1.tmp", "1"), write("1", 0, 1024, 7), op(FileOp::Answered, "")};
   size_t generated = 0;
   const std::vector<CrashState> states = crash_states(ops, 512, &generated);
   EXPECT_GT(generated, states.size()) << "duplicates are dropped";
@@ -40,15 +39,15 @@ TEST(CrashStates, UnsyncedWritesAndDirectoryChangesMayBeLostOrTornAndAnswersAreT
   EXPECT_TRUE(at_end([](const CrashState& s) { return s.files.count("1") && s.files.at("1").empty(); }))
       << "the rename without the data";
   EXPECT_TRUE(at_end([](const CrashState& s) {
-    return s.files.count("1") && s.files.at("1").size() == 1024 && s.files.at("1")[0] == 7 &&
-           s.files.at("1")[600] == 0;
+    return s.files.count("1") && s.files.at("1").size() == 1024 && s.files.at("1")[0] == 7 && s.files.at("1")[600] == 0;
   })) << "the answered block torn at 512";
 }
 
 TEST(CrashStates, SyncedDataAndDirectoryAreNeverLost) {
-  const std::vector<FileOp> ops{op(FileOp::Create, "1.tmp"), write("1.tmp", 0, 1024, 0), op(FileOp::Sync, "1.tmp"),
-                                op(FileOp::Rename, "1.tmp", "1"), op(FileOp::Sync, ""), write("1", 0, 1024, 7),
-                                op(FileOp::Sync, "1"), op(FileOp::Answered, "")};
+  const std::vector<FileOp> ops{op(FileOp::Create, "1.tmp"), write("1.tmp", 0, 1024, 0),
+                                op(FileOp::Sync, "1.tmp"),   op(FileOp::Rename, "1.tmp", "1"),
+                                op(FileOp::Sync, ""),        write("1", 0, 1024, 7),
+                                op(FileOp::Sync, "1"),       op(FileOp::Answered, "")};
   size_t generated = 0;
   for (const CrashState& state : crash_states(ops, 512, &generated)) {
     if (state.cut < 5) continue;  // the directory is synced from here on

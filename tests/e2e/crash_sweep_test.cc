@@ -13,13 +13,13 @@
 #include <sys/wait.h>
 
 #include <atomic>
-#include <functional>
-#include <thread>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <set>
 #include <sstream>
+#include <thread>
 
 #include "crash_states.h"
 #include "e2e_fixture.h"
@@ -265,7 +265,7 @@ class NoflashSweep : public CrashSweep {
   void prepare() {
     sim::DeviceOptions options = noflash_options();
     options.restart_offline_ms = 20;
-    options.misc_max_payload = 4096;  // a modest packet count
+    options.misc_max_payload = 4096;      // a modest packet count
     options.rma.answer_timeout_ms = 500;  // a lost request is asked again soon
     start_device(options);
   }
@@ -295,8 +295,7 @@ class NoflashSweep : public CrashSweep {
   }
 
   void run(Cut cut) {
-    Tally tally = sweep([&] { prepare(); },
-                        [&] { return device_->rma().status().runs_completed >= 1; },
+    Tally tally = sweep([&] { prepare(); }, [&] { return device_->rma().status().runs_completed >= 1; },
                         [&] { return converged(); }, cut, /*reboot_allowed=*/false, /*in_place_ms=*/20000);
     EXPECT_GT(tally.runs, 0);
     EXPECT_LE(tally.not_reached, 2);
@@ -426,4 +425,3 @@ TEST_F(BackingFileSweep, EveryPowerLossStateKeepsDurableBlocksAndNoHalfMadeFile)
 
 }  // namespace
 }  // namespace marlo::e2e
-

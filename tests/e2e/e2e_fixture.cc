@@ -19,7 +19,7 @@ namespace {
 // Keeps the daemon's fixed waits (1 s per boot attempt, 2 s after misc data)
 // at a few milliseconds.
 constexpr double kTimeScale = 0.01;
-}
+}  // namespace
 
 sim::DeviceOptions noflash_options() {
   sim::DeviceOptions options;

@@ -52,7 +52,8 @@ TEST_F(E2e, ResetPropertyResetsOnceAndIsCleared) {
   EXPECT_EQ(device_->driver().requests()[static_cast<size_t>(reset)].data, sim::kResetData);
   EXPECT_EQ(device_->coprocessor().boots(), boots + 1);
   // The power-up event follows the boot; its property write comes a moment later.
-  EXPECT_TRUE(wait_for([&] { return property("vendor.marlo.boot_complete") == "1"; })) << "power-up event after the reset";
+  EXPECT_TRUE(wait_for([&] { return property("vendor.marlo.boot_complete") == "1"; }))
+      << "power-up event after the reset";
 }
 
 }  // namespace

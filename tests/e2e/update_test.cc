@@ -33,8 +33,7 @@ TEST_F(E2e, VersionMismatchUpdatesFlashAndNextBootMatches) {
   size_t before = device_->driver().requests().size();
   start_daemon();
   ASSERT_TRUE(wait_for([&] {
-    return log_count("Marlo firmware versions are MATHCHED") == 1 &&
-           request_index("BOOT_STATUS", 1, before) >= 0;
+    return log_count("Marlo firmware versions are MATHCHED") == 1 && request_index("BOOT_STATUS", 1, before) >= 0;
   }));
   EXPECT_TRUE(device_->coprocessor().running());
   // The main thread serves the reset property only after the boot handling:

@@ -85,10 +85,11 @@ TEST_F(PartitionTableTest, EachDistinctFileIsReadOnceAndItsBytesShared) {
   root.write(kImageDir + "big.bin", std::string(4096, 'b'));
   std::string partitions = "<Partition><img_id>5</img_id><Image_Path>big.bin</Image_Path></Partition>";
   for (int i = 0; i < 20; ++i) partitions += "<Partition><Offset>" + std::to_string(i) + "</Offset></Partition>";
-  partitions += "<Partition><Image_Path>./big.bin</Image_Path></Partition>"
-                "<Partition><Image_Path>/big.bin</Image_Path></Partition>"
-                "<Partition><Image_Path>partition_1.bin</Image_Path></Partition>"
-                "<Partition><Image_Path>flash.bin</Image_Path></Partition>";
+  partitions +=
+      "<Partition><Image_Path>./big.bin</Image_Path></Partition>"
+      "<Partition><Image_Path>/big.bin</Image_Path></Partition>"
+      "<Partition><Image_Path>partition_1.bin</Image_Path></Partition>"
+      "<Partition><Image_Path>flash.bin</Image_Path></Partition>";
   write_table(root, "<Bank_1><Partition_table>" + partitions + "</Partition_table></Bank_1>");
   ASSERT_EQ(load(), 1u);
   const auto& records = updater.firmwareResources();
@@ -115,8 +116,9 @@ TEST_F(PartitionTableTest, ImagesOverTheSizeCapGiveEmptyRecordsAndNoDownload) {
   const uintmax_t just_over = (uintmax_t{256} << 20) + 1;
   sparse("big.bin", just_over);
   sparse("flash.bin", just_over);
-  write_table(root, "<Bank_1><Partition_table><Partition><img_id>5</img_id><Image_Path>big.bin</Image_Path>"
-                    "</Partition></Partition_table></Bank_1>");
+  write_table(root,
+              "<Bank_1><Partition_table><Partition><img_id>5</img_id><Image_Path>big.bin</Image_Path>"
+              "</Partition></Partition_table></Bank_1>");
   ASSERT_EQ(load(), 1u);
   ASSERT_EQ(record(0).size, 0u);
   ASSERT_EQ(record(1).size, 0u);

@@ -54,8 +54,8 @@ class PlatformInfoTest : public ::testing::TestWithParam<bool> {
     std::fill_n(flash.begin(), kElfOffset, 0xA5);
     std::copy(boot.begin(), boot.end(), flash.begin() + kElfOffset);
     root.write(kImageDir + "flash.bin", as_string(flash));
-    write_table(root, "<mbr><Partition_1_SBL_Offset>" + std::to_string(offset) +
-                          "</Partition_1_SBL_Offset></mbr><Bank_1/>");
+    write_table(root,
+                "<mbr><Partition_1_SBL_Offset>" + std::to_string(offset) + "</Partition_1_SBL_Offset></mbr><Bank_1/>");
     return flash;
   }
   std::vector<uint8_t> served() {
@@ -101,8 +101,8 @@ TEST_P(PlatformInfoTest, HostileOrTruncatedImagesAreServedUnchanged) {
   std::memcpy(&phoff, elf.data() + phoff_at, sizeof phoff);
 
   std::vector<std::vector<uint8_t>> hostile(3, elf);
-  poke<uint32_t>(hostile[0], phoff_at, 0xFFFFFFF0u);                      // table far past the end
-  poke<uint16_t>(hostile[1], phnum_at, 0xFFFF);                           // more headers than bytes
+  poke<uint32_t>(hostile[0], phoff_at, 0xFFFFFFF0u);                        // table far past the end
+  poke<uint16_t>(hostile[1], phnum_at, 0xFFFF);                             // more headers than bytes
   poke<uint32_t>(hostile[2], phoff + phent + (is64 ? 8 : 4), 0xFFFFFFF8u);  // block past the end
   for (const auto& boot : hostile) {
     const std::vector<uint8_t> flash = flash_with(boot);

@@ -28,9 +28,10 @@ class VersionCheckTest : public ::testing::Test {
 };
 
 TEST_F(VersionCheckTest, ReadsTheBlockAndTheLastLineOfEachKeyWins) {
-  root.write(kPrimary, "{\n  \"crm\": \"ignored\",\n  \"apps_cochip\": \"TBX.1.0-00123\",\n"
-                       "  \"btfw_cochip\": \"BT.OLD\",\n  \"dsp_cochip\": \"DSP.3&\"\n"
-                       "  \"btfw_cochip\": \"BT.NEW\",\n  \"dsp_cochip\": \"a&b\",\n}\n");
+  root.write(kPrimary,
+             "{\n  \"crm\": \"ignored\",\n  \"apps_cochip\": \"TBX.1.0-00123\",\n"
+             "  \"btfw_cochip\": \"BT.OLD\",\n  \"dsp_cochip\": \"DSP.3&\"\n"
+             "  \"btfw_cochip\": \"BT.NEW\",\n  \"dsp_cochip\": \"a&b\",\n}\n");
   root.write(kFallback, "\"apps_cochip\": \"FALLBACK\"\n");
   marlo_meta_info meta = updater.readMarloMetaBuildInfo();
   EXPECT_EQ(meta.apps_cochip, "TBX.1.0-00123");

@@ -47,9 +47,18 @@ bool expect_same_as_reference(const std::string& line) {
 
 TEST(VersionLine, GivesTheSecondGroupOfTheLeftmostMatchOfTheExpression) {
   const char* const kLines[] = {
-      "", "\"\": \"\"", "\"k\": \"v&\"", "\"k\": \"a&b\"", "\"k\": \"a&b\" \"c\"", "\"k=\": \"v\"",
-      "x \"a\" \"k\": \"v\", \"n\": \"w\"", "\"k\": \"&\"", "\"k\": \"\"&\"", "\"a=\"b\": \"v\"",
-      "\"k\": \"v\" = \"j\": \"w&\"", "\"k\": \"a\"&b",
+      "",
+      "\"\": \"\"",
+      "\"k\": \"v&\"",
+      "\"k\": \"a&b\"",
+      "\"k\": \"a&b\" \"c\"",
+      "\"k=\": \"v\"",
+      "x \"a\" \"k\": \"v\", \"n\": \"w\"",
+      "\"k\": \"&\"",
+      "\"k\": \"\"&\"",
+      "\"a=\"b\": \"v\"",
+      "\"k\": \"v\" = \"j\": \"w&\"",
+      "\"k\": \"a\"&b",
   };
   for (const char* line : kLines) expect_same_as_reference(line);
   std::mt19937 random(20261123);

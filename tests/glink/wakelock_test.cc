@@ -76,15 +76,16 @@ TEST(Wakelock, MissingKernelFileIsLoggedAndTheCountStillRises) {
 TEST(Wakelock, StatementsReportTheirFixedFunctionAndLine) {
   enum Kernel { kFile, kMissing, kFull };  // kFull: every write fails with ENOSPC
   const std::function<void(client_wakelock&)> none = [](client_wakelock&) {},
-                                              get = [](client_wakelock& l) { l.get_n_locks(1); },
-                                              get_put = [](client_wakelock& l) { l.get_n_locks(1), l.put_n_locks(1); };
+                                              get = [](client_wakelock&l) { l.get_n_locks(1); },
+                                              get_put = [](client_wakelock&l) { l.get_n_locks(1), l.put_n_locks(1); };
   const struct {
     Kernel lock, unlock;
     std::function<void(client_wakelock&)> run;
     std::string expected;
   } cases[] = {
-      {kMissing, kFile, none, "client_wakelock:43, fatal error opening \"/sys/power/wake_lock\": No such file or "
-                              "directory\n"},
+      {kMissing, kFile, none,
+       "client_wakelock:43, fatal error opening \"/sys/power/wake_lock\": No such file or "
+       "directory\n"},
       {kFile, kFile, [](client_wakelock& l) { l.get_n_locks(1), l.get_n_locks(-1); },
        "get_n_locks:75, _in_count -1 will overflow max of _accu_count 1"},
       {kFile, kFile, [](client_wakelock& l) { l.put_n_locks(1); },

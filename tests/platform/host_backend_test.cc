@@ -11,8 +11,8 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <thread>
 #include <string>
+#include <thread>
 
 #include <android/log.h>
 #include <cutils/properties.h>
@@ -90,7 +90,7 @@ TEST(HostBackendTest, LogFileFollowsEveryChangeOfTheEnvironment) {
   log("3");
   ::unsetenv("MARLO_LOG_FILE");
   log("none");
-  ::unsetenv("MARLO_TEST_OTHER");  // the array shrinks while it is absent
+  ::unsetenv("MARLO_TEST_OTHER");            // the array shrinks while it is absent
   ::setenv("MARLO_LOG_FILE", a.c_str(), 1);  // and comes back at the end
   log("4");
   ::unsetenv("MARLO_LOG_FILE");

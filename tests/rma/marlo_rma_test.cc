@@ -143,7 +143,12 @@ TEST_F(RmaTest, ReadAnswerHasTheRequestedSizeZeroFilledPastTheEnd) {
     uint32_t offset, size;
     Bytes data;
   } cases[] = {
-      {0, 400, [&] { Bytes b = file; b.resize(400, 0); return b; }()},
+      {0, 400,
+       [&] {
+         Bytes b = file;
+         b.resize(400, 0);
+         return b;
+       }()},
       {250, 10, {1, 2, 3, 4, 5, 6, 0, 0, 0, 0}},
       {300, 16, Bytes(16, 0)},
       {0, 0, {}},

@@ -119,13 +119,21 @@ TEST(Capture, RecordsTheSessionInOrderWithItsDirections) {
   // then open, request, answer, close. Misc: open, the packet, its answer,
   // the hang-up. Uevents: the restart's two.
   std::stable_sort(seen.begin(), seen.end(), [](const std::string& a, const std::string& b) { return a[0] < b[0]; });
-  std::vector<std::string> expected = {"0>open refused errno 16", "0>open", "0>36", "0<40", "0>closed by daemon",
-                                       "2>open", "2>24", "2<" + std::to_string(answer.size()),
-                                       "2<closed by co-processor", "4<" + std::to_string(marlo_uevent(1).size()),
+  std::vector<std::string> expected = {"0>open refused errno 16",
+                                       "0>open",
+                                       "0>36",
+                                       "0<40",
+                                       "0>closed by daemon",
+                                       "2>open",
+                                       "2>24",
+                                       "2<" + std::to_string(answer.size()),
+                                       "2<closed by co-processor",
+                                       "4<" + std::to_string(marlo_uevent(1).size()),
                                        "4<" + std::to_string(marlo_uevent(4).size())};
   EXPECT_EQ(seen, expected);
-  auto misc_answer = std::find_if(f.packets.begin(), f.packets.end(),
-                                  [](const CapturedPacket& p) { return p.interface == 2 && p.flags == 1 && !p.data.empty(); });
+  auto misc_answer = std::find_if(f.packets.begin(), f.packets.end(), [](const CapturedPacket& p) {
+    return p.interface == 2 && p.flags == 1 && !p.data.empty();
+  });
   ASSERT_NE(misc_answer, f.packets.end());
   EXPECT_EQ(misc_answer->data, answer);
   EXPECT_EQ(std::string(f.packets.back().data.begin(), f.packets.back().data.end()), marlo_uevent(4));

@@ -93,7 +93,8 @@ TEST(DfuChannel, FullSessionWithEraseCorruptionAndDroppedChannel) {
     ended = get_u32(request, 0) == kSessionEndReq;
   }
   platform::close(fd);
-  for (int i = 0; i < 100 && s.device->dfu().status().sessions_completed == 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  for (int i = 0; i < 100 && s.device->dfu().status().sessions_completed == 0; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
   DfuStatus status = s.device->dfu().status();
   EXPECT_EQ(status.sessions_completed, 1);
   EXPECT_EQ(status.crc_errors, 1);

@@ -40,10 +40,12 @@ TEST(SampleFirmware, PartitionTableAndVersionFileReadAsTheDaemonReadsThem) {
   tinyxml2::XMLDocument doc;
   ASSERT_EQ(doc.Parse(set.partition_table_xml().c_str()), tinyxml2::XML_SUCCESS);
   auto* root = doc.FirstChildElement();
-  EXPECT_EQ(static_cast<uint32_t>(root->FirstChildElement("mbr")->FirstChildElement("Partition_1_SBL_Offset")->IntText()),
-            set.sbl_offset);
+  EXPECT_EQ(
+      static_cast<uint32_t>(root->FirstChildElement("mbr")->FirstChildElement("Partition_1_SBL_Offset")->IntText()),
+      set.sbl_offset);
   int erasable = 0, count = 0;
-  for (auto* p = root->FirstChildElement("Bank_1")->FirstChildElement("Partition_table")->FirstChildElement("Partition");
+  for (auto* p =
+           root->FirstChildElement("Bank_1")->FirstChildElement("Partition_table")->FirstChildElement("Partition");
        p != nullptr; p = p->NextSiblingElement("Partition")) {
     ++count;
     erasable += p->FirstChildElement("HostSpecificInfo")->FirstChildElement("PartType")->IntText() != 0;

@@ -71,8 +71,8 @@ Decoded decode(const std::string& capture, std::vector<std::string> fields) {
   std::string errors = (std::filesystem::temp_directory_path() / "marlo-tshark-XXXXXX").string();
   int fd = ::mkstemp(errors.data());
   if (fd >= 0) ::close(fd);
-  std::string command = "tshark -2 -R frame -X lua_script:" + shell_quoted(MARLO_DISSECTOR) + " -r " + shell_quoted(capture) +
-                        " -T fields -E separator=/t -E occurrence=a -E aggregator='|'";
+  std::string command = "tshark -2 -R frame -X lua_script:" + shell_quoted(MARLO_DISSECTOR) + " -r " +
+                        shell_quoted(capture) + " -T fields -E separator=/t -E occurrence=a -E aggregator='|'";
   for (const std::string& f : fields) command += " -e " + f;
   command += " 2>" + shell_quoted(errors);
   Decoded decoded;
@@ -142,8 +142,8 @@ bool edit_capture(const std::string& in, const std::string& out,
     result.insert(result.end(), block.begin(), block.end());
     at += length;
   }
-  std::ofstream(out, std::ios::binary).write(reinterpret_cast<const char*>(result.data()),
-                                             static_cast<std::streamsize>(result.size()));
+  std::ofstream(out, std::ios::binary)
+      .write(reinterpret_cast<const char*>(result.data()), static_cast<std::streamsize>(result.size()));
   return at == data.size();
 }
 

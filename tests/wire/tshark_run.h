@@ -16,7 +16,7 @@ struct Frame {
   // The first value of `name`, or "" when the frame has none.
   std::string get(const std::string& name) const;
   std::vector<std::string> all(const std::string& name) const;  // every value of `name`
-  long num(const std::string& name) const;  // first value as a number (hex with 0x), -1 when absent
+  long num(const std::string& name) const;                      // first value as a number (hex with 0x), -1 when absent
   bool has(const std::string& name) const { return !get(name).empty(); }
 };
 

@@ -16,12 +16,28 @@ using wire::Frame;
 constexpr long kWarn = 0x600000;  // tshark's expert severity "warning"; errors are above it
 constexpr int kDfuIface = 1, kMiscIface = 2, kRmaIface = 3;
 
-const std::vector<std::string> kFields = {
-    "frame.interface_id", "frame.p2p_dir", "marlo.event", "marlo.response_to", "marlo.ctl.name",
-    "marlo.ctl.value", "marlo.ctl.apps_version", "marlo.dfu.cmd", "marlo.dfu.image_id", "marlo.dfu.offset",
-    "marlo.dfu.fragment_len", "marlo.dfu.crc.status", "marlo.dfu.spcl.op", "marlo.dfu.state", "marlo.misc.kind",
-    "marlo.misc.type", "marlo.misc.seq", "marlo.misc.status", "marlo.misc.checksum.status", "marlo.rma.cmd",
-    "marlo.rma.crc.status", "marlo.uevent.marlo_event"};
+const std::vector<std::string> kFields = {"frame.interface_id",
+                                          "frame.p2p_dir",
+                                          "marlo.event",
+                                          "marlo.response_to",
+                                          "marlo.ctl.name",
+                                          "marlo.ctl.value",
+                                          "marlo.ctl.apps_version",
+                                          "marlo.dfu.cmd",
+                                          "marlo.dfu.image_id",
+                                          "marlo.dfu.offset",
+                                          "marlo.dfu.fragment_len",
+                                          "marlo.dfu.crc.status",
+                                          "marlo.dfu.spcl.op",
+                                          "marlo.dfu.state",
+                                          "marlo.misc.kind",
+                                          "marlo.misc.type",
+                                          "marlo.misc.seq",
+                                          "marlo.misc.status",
+                                          "marlo.misc.checksum.status",
+                                          "marlo.rma.cmd",
+                                          "marlo.rma.crc.status",
+                                          "marlo.uevent.marlo_event"};
 
 class Wire : public E2e {
  protected:
@@ -141,7 +157,8 @@ TEST_F(Wire, ResumedUpdateShowsTheDropAndTheAnswerToTheReportedState) {
   std::vector<const Frame*> states = on(d, kDfuIface, "marlo.dfu.state", "2");
   ASSERT_EQ(states.size(), 1u);
   const Frame* next = frame_no(d, states[0]->num("frame.number") + 1);
-  while (next != nullptr && next->num("frame.interface_id") != kDfuIface) next = frame_no(d, next->num("frame.number") + 1);
+  while (next != nullptr && next->num("frame.interface_id") != kDfuIface)
+    next = frame_no(d, next->num("frame.number") + 1);
   ASSERT_NE(next, nullptr);
   EXPECT_EQ(next->get("marlo.dfu.cmd"), "6");
   EXPECT_EQ(next->get("marlo.response_to"), states[0]->get("frame.number"));
@@ -255,8 +272,9 @@ TEST(WireGolden, RecordedSessionsDecodeClean) {
     SCOPED_TRACE(name);
     Decoded d = wire::decode(std::string(MARLO_GOLDEN_DIR) + "/" + name + ".pcapng", kFields);
     ASSERT_EQ(d.error, "");
-    EXPECT_GT(on(d, kDfuIface, "marlo.dfu.crc.status", "1").size() + on(d, kRmaIface, "marlo.rma.crc.status", "1").size(),
-              20u);
+    EXPECT_GT(
+        on(d, kDfuIface, "marlo.dfu.crc.status", "1").size() + on(d, kRmaIface, "marlo.rma.crc.status", "1").size(),
+        20u);
     expect_clean(d, kWarn + 1);
   }
 }

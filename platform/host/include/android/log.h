@@ -18,8 +18,7 @@ typedef enum android_LogPriority {
 } android_LogPriority;
 
 int __android_log_write(int prio, const char* tag, const char* text);
-int __android_log_print(int prio, const char* tag, const char* fmt, ...)
-    __attribute__((format(printf, 3, 4)));
+int __android_log_print(int prio, const char* tag, const char* fmt, ...) __attribute__((format(printf, 3, 4)));
 
 #ifdef __cplusplus
 }
