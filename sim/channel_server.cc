@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -56,6 +57,29 @@ void ChannelServer::record_hang_up(int fd) {
   hung_up_.push_back(fd);
   if (SessionCapture* capture = node_.capture()) {
     capture->life(node_.capture_interface(), Direction::Inbound, "closed by co-processor");
+  }
+}
+
+void ChannelServer::deliver_pending(std::chrono::milliseconds limit) {
+  if (!running_.load() || std::this_thread::get_id() == thread_.get_id()) return;
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  auto waiting = [&deadline] {
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    return true;
+  };
+  auto input_queued = [this] {
+    std::lock_guard<std::mutex> lock(connections_mutex_);
+    return std::any_of(connections_.begin(), connections_.end(), [](int fd) {
+      int queued = 0;
+      return ::ioctl(fd, FIONREAD, &queued) == 0 && queued > 0;
+    });
+  };
+  while (input_queued() && waiting()) {
+  }
+  // The last packet read may still be in its handler: one more pass ends it.
+  const uint64_t seen = passes_.load();
+  while (passes_.load() <= seen && waiting()) {
   }
 }
 
@@ -158,6 +182,7 @@ void ChannelServer::run() {
       }
     }
     on_tick();
+    ++passes_;
   }
 }
 

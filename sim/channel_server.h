@@ -5,6 +5,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -34,6 +35,12 @@ class ChannelServer {
   // any thread. The daemon sees POLLHUP, then reads of 0.
   void hang_up_all();
   int open_connections() const;
+  // Returns once the loop thread has handled every packet the daemon had
+  // written before the call, or after `limit`. A host command that follows a
+  // write on the daemon's side (the session's last answer, then the unload)
+  // finds the write delivered, as the link delivers it. Not on the loop
+  // thread itself, nor holding a lock a handler takes.
+  void deliver_pending(std::chrono::milliseconds limit);
   // Called on the channel's thread with every packet received, before it is
   // handled; when it returns true the packet is dropped unhandled (the
   // co-processor went down with it). Fault injection at packet boundaries.
@@ -69,6 +76,7 @@ class ChannelServer {
   DeviceNode node_;
   int wake_[2] = {-1, -1};
   std::atomic<bool> running_{false};
+  std::atomic<uint64_t> passes_{0};  // loop iterations completed
   std::thread thread_;
   mutable std::mutex connections_mutex_;
   std::vector<int> connections_;  // in order of opening

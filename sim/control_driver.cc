@@ -141,6 +141,7 @@ void ControlDriver::handle_boot(ControlRequest& r) {
   switch (r.cmd) {
     case kCmdSoftReset:
       // The chip is held in reset until the next load.
+      if (before_host_unload_) before_host_unload_();
       coprocessor_.unload("soft reset");
       break;
     case kCmdTwmExit: write_text(root_ + "/sys/class/pmic-lpm/pmic_twm_exit", "0\n"); break;
@@ -150,7 +151,10 @@ void ControlDriver::handle_boot(ControlRequest& r) {
         r.err = err;
       }
       break;
-    case kCmdUnload: coprocessor_.unload("unloaded by the host"); break;
+    case kCmdUnload:
+      if (before_host_unload_) before_host_unload_();
+      coprocessor_.unload("unloaded by the host");
+      break;
     case kCmdSetBootMode:
       if (r.value != kBootModeHost && r.value != kBootModeFlash) {
         r.result = -1;

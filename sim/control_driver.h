@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -61,6 +62,9 @@ class ControlDriver : public ChannelServer {
   bool spi_busy() const;
   // Offline time of a restart caused by the reset request.
   void set_reset_offline_ms(int ms) { reset_offline_ms_ = ms; }
+  // Called before the host's unload or soft reset takes the co-processor
+  // down; set before start().
+  void set_before_host_unload(std::function<void()> hook) { before_host_unload_ = std::move(hook); }
 
  protected:
   void on_packet(int fd, const Bytes& packet) override;
@@ -72,6 +76,7 @@ class ControlDriver : public ChannelServer {
   std::string root_;
   CoProcessor& coprocessor_;
   EventLog& log_;
+  std::function<void()> before_host_unload_;
   mutable std::mutex mutex_;
   std::vector<ControlRequest> requests_;
   std::vector<uint32_t> boot_statuses_;

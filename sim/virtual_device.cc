@@ -63,8 +63,14 @@ VirtualDevice::VirtualDevice(std::string root, DeviceOptions options)
     rma_->set_capture(capture_, CaptureInterface::Rma);
   }
   coprocessor_->add_power_listener([this](bool up) { on_power(up); });
-  for (ChannelServer* channel : {static_cast<ChannelServer*>(dfu_.get()), static_cast<ChannelServer*>(misc_.get()),
-                                 static_cast<ChannelServer*>(rma_.get())}) {
+  // What the daemon wrote before it told the co-processor to go down reached
+  // it: the session's last answer is handled before the unload that follows.
+  driver_->set_before_host_unload([this] {
+    for (ChannelServer* channel : channels()) {
+      channel->deliver_pending(std::chrono::milliseconds(500));
+    }
+  });
+  for (ChannelServer* channel : channels()) {
     channel->set_packet_observer([this] { return count_packet(); });
   }
   on_power(false);
@@ -89,11 +95,12 @@ VirtualDevice::~VirtualDevice() {
   if (capture_) detach_capture(root_, capture_.get());
 }
 
+std::array<ChannelServer*, 3> VirtualDevice::channels() const { return {dfu_.get(), misc_.get(), rma_.get()}; }
+
 void VirtualDevice::on_power(bool up) {
   // A channel of a co-processor that is down cannot be opened, and every
   // open one hangs up.
-  for (ChannelServer* channel : {static_cast<ChannelServer*>(dfu_.get()), static_cast<ChannelServer*>(misc_.get()),
-                                 static_cast<ChannelServer*>(rma_.get())}) {
+  for (ChannelServer* channel : channels()) {
     channel->node().refuse_opens(up ? 0 : ENODEV);
     if (!up) channel->hang_up_all();
   }

@@ -3,6 +3,7 @@
 // flash, wired together, plus the faults that can be injected.
 #pragma once
 
+#include <array>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -85,6 +86,8 @@ class VirtualDevice {
   void power_cycle();
 
  private:
+  // The three packet channels: DFU, misc data, RMA.
+  std::array<ChannelServer*, 3> channels() const;
   void on_power(bool up);
   bool count_packet();
 

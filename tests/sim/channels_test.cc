@@ -147,6 +147,23 @@ TEST(MiscDataChannel, ChecksSizesSequenceAndChecksum) {
   EXPECT_EQ(s.device->misc().status().stored.at(1), data);
 }
 
+// The host writes, then unloads the co-processor: what it wrote is handled
+// first, however slow the co-processor's side is to read it.
+TEST(MiscDataChannel, PacketsWrittenBeforeTheHostUnloadsAreHandled) {
+  Session s(DeviceOptions{});
+  int fd = test::open_node("/dev/glink_pkt_marlo_custom_data");
+  ASSERT_GE(fd, 0);
+  s.device->misc().set_packet_observer([] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(40));
+    return false;
+  });
+  for (int i = 0; i < 3; ++i) ASSERT_TRUE(write_packet(fd, misc_packet(0, 1, 1500, 0)));
+  EXPECT_EQ(test::control(0xc0205609, kCmdUnload).result, 0);
+  EXPECT_EQ(s.device->misc().status().packets, 3);
+  EXPECT_FALSE(s.device->coprocessor().running());
+  platform::close(fd);
+}
+
 // A host that serves the RMA workload with the backing files in memory.
 TEST(RmaChannel, WorkloadWritesReadsBackAndSurvivesARestart) {
   DeviceOptions options;
