@@ -97,9 +97,12 @@ TEST_F(Noflash, PowerUpDuringADownloadLeavesTheDfuChannelToTheDownload) {
   sim::DeviceOptions options = noflash_options();
   options.running_at_start = false;
   auto fragments = std::make_shared<std::atomic<int>>(0);
-  std::string root = root_;
-  options.dfu.on_fragment = [fragments, root](const sim::FragmentTiming&) {
-    if (++*fragments == 3) sim::send_uevent(root, sim::marlo_uevent(sim::kEventPowerUp));
+  options.dfu.on_fragment = [this, fragments](const sim::FragmentTiming&) {
+    const int fragment = ++*fragments;
+    if (fragment == 3) sim::send_uevent(root_, sim::marlo_uevent(sim::kEventPowerUp));
+    // The download waits here for the push beside it, so that the switch to
+    // FLASH mode at the download's end cannot cut a slow push short.
+    if (fragment == 4) wait_for([this] { return device_->misc().status().finishes >= 1; });
   };
   start_device(options);
   // The shipped Bluetooth firmware is newer than the running one: download.
