@@ -53,6 +53,26 @@ bool wait_until(const std::function<bool()>& done, const std::function<bool()>& 
   return done();
 }
 
+// The co-processor's DFU side alone, recording every fragment: what the
+// minimal responder and the floor download against.
+struct DfuSide {
+  sim::EventLog log;
+  sim::VirtualFlash flash;
+  sim::DfuCoprocessor dfu;
+
+  DfuSide(const LargeRoot& made, FragmentRecorder& recorder)
+      : flash(made.root + "/sim/flash"), dfu(made.root, flash, log, config(made, recorder)) {
+    dfu.start();
+  }
+
+  static sim::DfuConfig config(const LargeRoot& made, FragmentRecorder& recorder) {
+    sim::DfuConfig config;
+    config.image_ids = made.set.image_ids();
+    config.on_fragment = recorder.hook();
+    return config;
+  }
+};
+
 }  // namespace
 
 sim::DaemonSettings daemon_settings(const std::string& marlod, const std::string& root, const std::string& log_file) {
@@ -106,14 +126,9 @@ DownloadFigures run_min_responder_download(uint32_t flash_bytes) {
   LargeRoot made = make_large_root(flash_bytes);
   FragmentRecorder recorder;
   {
-    sim::EventLog log;
-    sim::VirtualFlash flash(made.root + "/sim/flash");
-    sim::DfuConfig config;
-    config.image_ids = made.set.image_ids();
-    config.on_fragment = recorder.hook();
-    sim::DfuCoprocessor dfu(made.root, flash, log, config);
-    dfu.start();
-    MinResponder responder(made.set.images, config.fragment_size);
+    DfuSide side(made, recorder);
+    sim::DfuCoprocessor& dfu = side.dfu;
+    MinResponder responder(made.set.images, sim::DfuConfig{}.fragment_size);
     if (!responder.start(made.root + "/dev/glink_pkt_marlo_dfu")) {
       throw std::runtime_error("the minimal responder could not open the DFU channel");
     }
@@ -125,10 +140,6 @@ DownloadFigures run_min_responder_download(uint32_t flash_bytes) {
   remove_root(made.root);
   return recorder.figures();
 }
-
-}  // namespace marlo::bench
-
-namespace marlo::bench {
 
 std::string default_floor_path() {
   return (std::filesystem::path(sim::default_marlod_path()).parent_path() / "marlo-floor").string();
@@ -148,22 +159,19 @@ DaemonDownload run_floor_download(const std::string& floor, uint32_t flash_bytes
   DaemonDownload result;
   result.image_bytes = made.image_bytes;
   {
-    sim::EventLog log;
-    sim::VirtualFlash flash(made.root + "/sim/flash");
-    sim::DfuConfig config;
-    config.image_ids = made.set.image_ids();
-    config.on_fragment = recorder.hook();
-    sim::DfuCoprocessor dfu(made.root, flash, log, config);
-    dfu.start();
+    DfuSide side(made, recorder);
+    sim::DfuCoprocessor& dfu = side.dfu;
     const std::string log_file = made.root + "/sim/floor.log";
     sim::DaemonSettings settings = daemon_settings(floor, made.root, log_file);
     if (!launcher.empty()) settings.launcher = launcher;
     sim::DaemonProcess process(settings);
     std::string error;
     if (!process.start(&error)) throw std::runtime_error(error);
-    const bool finished =
-        wait_until([&] { return dfu.status().sessions_completed >= 1; }, [&] { return process.alive(); });
-    if (!finished) throw std::runtime_error("the floor's download failed; root kept: " + made.root);
+    wait_until([&] { return dfu.status().sessions_completed >= 1; }, [&] { return process.alive(); });
+    // The floor leaves right after its last answer: let the channel hand it over.
+    dfu.deliver_pending(std::chrono::seconds(1));
+    if (dfu.status().sessions_completed < 1)
+      throw std::runtime_error("the floor's download failed; root kept: " + made.root);
     result.vm_hwm = peak_resident_bytes(process.pid());
     // It leaves by itself after the session's end; a profiler around it
     // writes its output on the way out.
