@@ -6,13 +6,17 @@
 #pragma once
 
 #include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -81,12 +85,25 @@ class GlinkChannelTest : public ::testing::Test {
   }
   // The device accepts on its own thread: an open waits for its status.
   int connect_again(bool start_reader = true) {
-    channel_fd_ = ::open("/dev/null", O_RDONLY);  // the next open gets the lowest free descriptor
-    ::close(channel_fd_);
     std::thread device([this] { peer_ = node_->accept_open(2000); });
     int result = glink_->connect_interface(start_reader);
     device.join();
+    channel_fd_ = connected_descriptor(node_->path());
     return result;
+  }
+  // The descriptor of this process connected to the node at `path` (the
+  // transport's channel), or -1.
+  static int connected_descriptor(const std::string& path) {
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+      const int fd = std::atoi(entry.path().filename().c_str());
+      struct sockaddr_un peer = {};
+      socklen_t length = sizeof(peer);
+      if (::getpeername(fd, reinterpret_cast<struct sockaddr*>(&peer), &length) == 0 && peer.sun_family == AF_UNIX &&
+          path == peer.sun_path) {
+        return fd;
+      }
+    }
+    return -1;
   }
 
   void send(const Bytes& packet) { ASSERT_TRUE(sim::send_packet(peer_, packet.data(), packet.size())); }
