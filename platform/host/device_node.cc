@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "file_journal.h"
+#include "fork_safety.h"
 #include "host_root.h"
 #include "platform/host_testing.h"
 #include "platform/os.h"
@@ -56,6 +57,7 @@ struct Node {
 };
 
 std::mutex g_nodes_mutex;
+[[maybe_unused]] const bool g_nodes_mutex_fork_safe = platform::host::keep_unlocked_across_fork<g_nodes_mutex>();
 std::unordered_map<int, Node> g_nodes;
 
 bool is_node(int fd) {

@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <unordered_map>
 
+#include "fork_safety.h"
+
 namespace platform::host::journal {
 
 namespace {
@@ -13,6 +15,7 @@ namespace {
 // Guards the journal descriptor, the descriptor table below and the order
 // of the records; taken by hold() on whichever thread does file I/O.
 std::mutex g_mutex;
+[[maybe_unused]] const bool g_mutex_fork_safe = keep_unlocked_across_fork<g_mutex>();
 std::unordered_map<int, std::string> g_paths;  // recorded descriptors -> device path
 int g_fd = -1;
 

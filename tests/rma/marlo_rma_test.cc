@@ -237,6 +237,7 @@ TEST_F(RmaTest, CreationKilledHalfWayLeavesOnlyATemporaryThatStartUpRemoves) {
   pid_t child = ::fork();
   ASSERT_GE(child, 0);
   if (child == 0) {
+    ::alarm(20);  // a child that cannot finish ends, and the check below says so
     struct rlimit no_core = {0, 0}, limit = {4096, 4096};
     ::setrlimit(RLIMIT_CORE, &no_core);
     ::setrlimit(RLIMIT_FSIZE, &limit);
