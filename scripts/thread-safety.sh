@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
-# Builds the daemon, its libraries and the test suite with clang's
-# thread-safety analysis and every warning as an error (preset
-# "thread-safety", build-thread-safety/): a field marked GUARDED_BY touched
-# without its mutex, or a function marked REQUIRES called without it, fails
-# the build. Nothing is run; the normal suite runs the same code.
+# Builds marlod and every library it links with clang's thread-safety
+# analysis and every warning as an error (preset "thread-safety",
+# build-thread-safety/): a field marked GUARDED_BY touched without its mutex,
+# or a function marked REQUIRES called without it, fails the build. The
+# tests, the virtual device and the benchmark carry no annotations and are
+# not built here. Nothing is run; the normal suite runs the same code.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
