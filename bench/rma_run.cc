@@ -7,8 +7,6 @@
 #include <chrono>
 #include <stdexcept>
 #include <thread>
-#include <tuple>
-#include <utility>
 #include <vector>
 
 #include "bench/download_runs.h"
@@ -56,9 +54,8 @@ double plain_blocks_per_second(const std::string& dir, uint32_t partition_bytes)
 namespace {
 
 // One run of the daemon serving a co-processor without flash that writes
-// its partition; returns the blocks written and their blocks per second.
-// Each run has a fresh device root.
-std::pair<int, double> daemon_blocks_per_second(const std::string& marlod, uint32_t partition_bytes) {
+// its partition and reads it back. Each run has a fresh device root.
+RmaFigures daemon_run(const std::string& marlod, uint32_t partition_bytes) {
   LargeRoot made = make_large_root(0);
   sim::RmaStatus status;
   {
@@ -83,8 +80,13 @@ std::pair<int, double> daemon_blocks_per_second(const std::string& marlod, uint3
     stop_daemon(daemon);
   }
   remove_root(made.root);
-  return {static_cast<int>(status.blocks_written),
-          status.blocks_written / std::chrono::duration<double>(status.write_wait).count()};
+  RmaFigures figures;
+  figures.blocks = status.blocks_written;
+  figures.daemon_blocks_per_second = status.blocks_written / std::chrono::duration<double>(status.write_wait).count();
+  if (status.blocks_read > 0) {
+    figures.daemon_read_us = std::chrono::duration<double, std::micro>(status.read_wait).count() / status.blocks_read;
+  }
+  return figures;
 }
 
 }  // namespace
@@ -100,8 +102,7 @@ RmaFigures run_rma_writes(const std::string& marlod, uint32_t partition_bytes) {
   double plain_before = plain_blocks_per_second(backing_dir, partition_bytes);
   std::vector<RmaFigures> runs;
   for (int run = 0; run < kRmaRuns; ++run) {
-    RmaFigures one;
-    std::tie(one.blocks, one.daemon_blocks_per_second) = daemon_blocks_per_second(marlod, partition_bytes);
+    RmaFigures one = daemon_run(marlod, partition_bytes);
     const double plain_after = plain_blocks_per_second(backing_dir, partition_bytes);
     one.plain_blocks_per_second = (plain_before + plain_after) / 2;
     plain_before = plain_after;

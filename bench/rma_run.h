@@ -11,6 +11,9 @@ struct RmaFigures {
   int blocks = 0;
   double daemon_blocks_per_second = 0;  // DATA_WRITE sent to its answer received
   double plain_blocks_per_second = 0;   // write + fdatasync per block
+  // DATA_READ of the same blocks, sent to answered: the channel's round trip
+  // and the daemon's work per request without the sync.
+  double daemon_read_us = 0;
 };
 
 // A co-processor without flash whose RMA workload writes one partition of

@@ -31,9 +31,12 @@ std::string RmaClient::backing_file(const RmaPartition& p) {
   return "/data/vendor/aon/" + std::to_string(p.memory_id) + std::to_string(p.second_id) + std::to_string(p.memory_id);
 }
 
-Bytes RmaClient::run_pattern(uint32_t run, const RmaPartition& p) {
-  Bytes out(p.size);
-  for (uint32_t i = 0; i < p.size; ++i) out[i] = static_cast<uint8_t>(run * 13 + p.memory_id * 31 + i * 7 + (i >> 8));
+Bytes RmaClient::run_pattern(uint32_t run, const RmaPartition& p, uint32_t offset, uint32_t length) {
+  Bytes out(length);
+  for (uint32_t k = 0; k < length; ++k) {
+    const uint32_t i = offset + k;
+    out[k] = static_cast<uint8_t>(run * 13 + p.memory_id * 31 + i * 7 + (i >> 8));
+  }
   return out;
 }
 
@@ -111,8 +114,8 @@ Bytes RmaClient::request_for(const Step& step) const {
       // backing file the same way for reads and writes.
       for (uint32_t w : {p.memory_id, p.memory_id, step.offset, block, 0u}) append_u32(payload, w);
       if (step.command == kRmaDataWrite) {
-        Bytes pattern = run_pattern(run_, p);
-        payload.insert(payload.end(), pattern.begin() + step.offset, pattern.begin() + step.offset + block);
+        const Bytes pattern = run_pattern(run_, p, step.offset, block);
+        payload.insert(payload.end(), pattern.begin(), pattern.end());
       }
     }
   }
@@ -172,8 +175,8 @@ std::string RmaClient::check_answer(const Bytes& m, const Step& step) const {
         return "unexpected DATA_READ answer of " + std::to_string(m.size()) + " bytes";
       }
       if (config_.read_only) return "";
-      Bytes pattern = run_pattern(run_, p);
-      if (std::memcmp(m.data() + kRmaHeader + 20, pattern.data() + step.offset, block) != 0) {
+      const Bytes pattern = run_pattern(run_, p, step.offset, block);
+      if (std::memcmp(m.data() + kRmaHeader + 20, pattern.data(), block) != 0) {
         return "block at " + std::to_string(step.offset) + " of memory " + std::to_string(p.memory_id) +
                " read back different data";
       }
@@ -183,6 +186,7 @@ std::string RmaClient::check_answer(const Bytes& m, const Step& step) const {
 }
 
 void RmaClient::on_packet(int, const Bytes& m) {
+  const auto answered = std::chrono::steady_clock::now();  // before the answer is checked
   std::lock_guard<std::mutex> lock(mutex_);
   if (!awaiting_ || next_ >= steps_.size()) return;
   const Step& step = steps_[next_];
@@ -205,7 +209,10 @@ void RmaClient::on_packet(int, const Bytes& m) {
   }
   if (step.command == kRmaDataWrite) {
     ++status_.blocks_written;
-    status_.write_wait += std::chrono::steady_clock::now() - sent_at_;
+    status_.write_wait += answered - sent_at_;
+  } else if (step.command == kRmaDataRead) {
+    ++status_.blocks_read;
+    status_.read_wait += answered - sent_at_;
   }
   if (++next_ == steps_.size()) {
     ++status_.runs_completed;

@@ -59,6 +59,9 @@ struct RmaStatus {
   // answers (measurements).
   int blocks_written = 0;
   std::chrono::nanoseconds write_wait{0};
+  // The same for DATA_READ: the round trip of a request without a sync.
+  int blocks_read = 0;
+  std::chrono::nanoseconds read_wait{0};
   // Read-only runs: the blocks read, by partition index and offset.
   std::map<std::pair<size_t, uint32_t>, Bytes> reads;
 };
@@ -81,7 +84,9 @@ class RmaClient : public ChannelServer {
   // Backing file name on the host for a partition, below the root.
   static std::string backing_file(const RmaPartition& p);
   // The bytes a completed run leaves in a partition.
-  static Bytes run_pattern(uint32_t run, const RmaPartition& p);
+  static Bytes run_pattern(uint32_t run, const RmaPartition& p) { return run_pattern(run, p, 0, p.size); }
+  // Bytes [offset, offset + length) of the run's pattern, made alone.
+  static Bytes run_pattern(uint32_t run, const RmaPartition& p, uint32_t offset, uint32_t length);
   // Empty when every partition's backing file holds what the last completed
   // run wrote; otherwise what differs.
   std::string verify_backing_files() const;
