@@ -242,25 +242,33 @@ namespace platform {
 
 int open(const char* path, int flags, mode_t mode) {
   std::string resolved = host::resolve(path);
-  struct stat st;
-  if (::stat(resolved.c_str(), &st) == 0 && S_ISSOCK(st.st_mode)) {
-    int fd = connect_node(resolved);
-    if (fd >= 0) {
-      std::lock_guard<std::mutex> lock(g_nodes_mutex);
-      g_nodes[fd] = Node{};
+  {
+    auto recording = host::journal::hold();
+    const bool existed = recording.owns_lock() && ::access(resolved.c_str(), F_OK) == 0;
+    const int fd = ::open(resolved.c_str(), flags | O_CLOEXEC, mode);
+    if (fd >= 0 && recording.owns_lock()) {
+      const bool writes = (flags & O_ACCMODE) != O_RDONLY;
+      host::journal::opened(fd, path, (flags & O_CREAT) != 0 && !existed, (flags & O_TRUNC) != 0 && writes && existed);
     }
-    if (fd >= 0 && host::journal::enabled()) {
-      auto recording = host::journal::hold();
-      host::journal::opened(fd, path, false, false);
-    }
-    return fd;
+    if (fd >= 0 || errno != ENXIO) return fd;
   }
-  auto recording = host::journal::hold();
-  const bool existed = recording.owns_lock() && ::access(resolved.c_str(), F_OK) == 0;
-  const int fd = ::open(resolved.c_str(), flags | O_CLOEXEC, mode);
-  if (fd >= 0 && recording.owns_lock()) {
-    const bool writes = (flags & O_ACCMODE) != O_RDONLY;
-    host::journal::opened(fd, path, (flags & O_CREAT) != 0 && !existed, (flags & O_TRUNC) != 0 && writes && existed);
+  // open() refuses a socket with ENXIO: a device node of the virtual device
+  // is one, and is connected to instead. Files are not stat()ed first: that
+  // would make the next write of every file take a fresh fine-grained
+  // timestamp, and each fdatasync write the inode too.
+  struct stat st;
+  if (::stat(resolved.c_str(), &st) != 0 || !S_ISSOCK(st.st_mode)) {
+    errno = ENXIO;
+    return -1;
+  }
+  int fd = connect_node(resolved);
+  if (fd >= 0) {
+    std::lock_guard<std::mutex> lock(g_nodes_mutex);
+    g_nodes[fd] = Node{};
+  }
+  if (fd >= 0 && host::journal::enabled()) {
+    auto recording = host::journal::hold();
+    host::journal::opened(fd, path, false, false);
   }
   return fd;
 }
