@@ -150,7 +150,10 @@ MiscFigures run_misc_push(const std::string& marlod, const std::string& floor, u
     sim::DaemonProcess process(daemon_settings(floor, made.root, made.root + "/sim/floor.log"));
     std::string error;
     if (!process.start(&error)) throw std::runtime_error(error);
-    const bool finished = wait_for([&] { return receiver.status().finishes >= 1; }, [&] { return process.alive(); });
+    wait_for([&] { return receiver.status().finishes >= 1; }, [&] { return process.alive(); });
+    // The floor leaves right after its last packet: let the channel hand it over.
+    receiver.deliver_pending(std::chrono::seconds(1));
+    const bool finished = receiver.status().finishes >= 1;
     stop_daemon(process);
     if (!finished || times.count() != figures.packets) {
       throw std::runtime_error("the floor's misc-data push did not finish as the daemon's; root kept: " + made.root);
