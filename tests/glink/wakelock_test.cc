@@ -17,10 +17,18 @@ namespace {
 
 const std::string kRecord("MARLODAEMON_WAKEUP\0", 19);
 
-TEST(Wakelock, OnlyTheFirstAndLastReferenceReachTheKernel) {
+// A root whose kernel wakelock files exist and are empty.
+struct KernelFiles {
   TestRoot root;
-  root.write("/sys/power/wake_lock", "");
-  root.write("/sys/power/wake_unlock", "");
+  KernelFiles() {
+    root.write("/sys/power/wake_lock", "");
+    root.write("/sys/power/wake_unlock", "");
+  }
+};
+
+TEST(Wakelock, OnlyTheFirstAndLastReferenceReachTheKernel) {
+  KernelFiles kernel;
+  TestRoot& root = kernel.root;
   LogCapture log;
   client_wakelock lock;
   lock.put_n_locks(1);
@@ -37,9 +45,8 @@ TEST(Wakelock, OnlyTheFirstAndLastReferenceReachTheKernel) {
 }
 
 TEST(Wakelock, ReferenceIsGivenBackExactlyOnceWhereverItEnds) {
-  TestRoot root;
-  root.write("/sys/power/wake_lock", "");
-  root.write("/sys/power/wake_unlock", "");
+  KernelFiles kernel;
+  TestRoot& root = kernel.root;
   LogCapture log;
   client_wakelock lock;
   {
