@@ -23,7 +23,14 @@ void DfuCoprocessor::set_config(const DfuConfig& config) {
 
 void DfuCoprocessor::drop_after_fragments(int fragments) {
   std::lock_guard<std::mutex> lock(mutex_);
-  drop_after_ = fragments;
+  drop_at_.clear();
+  if (fragments > 0) drop_at_.push_back(status_.fragments + fragments);
+}
+
+void DfuCoprocessor::drop_at_fragments(std::vector<int> counts) {
+  std::sort(counts.begin(), counts.end());
+  std::lock_guard<std::mutex> lock(mutex_);
+  drop_at_ = std::move(counts);
 }
 
 void DfuCoprocessor::reset_state() {
@@ -212,7 +219,9 @@ void DfuCoprocessor::handle_offset_resp(int fd, const Bytes& m) {
   bool image_done = status_.offset >= status_.image_size;
   if (!image_done) status_.fragment_len = std::min(config_.fragment_size, status_.image_size - status_.offset);
 
-  if (drop_after_ > 0 && --drop_after_ == 0) {
+  while (!drop_at_.empty() && drop_at_.front() < status_.fragments) drop_at_.erase(drop_at_.begin());
+  if (!drop_at_.empty() && drop_at_.front() == status_.fragments) {
+    drop_at_.erase(drop_at_.begin());
     if (image_done) start_image(image_index_ + 1);
     ++status_.drops;
     log_.add("dfu", "fault: channel dropped after fragment " + std::to_string(status_.fragments));

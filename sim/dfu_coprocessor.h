@@ -71,6 +71,10 @@ class DfuCoprocessor : public ChannelServer {
   void set_config(const DfuConfig& config);
   // Fault: hang up the channel after the next `fragments` fragments.
   void drop_after_fragments(int fragments);
+  // Fault: hang up the channel after each of the given fragment counts
+  // (counted over the device's life, as `DfuStatus::fragments`), so that
+  // several cuts land exactly where asked however fast the host runs.
+  void drop_at_fragments(std::vector<int> counts);
   // The co-processor restarted: its DFU state is lost.
   void reset_state();
   DfuStatus status() const;
@@ -96,7 +100,7 @@ class DfuCoprocessor : public ChannelServer {
   DfuConfig config_;
   DfuStatus status_;
   size_t image_index_ = 0;
-  int drop_after_ = 0;
+  std::vector<int> drop_at_;  // fragment counts still to cut at, ascending
   int consecutive_bad_ = 0;
   bool awaiting_ = false;
   std::chrono::steady_clock::time_point deadline_;

@@ -8,6 +8,8 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "sim/capture/session_capture.h"
 #include "sim/control_driver.h"
@@ -66,6 +68,7 @@ class VirtualDevice {
 
   // Faults.
   void drop_dfu_after(int fragments) { dfu_->drop_after_fragments(fragments); }
+  void drop_dfu_at(std::vector<int> fragment_counts) { dfu_->drop_at_fragments(std::move(fragment_counts)); }
   void busy_control_opens(int opens);
   void fail_flash_loads(int loads) { coprocessor_->fail_flash_loads(loads); }
   void restart_during_rma(int messages);
