@@ -11,6 +11,7 @@
 #include "sim/dfu_message.h"
 #include "sim/virtual_device.h"
 #include "support/test_root.h"
+#include "support/wait_until.h"
 
 namespace marlo::sim {
 namespace {
@@ -93,8 +94,7 @@ TEST(DfuChannel, FullSessionWithEraseCorruptionAndDroppedChannel) {
     ended = get_u32(request, 0) == kSessionEndReq;
   }
   platform::close(fd);
-  for (int i = 0; i < 100 && s.device->dfu().status().sessions_completed == 0; ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  marlo::test::wait_until([&] { return s.device->dfu().status().sessions_completed > 0; }, std::chrono::seconds(5));
   DfuStatus status = s.device->dfu().status();
   EXPECT_EQ(status.sessions_completed, 1);
   EXPECT_EQ(status.crc_errors, 1);
@@ -205,10 +205,8 @@ TEST(RmaChannel, WorkloadWritesReadsBackAndSurvivesARestart) {
   platform::close(fd);
   EXPECT_EQ(s.device->rma().status().runs_completed, 0);
   int again = -1;
-  for (int i = 0; i < 100 && again < 0; ++i) {
-    again = test::open_node("/dev/glink_pkt_marlo_rma");
-    if (again < 0) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
+  marlo::test::wait_until([&] { return (again = test::open_node("/dev/glink_pkt_marlo_rma")) >= 0; },
+                          std::chrono::seconds(5));
   ASSERT_GE(again, 0);
   serve(again);
   platform::close(again);
