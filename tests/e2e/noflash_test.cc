@@ -17,6 +17,13 @@ namespace {
 
 using namespace std::chrono_literals;
 
+// Sends a power event once the daemon's restart listener has bound its
+// socket: the listener binds it on its own thread, and an event sent before
+// then is lost, as a kernel uevent would be.
+bool send_when_listening(const std::string& root, int event) {
+  return test::wait_until([&] { return sim::send_uevent(root, sim::marlo_uevent(event)); }, 15s);
+}
+
 class Noflash : public E2e {
  protected:
   // Once the whole misc-data set has been stored from a single push and the
@@ -46,8 +53,8 @@ class Noflash : public E2e {
     const std::string log = root_ + "/sim/marlod-" + std::to_string(starts_ + 1) + ".log";
     device_->misc().set_packet_hook([root, log, with_power_down, hang_up](int packets) {
       if (packets != 2) return true;
-      if (with_power_down) sim::send_uevent(root, sim::marlo_uevent(sim::kEventPowerDown));
-      sim::send_uevent(root, sim::marlo_uevent(sim::kEventPowerUp));
+      if (with_power_down) EXPECT_TRUE(send_when_listening(root, sim::kEventPowerDown));
+      EXPECT_TRUE(send_when_listening(root, sim::kEventPowerUp));
       EXPECT_TRUE(test::wait_until([&] { return sim::log_contains(log, "on_aon_up: called"); }, 15s));
       return !hang_up;
     });
@@ -99,7 +106,7 @@ TEST_F(Noflash, PowerUpDuringADownloadLeavesTheDfuChannelToTheDownload) {
   auto fragments = std::make_shared<std::atomic<int>>(0);
   options.dfu.on_fragment = [this, fragments](const sim::FragmentTiming&) {
     const int fragment = ++*fragments;
-    if (fragment == 3) sim::send_uevent(root_, sim::marlo_uevent(sim::kEventPowerUp));
+    if (fragment == 3) EXPECT_TRUE(send_when_listening(root_, sim::kEventPowerUp));
     // The download waits here for the push beside it, so that the switch to
     // FLASH mode at the download's end cannot cut a slow push short.
     if (fragment == 4) wait_for([this] { return device_->misc().status().finishes >= 1; });
