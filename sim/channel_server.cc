@@ -68,7 +68,11 @@ void ChannelServer::deliver_pending(std::chrono::milliseconds limit) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
     return true;
   };
+  // Unread packets, or a connection the loop has not yet accepted (the
+  // daemon may open the node and write before the loop takes it).
   auto input_queued = [this] {
+    struct pollfd listening = {node_.listen_fd(), POLLIN, 0};
+    if (::poll(&listening, 1, 0) == 1 && (listening.revents & POLLIN)) return true;
     std::lock_guard<std::mutex> lock(connections_mutex_);
     return std::any_of(connections_.begin(), connections_.end(), [](int fd) {
       int queued = 0;
