@@ -7,7 +7,6 @@
 // crash sweeps' (crash_sweep_test.cc).
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
