@@ -164,58 +164,5 @@ TEST(MiscDataChannel, PacketsWrittenBeforeTheHostUnloadsAreHandled) {
   platform::close(fd);
 }
 
-// A host that serves the RMA workload with the backing files in memory.
-TEST(RmaChannel, WorkloadWritesReadsBackAndSurvivesARestart) {
-  DeviceOptions options;
-  options.variant = Variant::NoflashPsram;
-  options.restart_offline_ms = 50;
-  options.rma.answer_timeout_ms = 300;
-  Session s(options);
-  s.device->restart_during_rma(4);
-  std::map<uint32_t, Bytes> files;
-  auto serve = [&](int fd) {
-    for (int guard = 0; guard < 200; ++guard) {
-      Bytes m = read_packet(fd, 500);
-      if (m.empty()) return;
-      uint32_t cmd = get_u32(m, 8), word = get_u32(m, 12), mem = get_u32(m, 16), off = get_u32(m, 20),
-               len = get_u32(m, 24);
-      Bytes payload;
-      if (cmd == kRmaConnect) {
-        files.emplace(mem, Bytes(len, 0));
-        for (uint32_t w : {get_u32(m, 36), 0u, mem, 3u, 4096u, 4096u}) append_u32(payload, w);
-      } else if (cmd == kRmaDisconnect) {
-        for (uint32_t w : {mem, 0x00C0FFEEu, mem, 0u}) append_u32(payload, w);
-      } else {
-        Bytes& file = files[mem];
-        for (uint32_t w : {word, 0x00C0FFEEu, mem, len}) append_u32(payload, w);
-        if (cmd == kRmaDataWrite) {
-          std::copy(m.begin() + 32, m.begin() + 32 + len, file.begin() + off);
-          append_u32(payload, 0);
-        } else {
-          append_u32(payload, 0);
-          payload.insert(payload.end(), file.begin() + off, file.begin() + off + len);
-        }
-      }
-      write_packet(fd, make_rma_message(cmd + 1, payload));
-    }
-  };
-  int fd = test::open_node("/dev/glink_pkt_marlo_rma");
-  ASSERT_GE(fd, 0);
-  serve(fd);  // ends when the co-processor restarts and hangs up
-  platform::close(fd);
-  EXPECT_EQ(s.device->rma().status().runs_completed, 0);
-  int again = -1;
-  marlo::test::wait_until([&] { return (again = test::open_node("/dev/glink_pkt_marlo_rma")) >= 0; },
-                          std::chrono::seconds(5));
-  ASSERT_GE(again, 0);
-  serve(again);
-  platform::close(again);
-  RmaStatus status = s.device->rma().status();
-  EXPECT_EQ(status.runs_started, 2);
-  EXPECT_EQ(status.runs_completed, 1);
-  EXPECT_TRUE(status.problems.empty());
-  EXPECT_EQ(files.at(7), RmaClient::run_pattern(status.last_completed_run, {7, 1, 8192}));
-}
-
 }  // namespace
 }  // namespace marlo::sim
