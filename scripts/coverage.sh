@@ -15,12 +15,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-if ! command -v gcovr >/dev/null; then
-  as_root=()
-  [ "$(id -u)" -eq 0 ] || as_root=(sudo)
-  "${as_root[@]}" apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive "${as_root[@]}" apt-get install -y -qq gcovr >/dev/null
-fi
+. scripts/lib/packages.sh
+ensure_packages gcovr
 
 build=build-coverage
 out=$build/coverage
