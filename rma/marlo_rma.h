@@ -31,8 +31,8 @@ class marlo_rma {
   // called at the daemon's start-up, before the channel is served.
   static void remove_stale_temporaries();
   // `size` bytes of the backing file "/data/vendor/aon/<name>" from
-  // `offset`, zeros where the file ends before them; empty when the file
-  // cannot be opened or the block would not fit one answer packet.
+  // `offset`; empty when they cannot all be read (no file, a read error, a
+  // file that ends before the block) or would not fit one answer packet.
   std::vector<uint8_t> readFile(std::string name, unsigned offset, unsigned size);
   // Writes a block inside the existing backing file at `path` and puts it on
   // stable storage; -1 when it cannot (the file never grows).
@@ -45,11 +45,10 @@ class marlo_rma {
   // command id and CRC, and sends it.
   int send_message(unsigned command, std::vector<uint8_t>& message);
   // Appends to `out` the `size`-byte block of the backing file
-  // "/data/vendor/aon/<name>" at `offset`, zero-filled past the file's end;
-  // false, with nothing appended, when the file cannot be opened or the
-  // block would not fit one answer packet.
+  // "/data/vendor/aon/<name>" at `offset`; false, with nothing appended and
+  // an error line, when the block cannot be read whole or would not fit one
+  // answer packet.
   bool append_block(const std::string& name, unsigned offset, unsigned size, std::vector<uint8_t>& out);
-
   // The connected partition's ids: written and read by the reader thread,
   // atomic because a new transport's reader may follow an old one.
   std::atomic<uint32_t> memory_id{0};

@@ -12,6 +12,7 @@
 
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <initializer_list>
 #include <memory>
 #include <string>
@@ -131,34 +132,56 @@ TEST_F(RmaTest, WrittenBlocksReadBackAndNeverGrowThePartition) {
   EXPECT_EQ(root_.read("/data/vendor/aon/757").size(), 4096u);
 }
 
-// A read answer carries the block size it was asked for: what lies past the
-// end of the file reads as zeros.
-TEST_F(RmaTest, ReadAnswerHasTheRequestedSizeZeroFilledPastTheEnd) {
+// A read of a block that the file holds whole is answered with its bytes;
+// any other read with the echoed words, result 1 and no data.
+TEST_F(RmaTest, ReadsOfWholeBlocksAreServedAndReadsPastTheEndFail) {
   std::string content(256, '\0');
   for (size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>(i % 250 + 1);
   root_.write("/data/vendor/aon/757", content);
   exchange(connect_request(7, 5, 256, 99));
-  const Bytes file(content.begin(), content.end());
   struct Case {
     uint32_t offset, size;
-    Bytes data;
+    bool served;
   } cases[] = {
-      {0, 400,
-       [&] {
-         Bytes b = file;
-         b.resize(400, 0);
-         return b;
-       }()},
-      {250, 10, {1, 2, 3, 4, 5, 6, 0, 0, 0, 0}},
-      {300, 16, Bytes(16, 0)},
-      {0, 0, {}},
+      {0, 256, true}, {250, 6, true}, {0, 0, true}, {256, 0, true}, {0, 400, false}, {250, 10, false}, {300, 16, false},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(testing::Message() << c.size << " bytes at " << c.offset);
     Bytes answer = exchange(data_request(256, 4, 7, c.offset, c.size));
-    EXPECT_EQ(words(answer, 5), (std::vector<uint32_t>{4, 99, 7, c.size, 0}));
-    ASSERT_EQ(answer.size(), 32u + c.size);
-    EXPECT_EQ(Bytes(answer.begin() + 32, answer.end()), c.data);
+    EXPECT_EQ(words(answer, 5), (std::vector<uint32_t>{4, 99, 7, c.size, c.served ? 0u : 1u}));
+    const Bytes expected = c.served ? Bytes(content.begin() + c.offset, content.begin() + c.offset + c.size) : Bytes{};
+    EXPECT_EQ(Bytes(answer.begin() + 32, answer.end()), expected);
+  }
+  EXPECT_EQ(log_.count("failed: result 1, no data"), 3);
+}
+
+// The backing file of a connected partition changed under the daemon.
+TEST_F(RmaTest, ReadsOfABackingFileThatCannotBeReadFail) {
+  const std::string path = "/data/vendor/aon/757";
+  struct Case {
+    const char* what;
+    std::function<void()> damage;
+    const char* logged;
+  } cases[] = {
+      {"removed", [&] { std::filesystem::remove(root_.at(path)); }, "File open failed : /data/vendor/aon/757"},
+      {"a directory",
+       [&] {
+         std::filesystem::remove(root_.at(path));
+         root_.mkdir(path);
+       },
+       "read of /data/vendor/aon/757 failed"},
+      {"truncated", [&] { std::filesystem::resize_file(root_.at(path), 100); }, "fewer than the 64 asked"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    std::filesystem::remove_all(root_.at(path));
+    exchange(connect_request(7, 5, 4096, 99));
+    ASSERT_EQ(words(exchange(data_request(256, 7, 7, 64, 64)), 5)[4], 0u);
+    c.damage();
+    Bytes answer = exchange(data_request(256, 7, 7, 64, 64));
+    EXPECT_EQ(answer.size(), 32u);
+    EXPECT_EQ(words(answer, 5), (std::vector<uint32_t>{7, 99, 7, 64, 1}));
+    EXPECT_TRUE(log_.contains(c.logged));
   }
 }
 
@@ -174,7 +197,7 @@ TEST_F(RmaTest, HostileSizesNeitherOverReadNorOverAllocate) {
   // A read of 4 GiB is answered as a failed read: the echoed words, no data.
   answer = exchange(data_request(256, 1, 7, 0, 0xFFFFFFFFu));
   EXPECT_EQ(answer.size(), 32u);
-  EXPECT_EQ(words(answer, 5), (std::vector<uint32_t>{1, 99, 7, 0xFFFFFFFFu, 0}));
+  EXPECT_EQ(words(answer, 5), (std::vector<uint32_t>{1, 99, 7, 0xFFFFFFFFu, 1}));
   EXPECT_TRUE(log_.contains("does not fit one packet"));
   // Shorter than a header (the transport pads runts to its first read, so
   // it is handed in directly): dropped; the next request is answered.
@@ -196,7 +219,7 @@ TEST_F(RmaTest, ReadAnswerIsServedUpToOnePacketAndFailsBeyond) {
   // One byte more would not fit: a failed read.
   answer = exchange(data_request(256, 3, 7, 0, kPacket - 31));
   EXPECT_EQ(answer.size(), 32u);
-  EXPECT_EQ(words(answer, 5), (std::vector<uint32_t>{3, 99, 7, kPacket - 31, 0}));
+  EXPECT_EQ(words(answer, 5), (std::vector<uint32_t>{3, 99, 7, kPacket - 31, 1}));
 }
 
 TEST_F(RmaTest, StoragePolicyRefusesPartitionsBeyondItsCapsAndKeepsExistingFiles) {
@@ -210,6 +233,7 @@ TEST_F(RmaTest, StoragePolicyRefusesPartitionsBeyondItsCapsAndKeepsExistingFiles
   EXPECT_EQ(words(exchange(data_request(512, 7, 7, 0, 1, {'x'})), 5)[4], 1u);
   answer = exchange(data_request(256, 7, 7, 0, 16));
   EXPECT_EQ(answer.size(), 32u);
+  EXPECT_EQ(words(answer, 5)[4], 1u);
 
   // Existing (sparse) files hold all but 8 KiB of the directory's cap: a
   // partition of 8 KiB fits exactly, one byte more does not.
