@@ -157,6 +157,49 @@ bool marlo_rma::append_block(const std::string& name, unsigned offset, unsigned 
   return true;
 }
 
+bool marlo_rma::claim_partition(const std::string& name, uint32_t partition_size) {
+  const std::string path = kPartitionDir + name;
+  const marlo::rma::partition_owner owner{memory_id, second_id};
+  marlo::rma::partition_owner holder{};
+  const auto claim = claims.claim(name, owner, &holder);
+  if (claim == marlo::rma::partition_claims::claim_result::taken) {
+    MARLO_LOGE("CONNECT of memory id %u, second id %u refused: %s is claimed by memory id %u, second id %u",
+               owner.memory_id, owner.second_id, path.c_str(), holder.memory_id, holder.second_id);
+    return false;
+  }
+  if (claim == marlo::rma::partition_claims::claim_result::full) {
+    MARLO_LOGE("CONNECT of memory id %u, second id %u refused: %s would be beyond the %u partitions one run may claim",
+               owner.memory_id, owner.second_id, path.c_str(), marlo::rma::kMaxPartitions);
+    return false;
+  }
+  switch (marlo::rma::create_backing_file(name, partition_size)) {
+    case marlo::rma::create_result::exists: MARLO_LOGE("file exists %s  ", path.c_str()); return true;
+    case marlo::rma::create_result::created:
+      MARLO_LOGD("size of file %d ", static_cast<int>(partition_size));
+      return true;
+    case marlo::rma::create_result::failed: MARLO_LOGE("File opening failed"); break;
+    case marlo::rma::create_result::refused:  // logged with the policy's figures
+      break;
+  }
+  // No file: the name stays free for whichever pair can make it.
+  if (claim == marlo::rma::partition_claims::claim_result::added) claims.release(name, owner);
+  return true;
+}
+
+bool marlo_rma::may_use(const std::string& name, const char* request) const {
+  if (connect_refused) {
+    MARLO_LOGE("%s of memory id %u refused: its CONNECT was refused", request, memory_id.load());
+    return false;
+  }
+  marlo::rma::partition_owner holder{};
+  if (claims.held_by_other(name, {memory_id, second_id}, &holder)) {
+    MARLO_LOGE("%s of memory id %u, second id %u refused: %s%s is claimed by memory id %u, second id %u", request,
+               memory_id.load(), second_id.load(), kPartitionDir, name.c_str(), holder.memory_id, holder.second_id);
+    return false;
+  }
+  return true;
+}
+
 std::vector<uint8_t> marlo_rma::readFile(std::string name, unsigned offset, unsigned size) {
   std::vector<uint8_t> data;
   append_block(name, offset, size, data);
@@ -208,16 +251,9 @@ void marlo_rma::rma_conn_res_event_cb(const uint8_t* data, unsigned size) {
       const uint32_t partition_size = marlo::le32_at(message, kSizeOffset);
       MARLO_LOGD("memory_id received CONNECT %d,partition_sz_bytes %d, client_priv %d ", memory_id.load(),
                  partition_size, client_priv.load());
-      const std::string name = partition_name(memory_id);
-      switch (marlo::rma::create_backing_file(name, partition_size)) {
-        case marlo::rma::create_result::exists: MARLO_LOGE("file exists %s  ", (kPartitionDir + name).c_str()); break;
-        case marlo::rma::create_result::failed: MARLO_LOGE("File opening failed"); break;
-        case marlo::rma::create_result::refused:  // logged with the policy's figures
-          break;
-        case marlo::rma::create_result::created:
-          MARLO_LOGD("size of file %d ", static_cast<int>(partition_size));
-          break;
-      }
+      // A refused CONNECT is answered all the same; its partition is not
+      // served.
+      connect_refused = !claim_partition(partition_name(memory_id), partition_size);
       auto payload = words({client_priv, 0, memory_id, kConnectVersion, kConnectBlockSize, kConnectBlockSize});
       send_aon_request(RMA_CONNECT_RESP, payload.data(), static_cast<unsigned>(payload.size()));
       break;
@@ -243,7 +279,7 @@ void marlo_rma::rma_conn_res_event_cb(const uint8_t* data, unsigned size) {
       // result 1 and no data, as a failed DATA_WRITE is.
       const std::string name = partition_name(memory_id);
       const uint32_t offset = marlo::le32_at(message, kSecondIdOffset);
-      if (!append_block(name, offset, block_size, answer)) {
+      if (!may_use(name, "DATA_READ") || !append_block(name, offset, block_size, answer)) {
         marlo::put_le32(answer.data() + kReadResultOffset, kResultFailed);
         MARLO_LOGE("DATA_READ of %u bytes at %u from %s%s failed: result 1, no data", block_size, offset, kPartitionDir,
                    name.c_str());
@@ -260,9 +296,9 @@ void marlo_rma::rma_conn_res_event_cb(const uint8_t* data, unsigned size) {
       // The block is taken only from bytes that arrived.
       if (message.size() < kBlockOffset || block_size > message.size() - kBlockOffset) {
         MARLO_LOGE("DATA_WRITE block of %u bytes is larger than the %u-byte message", block_size, size);
-      } else {
-        if (AppendToFile(kPartitionDir + partition_name(request_word), marlo::le32_at(message, kSecondIdOffset),
-                         block_size, reinterpret_cast<const char*>(message.data() + kBlockOffset)) == 0) {
+      } else if (const std::string name = partition_name(request_word); may_use(name, "DATA_WRITE")) {
+        if (AppendToFile(kPartitionDir + name, marlo::le32_at(message, kSecondIdOffset), block_size,
+                         reinterpret_cast<const char*>(message.data() + kBlockOffset)) == 0) {
           result = kResultDone;
         }
       }

@@ -5,7 +5,8 @@
 // Messages in both directions carry a 12-byte header: CRC-32 of bytes 4 to
 // the end, total length, command id; then the payload. Requests arrive on the
 // transport's reader thread; every field that thread shares with the thread
-// that starts the client is atomic.
+// that starts the client is atomic, and the table of claimed partition names
+// has its own lock.
 #pragma once
 
 #include <atomic>
@@ -14,6 +15,8 @@
 #include <vector>
 
 #include "glink/glink_interface.h"
+#include "rma/rma_backing_store.h"
+#include "rma/rma_partition_claims.h"
 
 class marlo_rma {
  public:
@@ -49,12 +52,27 @@ class marlo_rma {
   // an error line, when the block cannot be read whole or would not fit one
   // answer packet.
   bool append_block(const std::string& name, unsigned offset, unsigned size, std::vector<uint8_t>& out);
+  // Makes `name` the connected partition's and its backing file ready; false
+  // when the name is another partition's or beyond what a run may claim (no
+  // file is made then).
+  bool claim_partition(const std::string& name, uint32_t partition_size);
+  // Whether `request` (DATA_READ, DATA_WRITE) of the connected partition may
+  // use the backing file `name`: not when its CONNECT was refused or the
+  // name is another partition's; logged.
+  bool may_use(const std::string& name, const char* request) const;
+
   // The connected partition's ids: written and read by the reader thread,
   // atomic because a new transport's reader may follow an old one.
   std::atomic<uint32_t> memory_id{0};
   std::atomic<uint32_t> client_priv{0};
   std::atomic<uint32_t> file_memory_id{0};
   std::atomic<uint32_t> second_id{0};
+  // The last CONNECT was refused: DATA_WRITEs answer result 1 and DATA_READs
+  // fail until a CONNECT is accepted.
+  std::atomic<bool> connect_refused{false};
+  // The (memory id, second id) that made or found each backing file name in
+  // this run, kept across the transports of the co-processor's restarts.
+  marlo::rma::partition_claims claims{marlo::rma::kMaxPartitions};
   // The transport, owned through this pointer. Created and deleted by the
   // thread that starts the client (the daemon's flash-less worker; the
   // error callback of a failed open runs on that thread too) and by the

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "daemon/marlo_deamon_log.h"
+#include "rma/rma_backing_store.h"
 #include "sim/device_node.h"
 #include "support/log_capture.h"
 #include "support/test_root.h"
@@ -85,6 +86,17 @@ class RmaTest : public ::testing::Test {
   Bytes exchange(const Bytes& message) {
     EXPECT_TRUE(sim::send_packet(peer_, message.data(), message.size()));
     return receive();
+  }
+  // A restart of the co-processor: the client is started again, as on its
+  // power-up, and serves the new connection; the old one then hangs up.
+  void restart_coprocessor() {
+    int peer = -1;
+    std::thread device([&] { peer = node_->accept_open(2000); });
+    rma_->startMarloRmaConnection();
+    device.join();
+    ASSERT_GE(peer, 0);
+    ::close(peer_);
+    peer_ = peer;
   }
   static std::vector<uint32_t> words(const Bytes& answer, size_t count) {
     std::vector<uint32_t> out;
@@ -253,6 +265,58 @@ TEST_F(RmaTest, StoragePolicyRefusesPartitionsBeyondItsCapsAndKeepsExistingFiles
     ASSERT_EQ(::stat(root_.at("/data/vendor/aon/" + std::to_string(size)).c_str(), &st), 0);
     EXPECT_EQ(static_cast<uint64_t>(st.st_size), size) << "existing files are never touched";
   }
+}
+
+// A backing file's name is three numbers with no separator: memory id 1
+// with second id 111 and memory id 11 with second id 1 both name "11111".
+// The pair that made or claimed a name first keeps it for the daemon's run,
+// across restarts of the co-processor.
+TEST_F(RmaTest, ANameClaimedByAnotherPartitionIsRefusedForTheWholeRun) {
+  const std::string shared = "/data/vendor/aon/11111";
+  const Bytes owned(64, 'A');
+  exchange(connect_request(1, 111, 64, 5));
+  ASSERT_EQ(words(exchange(data_request(512, 1, 1, 0, 64, owned)), 5)[4], 0u);
+
+  auto other_pair_is_refused = [&] {
+    EXPECT_EQ(words(exchange(connect_request(11, 1, 64, 6)), 6), (std::vector<uint32_t>{6, 0, 11, 3, 4096, 4096}));
+    EXPECT_EQ(words(exchange(data_request(512, 11, 11, 0, 64, Bytes(64, 'B'))), 5)[4], 1u);
+    Bytes answer = exchange(data_request(256, 11, 11, 0, 64));
+    EXPECT_EQ(answer.size(), 32u);
+    EXPECT_EQ(words(answer, 5), (std::vector<uint32_t>{11, 6, 11, 64, 1}));
+    EXPECT_EQ(root_.read(shared), std::string(owned.begin(), owned.end()));
+  };
+  auto owner_is_served = [&] {
+    exchange(connect_request(1, 111, 64, 5));
+    Bytes answer = exchange(data_request(256, 1, 1, 0, 64));
+    EXPECT_EQ(words(answer, 5)[4], 0u);
+    EXPECT_EQ(Bytes(answer.begin() + 32, answer.end()), owned);
+  };
+  other_pair_is_refused();
+  EXPECT_TRUE(log_.contains("/data/vendor/aon/11111 is claimed by memory id 1, second id 111"));
+  owner_is_served();
+  // Another partition whose DATA_WRITE request word makes the owner's name.
+  exchange(connect_request(1, 11, 64, 7));
+  EXPECT_EQ(words(exchange(data_request(512, 11, 1, 0, 64, Bytes(64, 'C'))), 5)[4], 1u);
+  EXPECT_EQ(root_.read(shared), std::string(owned.begin(), owned.end()));
+
+  restart_coprocessor();
+  other_pair_is_refused();
+  owner_is_served();
+}
+
+TEST_F(RmaTest, ClaimsAreBoundedByTheStoragePolicy) {
+  auto name = [](uint32_t id) { return "/data/vendor/aon/" + std::to_string(id) + "0" + std::to_string(id); };
+  // Existing files are claimed by the CONNECT that finds them.
+  for (uint32_t id = 1; id <= rma::kMaxPartitions; ++id) root_.write(name(id), "");
+  for (uint32_t id = 1; id <= rma::kMaxPartitions; ++id) exchange(connect_request(id, 0, 0, 1));
+  const uint32_t extra = rma::kMaxPartitions + 1;
+  exchange(connect_request(extra, 0, 16, 1));
+  EXPECT_FALSE(root_.exists(name(extra)));
+  EXPECT_TRUE(log_.contains("beyond the " + std::to_string(rma::kMaxPartitions) + " partitions one run may claim"));
+  EXPECT_EQ(words(exchange(data_request(256, extra, extra, 0, 0)), 5)[4], 1u);
+  // A name claimed before is still served.
+  exchange(connect_request(1, 0, 0, 1));
+  EXPECT_EQ(words(exchange(data_request(256, 1, 1, 0, 0)), 5)[4], 0u);
 }
 
 // A crash while a backing file is being created: the child running the
