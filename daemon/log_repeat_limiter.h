@@ -58,7 +58,7 @@ class LogRepeatLimiter {
     size_t length = 0;
     int64_t window_start = 0;
     int64_t last_seen = 0;
-    uint32_t count = 0;    // copies seen in this window
+    uint32_t count = 0;     // copies seen in this window
     uint32_t withheld = 0;  // copies beyond kLinesPerWindow, not written
     char text[kKeptText + 1] = {};
   };

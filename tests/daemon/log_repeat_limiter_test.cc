@@ -71,9 +71,15 @@ const Case kCases[] = {
      {{0, "loud", 11}, {1500, "other", 1}},
      {"loud x10", "loud ... repeated 1 times", "other"}},
     {"PriorityAndTagSeparateLines",
-     {{0, "same", 10, 6, "t"}, {0, "same", 10, 3, "t"}, {0, "same", 10, 6, "u"}, {0, "same", 1, 6, "t"}, {1000, nullptr, 0}},
+     {{0, "same", 10, 6, "t"},
+      {0, "same", 10, 3, "t"},
+      {0, "same", 10, 6, "u"},
+      {0, "same", 1, 6, "t"},
+      {1000, nullptr, 0}},
      {"same x30", "same ... repeated 1 times"}},
-    {"TrailingNewlineStaysOutOfTheSummary", {{0, "line\n", 11}, {1000, nullptr, 0}}, {"line\n x10", "line ... repeated 1 times"}},
+    {"TrailingNewlineStaysOutOfTheSummary",
+     {{0, "line\n", 11}, {1000, nullptr, 0}},
+     {"line\n x10", "line ... repeated 1 times"}},
 };
 
 class LimiterCases : public ::testing::TestWithParam<Case> {};
@@ -81,8 +87,7 @@ class LimiterCases : public ::testing::TestWithParam<Case> {};
 TEST_P(LimiterCases, WritesAndSummarises) {
   int64_t now = 0;
   Recorder out;
-  LogRepeatLimiter limiter([&now] { return now; },
-                           [&out](int, const char*, const char* text) { out.add(text); });
+  LogRepeatLimiter limiter([&now] { return now; }, [&out](int, const char*, const char* text) { out.add(text); });
   for (const Step& step : GetParam().steps) {
     now = step.at_ms * kMs;
     if (step.line == nullptr) limiter.flushDue();
@@ -101,9 +106,10 @@ INSTANTIATE_TEST_SUITE_P(Limiter, LimiterCases, ::testing::ValuesIn(kCases),
 TEST(LogRepeatLimiter, LineLeavingTheTableWritesItsSummaryFirst) {
   int64_t now = 0;
   std::vector<std::string> summaries;
-  LogRepeatLimiter limiter([&now] { return now; }, [&](int prio, const char* tag, const char* text) {
-    summaries.push_back(std::to_string(prio) + " " + tag + " " + text);
-  });
+  LogRepeatLimiter limiter([&now] { return now; },
+                           [&](int prio, const char* tag, const char* text) {
+                             summaries.push_back(std::to_string(prio) + " " + tag + " " + text);
+                           });
   for (int i = 0; i < 13; ++i) limiter.admit(6, "t", "first");
   for (size_t i = 1; i < LogRepeatLimiter::kSlots; ++i) {
     now += kMs;
