@@ -39,12 +39,11 @@ int main() {
     now += 1000;
     limiter.admit(2, "marlo_fw_updater", line.c_str());
   });
-  const double statement = ns_per_call([](int i) {
-    MARLO_LOGV("IMG_OFFSET_REQ offset = %d size = %d image id = %d", i * 8192, 8192, 3);
-  });
+  const double statement =
+      ns_per_call([](int i) { MARLO_LOGV("IMG_OFFSET_REQ offset = %d size = %d image id = %d", i * 8192, 8192, 3); });
   const double plain = ns_per_call([](int i) {
-    __android_log_print(ANDROID_LOG_VERBOSE, "marlo_fw_updater", "%s:%d, IMG_OFFSET_REQ offset = %d size = %d image id = %d",
-                        "main", 50, i * 8192, 8192, 3);
+    __android_log_print(ANDROID_LOG_VERBOSE, "marlo_fw_updater",
+                        "%s:%d, IMG_OFFSET_REQ offset = %d size = %d image id = %d", "main", 50, i * 8192, 8192, 3);
   });
   std::printf("limiter, distinct lines (string building included): %.0f ns\n", admit_distinct);
   std::printf("limiter, one repeated line:                         %.0f ns\n", admit_same);
