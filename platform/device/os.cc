@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
+#include <time.h>
 
 namespace platform {
 
@@ -26,6 +27,11 @@ int pipe(int fds[2]) { return ::pipe2(fds, O_CLOEXEC); }
 int fcntl(int fd, int cmd, int arg) { return ::fcntl(fd, cmd, arg); }
 unsigned int sleep(unsigned int seconds) { return ::sleep(seconds); }
 int usleep(useconds_t usec) { return ::usleep(usec); }
+int64_t daemon_clock_ns() {
+  struct timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<int64_t>(ts.tv_sec) * 1000000000LL + ts.tv_nsec;
+}
 uint32_t user_word(void* p) { return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(p)); }
 
 }  // namespace platform

@@ -1,8 +1,10 @@
-// Sleeps scaled by MARLO_TIME_SCALE; clocks are never scaled.
+// Sleeps scaled by MARLO_TIME_SCALE, and the daemon's clock with them; the
+// system's clocks (elapsedRealtimeNano) are never scaled.
 #include <time.h>
 
 #include <cerrno>
 #include <cmath>
+#include <cstdint>
 
 #include <utils/SystemClock.h>
 
@@ -21,6 +23,12 @@ void sleep_scaled(double seconds) {
   }
 }
 
+double monotonic_real_ns() {
+  struct timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<double>(ts.tv_sec) * 1e9 + static_cast<double>(ts.tv_nsec);
+}
+
 }  // namespace
 
 namespace platform {
@@ -33,6 +41,15 @@ unsigned int sleep(unsigned int seconds) {
 int usleep(useconds_t usec) {
   sleep_scaled(usec / 1e6);
   return 0;
+}
+
+// A sleep of s seconds takes s * scale of real time, so one second of the
+// daemon's clock is scale seconds of real time. Counted from the first call,
+// so that a small scale cannot take it past 64 bits.
+int64_t daemon_clock_ns() {
+  static const double origin_ns = monotonic_real_ns();
+  const double ns = (monotonic_real_ns() - origin_ns) / platform::host::time_scale();
+  return ns < 9e18 ? static_cast<int64_t>(ns) : INT64_C(9000000000000000000);
 }
 
 }  // namespace platform

@@ -45,6 +45,10 @@ FILE* fopen(const char* path, const char* mode);
 
 unsigned int sleep(unsigned int seconds);
 int usleep(useconds_t usec);
+// The daemon's clock in nanoseconds: monotonic, and on the host scaled like
+// the sleeps above (MARLO_TIME_SCALE), so that one second of it passes while
+// sleep(1) does. Only differences have a meaning. 1:1 on a device.
+int64_t daemon_clock_ns();
 
 // The name under which the system knows a device path, for the callers that
 // hand a path to a library rather than to one of the calls above (file
