@@ -31,21 +31,13 @@ namespace {
 
 constexpr const char* kBackingDir = "/data/vendor/aon";
 
-struct Client {
-  std::unique_ptr<marlo::fuzz::PacketSink> channel;
-  marlo_rma rma;
-};
-
-Client* client() {
-  static Client* c = [] {
+// The co-processor's end of the channel, made once for the whole run.
+marlo::fuzz::PacketSink* channel() {
+  static marlo::fuzz::PacketSink* sink = [] {
     marlo::sim::build_device_root(marlo::fuzz::scratch_root(), marlo::sim::RootOptions{});
-    auto* created = new Client;
-    created->channel =
-        std::make_unique<marlo::fuzz::PacketSink>("/dev/glink_pkt_marlo_rma", marlo::fuzz::check_rma_packet);
-    created->rma.startMarloRmaConnection();
-    return created;
+    return new marlo::fuzz::PacketSink("/dev/glink_pkt_marlo_rma", marlo::fuzz::check_rma_packet);
   }();
-  return c;
+  return sink;
 }
 
 [[noreturn]] void violated(const char* what, const std::string& name, uint64_t bytes) {
@@ -73,14 +65,18 @@ void check_backing_dir() {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  Client* c = client();
+  channel();
+  // A client per input: the names it claims last for the life of the
+  // client (a run of the daemon), and inputs must not depend on each other.
+  marlo_rma rma;
+  rma.startMarloRmaConnection();
   size_t at = 0;
   while (at + 2 <= size) {
     const size_t length = std::min<size_t>(data[at] | (data[at + 1] << 8), size - at - 2);
     at += 2;
     // Exactly the received bytes, so that any read past them is caught.
     std::vector<uint8_t> message(data + at, data + at + length);
-    c->rma.rma_conn_res_event_cb(message.data(), static_cast<unsigned>(message.size()));
+    rma.rma_conn_res_event_cb(message.data(), static_cast<unsigned>(message.size()));
     at += length;
   }
   check_backing_dir();

@@ -33,10 +33,10 @@ struct partition_owner {
 class partition_claims {
  public:
   enum class claim_result {
-    added,    // the name was free and is `owner`'s now
-    held,     // the name was `owner`'s already
-    taken,    // another pair holds the name
-    full,     // the name is new and the table holds its limit
+    added,  // the name was free and is `owner`'s now
+    held,   // the name was `owner`'s already
+    taken,  // another pair holds the name
+    full,   // the name is new and the table holds its limit
   };
 
   explicit partition_claims(size_t limit) : limit_(limit) {}
@@ -49,8 +49,7 @@ class partition_claims {
   void release(const std::string& name, partition_owner owner) EXCLUDES(mutex_);
   // True when a pair other than `owner` holds `name`, which it then names
   // in `holder`.
-  bool held_by_other(const std::string& name, partition_owner owner, partition_owner* holder) const
-      EXCLUDES(mutex_);
+  bool held_by_other(const std::string& name, partition_owner owner, partition_owner* holder) const EXCLUDES(mutex_);
 
  private:
   const size_t limit_;
