@@ -70,6 +70,7 @@ class marlo_glink : public glink_interface {
   int wait_for_rest_of_packet(int fd);
   int glink_write(int fd, unsigned char* buf, unsigned int len);
   int glink_poll(int fd);
+  int glink_poll(int fd, int timeout_ms);
   void glink_response_handler(std::vector<uint8_t> packet);
 
   // Fixed when the transport is made, or (the name) written only when a
