@@ -3,8 +3,11 @@
 #include "platform/os.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <time.h>
+
+#include <cerrno>
 
 namespace platform {
 
@@ -32,6 +35,17 @@ int64_t daemon_clock_ns() {
   clock_gettime(CLOCK_MONOTONIC, &ts);
   return static_cast<int64_t>(ts.tv_sec) * 1000000000LL + ts.tv_nsec;
 }
+
+int usleep_or_readable(int fd, useconds_t usec) {
+  const struct timespec timeout = {static_cast<time_t>(usec / 1000000), static_cast<long>(usec % 1000000) * 1000};
+  struct pollfd entry = {fd, POLLIN, 0};
+  for (;;) {
+    const int ready = ::ppoll(&entry, 1, &timeout, nullptr);
+    if (ready >= 0) return ready > 0 ? 1 : 0;
+    if (errno != EINTR) return -1;
+  }
+}
+
 uint32_t user_word(void* p) { return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(p)); }
 
 }  // namespace platform

@@ -1,5 +1,6 @@
 // Sleeps scaled by MARLO_TIME_SCALE, and the daemon's clock with them; the
 // system's clocks (elapsedRealtimeNano) are never scaled.
+#include <poll.h>
 #include <time.h>
 
 #include <cerrno>
@@ -13,12 +14,19 @@
 
 namespace {
 
-void sleep_scaled(double seconds) {
+// A time of `seconds` as the sleeps take it: scaled by MARLO_TIME_SCALE.
+struct timespec scaled_time(double seconds) {
   double scaled = seconds * platform::host::time_scale();
-  if (!(scaled > 0.0)) return;
-  struct timespec req;
-  req.tv_sec = static_cast<time_t>(scaled);
-  req.tv_nsec = static_cast<long>(std::fmod(scaled, 1.0) * 1e9);
+  if (!(scaled > 0.0)) scaled = 0.0;
+  struct timespec time;
+  time.tv_sec = static_cast<time_t>(scaled);
+  time.tv_nsec = static_cast<long>(std::fmod(scaled, 1.0) * 1e9);
+  return time;
+}
+
+void sleep_scaled(double seconds) {
+  struct timespec req = scaled_time(seconds);
+  if (req.tv_sec == 0 && req.tv_nsec == 0) return;
   while (nanosleep(&req, &req) == -1 && errno == EINTR) {
   }
 }
@@ -50,6 +58,18 @@ int64_t daemon_clock_ns() {
   static const double origin_ns = monotonic_real_ns();
   const double ns = (monotonic_real_ns() - origin_ns) / platform::host::time_scale();
   return ns < 9e18 ? static_cast<int64_t>(ns) : INT64_C(9000000000000000000);
+}
+
+// The pipe is a plain descriptor, never a device node: the system's poll
+// serves it.
+int usleep_or_readable(int fd, useconds_t usec) {
+  const struct timespec timeout = scaled_time(usec / 1e6);
+  struct pollfd entry = {fd, POLLIN, 0};
+  for (;;) {
+    const int ready = ::ppoll(&entry, 1, &timeout, nullptr);
+    if (ready >= 0) return ready > 0 ? 1 : 0;
+    if (errno != EINTR) return -1;
+  }
 }
 
 }  // namespace platform

@@ -49,6 +49,11 @@ int usleep(useconds_t usec);
 // the sleeps above (MARLO_TIME_SCALE), so that one second of it passes while
 // sleep(1) does. Only differences have a meaning. 1:1 on a device.
 int64_t daemon_clock_ns();
+// Sleeps as usleep does, scaled like it, but ends early once the pipe `fd`
+// has something to read or has hung up, so that a thread waiting out a delay
+// can still be woken: 1 when the pipe ended the wait, 0 when the time
+// passed, -1 with errno set when the wait failed.
+int usleep_or_readable(int fd, useconds_t usec);
 
 // The name under which the system knows a device path, for the callers that
 // hand a path to a library rather than to one of the calls above (file
