@@ -363,10 +363,7 @@ double marlo_fw_updater::timeTaken() {
 void marlo_fw_updater::conn_error_cb(glink_interface_error error) {
   MARLO_LOGE("conn_error_cb =%d", static_cast<int>(error));
   if (error == GLINK_OPEN_FAILED) {
-    if (t_reopening == this) {
-      t_open_failed = true;
-      return;
-    }
+    if (t_reopening == this) return;  // the session waits for the next power-up
     reportDFU("Marlo dfu channel open failed", Callback::STATUS_CHANNEL_ERROR);
     if (t_connecting == this) {
       t_open_failed = true;  // ended by startMarloDownloaderWithCallback once connect has returned
@@ -406,9 +403,7 @@ void marlo_fw_updater::resumeDownloadOnPowerUp() {
   bool reopened = false;
   {
     ScopedMark reopening(t_reopening, this);
-    t_open_failed = false;
     reopened = glinkInterface->connect_interface(true) == 0;
-    t_open_failed = false;
   }
   if (!reopened) return;
   platform::lock_guard lock(resume_lock);

@@ -2,9 +2,11 @@
 // transport's reopen attempts is taken up at the power-up, and a power-up
 // that finds nothing lost leaves the DFU channel alone.
 #include <atomic>
+#include <chrono>
 
 #include "e2e_fixture.h"
 #include "sim/uevent_sender.h"
+#include "support/wait_until.h"
 
 namespace marlo::e2e {
 namespace {
@@ -30,7 +32,9 @@ class DfuResume : public E2e {
   // co-processor running when it re-reads the state.
   void power_up(bool lost_in_overrun = false) {
     ASSERT_EQ(device_->coprocessor().load(), 0);
-    if (lost_in_overrun) ASSERT_TRUE(sim::arm_uevent_overrun(root_));
+    if (lost_in_overrun) {
+      ASSERT_TRUE(sim::arm_uevent_overrun(root_));
+    }
     ASSERT_TRUE(sim::send_uevent(root_, sim::marlo_uevent(sim::kEventPowerUp)));
   }
   // The daemon's DFU transport has tried to reopen the channel `attempts`
@@ -52,9 +56,8 @@ TEST_P(DfuResumeAtPowerUp, OutageLongerThanTheReopenAttemptsIsTakenUp) {
   });
   start_daemon();
   ASSERT_TRUE(wait_for([&] { return down.load(); }));
-  // Still down when the transport has given up and its resume was refused.
+  // Still down when the transport has given up.
   ASSERT_TRUE(reopens_given_up(1));
-  ASSERT_TRUE(wait_for([&] { return log_count("is reconnecting, cannot send request") >= 1; }));
   EXPECT_TRUE(device_->flash().has_partial_images());
   const sim::DfuStatus before = device_->dfu().status();
   EXPECT_GE(before.fragments, 1) << "the cut is in the image phase";
@@ -65,7 +68,6 @@ TEST_P(DfuResumeAtPowerUp, OutageLongerThanTheReopenAttemptsIsTakenUp) {
   const sim::DfuStatus after = device_->dfu().status();
   EXPECT_EQ(after.state_queries, before.state_queries + 1) << "resumed once, through a state query";
   EXPECT_EQ(after.crc_errors + after.protocol_errors, 0);
-  EXPECT_EQ(log_count("DFU channel reopened, resuming the download"), 1);
   EXPECT_EQ(log_count("uevent socket overrun"), GetParam() ? 1 : 0);
 }
 
@@ -80,7 +82,8 @@ TEST_F(DfuResume, PowerUpDuringAnOpenDownloadLeavesTheChannelAlone) {
   device_->at_packet(kImagePhasePacket, [&] {
     sim::send_uevent(root_, sim::marlo_uevent(sim::kEventPowerUp));
     // The download waits for this answer until the power-up has been seen.
-    refused = wait_for([&] { return log_count("GLINK_int channel is already opened") >= 1; }, 5000);
+    refused = test::wait_until([&] { return log_count("GLINK_int channel is already opened") >= 1; },
+                               std::chrono::seconds(5));
     return false;
   });
   start_daemon();
