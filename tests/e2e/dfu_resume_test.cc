@@ -3,6 +3,7 @@
 // that finds nothing lost leaves the DFU channel alone.
 #include <atomic>
 #include <chrono>
+#include <ostream>
 
 #include "e2e_fixture.h"
 #include "sim/uevent_sender.h"
@@ -24,9 +25,10 @@ class DfuResume : public E2e {
     start_device(options);
   }
   // The co-processor goes down and stays down (no power-up of its own).
-  void power_down() {
+  // Without `announced` its uevent is lost.
+  void power_down(bool announced = true) {
     device_->coprocessor().unload("restart: going down");
-    sim::send_uevent(root_, sim::marlo_uevent(sim::kEventPowerDown));
+    if (announced) sim::send_uevent(root_, sim::marlo_uevent(sim::kEventPowerDown));
   }
   // With `lost_in_overrun` the uevent is lost and the daemon finds the
   // co-processor running when it re-reads the state.
@@ -44,13 +46,22 @@ class DfuResume : public E2e {
   }
 };
 
-class DfuResumeAtPowerUp : public DfuResume, public ::testing::WithParamInterface<bool> {};
+// How the daemon learns of the restart.
+struct PowerEvents {
+  const char* name;
+  bool down_announced;  // the power-down uevent arrives
+  bool up_lost;         // the power-up uevent is lost in an overrun
+};
+void PrintTo(const PowerEvents& events, std::ostream* out) { *out << events.name; }
+
+class DfuResumeAtPowerUp : public DfuResume, public ::testing::WithParamInterface<PowerEvents> {};
 
 TEST_P(DfuResumeAtPowerUp, OutageLongerThanTheReopenAttemptsIsTakenUp) {
+  const PowerEvents events = GetParam();
   start_updating_device();
   std::atomic<bool> down{false};
   device_->at_packet(kImagePhasePacket, [&] {
-    power_down();
+    power_down(events.down_announced);
     down = true;
     return true;  // lost with the co-processor
   });
@@ -62,17 +73,23 @@ TEST_P(DfuResumeAtPowerUp, OutageLongerThanTheReopenAttemptsIsTakenUp) {
   const sim::DfuStatus before = device_->dfu().status();
   EXPECT_GE(before.fragments, 1) << "the cut is in the image phase";
 
-  power_up(GetParam());
+  power_up(events.up_lost);
   ASSERT_TRUE(wait_for([&] { return update_finished(); })) << "the download was not taken up at power-up";
   expect_flash_holds_shipped_firmware();
   const sim::DfuStatus after = device_->dfu().status();
   EXPECT_EQ(after.state_queries, before.state_queries + 1) << "resumed once, through a state query";
   EXPECT_EQ(after.crc_errors + after.protocol_errors, 0);
-  EXPECT_EQ(log_count("uevent socket overrun"), GetParam() ? 1 : 0);
+  EXPECT_EQ(log_count("uevent socket overrun"), events.up_lost ? 1 : 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Uevent, DfuResumeAtPowerUp, ::testing::Values(false));
-INSTANTIATE_TEST_SUITE_P(StateAfterOverrun, DfuResumeAtPowerUp, ::testing::Values(true));
+// With the power-up lost, the state found after the overrun shows it (the
+// co-processor was known to be down). With both lost, the state shows a
+// running co-processor as before the restart; only the lost channel tells.
+INSTANTIATE_TEST_SUITE_P(Restarts, DfuResumeAtPowerUp,
+                         ::testing::Values(PowerEvents{"Uevents", true, false},
+                                           PowerEvents{"PowerUpLostInAnOverrun", true, true},
+                                           PowerEvents{"BothLostInAnOverrun", false, true}),
+                         [](const ::testing::TestParamInfo<PowerEvents>& info) { return info.param.name; });
 
 // The power-up arrives while the channel is open and the download runs: the
 // co-processor never went down as far as the session can tell.
