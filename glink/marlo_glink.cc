@@ -6,6 +6,7 @@
 #include <poll.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <new>
@@ -73,6 +74,12 @@ marlo_glink::marlo_glink(glink_conn_config config)
 
 marlo_glink::~marlo_glink() {
   MARLO_LOGI("GLINK_int conn = 0x%llx destructor", address_of(this));
+  if (_reader_thread.joinable() && on_reader_thread()) {
+    // A callback destroyed its own transport: the reader would return into
+    // a freed object. Its owner must tear it down on its own thread.
+    MARLO_LOGE("GLINK_int conn = 0x%llx destroyed by a callback on its own reader thread", address_of(this));
+    std::abort();
+  }
   _closing = true;
   g_glink_err_cnt = 0;
   glink_disconnect(true);
@@ -174,14 +181,23 @@ int marlo_glink::glink_connect(const std::string& name, bool start_reader) {
   glink_error_cb error_cb = error_callback();
   if (error_cb && !reconnecting) {
     MARLO_LOGV("GLINK_int triggered error callback");
-    // The callback may delete this object: nothing of it is touched after.
+    // The callback records the failure; the owner acts on it once this call
+    // has returned.
     error_cb(GLINK_OPEN_FAILED);
   }
   return -1;
 }
 
 void marlo_glink::start_reader_thread() {
-  if (!_thread_started) {
+  if (_reader_thread.joinable() && on_reader_thread()) {
+    // A reconnect from the reader thread itself (a hang-up, or a callback):
+    // the reader keeps serving and polls the new descriptor on its next pass.
+    _reader_leaving = false;
+    return;
+  }
+  // A reader told to leave from inside its own callback is joined first.
+  if (_reader_thread.joinable() && _reader_leaving) stop_reader_thread();
+  if (!_reader_thread.joinable()) {
     int pipe_fds[2];
     if (platform::pipe(pipe_fds) != 0) {
       // A reader that cannot be woken could never be joined: run without.
@@ -190,10 +206,8 @@ void marlo_glink::start_reader_thread() {
     }
     _wakeup_pipe[0].reset(pipe_fds[0]);
     _wakeup_pipe[1].reset(pipe_fds[1]);
-    _reader_life = std::make_shared<reader_life>();
-    _reader_thread = std::thread(glink_thread_routine, this, _reader_life, _wakeup_pipe[0].get());
-    _thread_started = true;
-  } else if (std::this_thread::get_id() != _reader_thread.get_id()) {
+    _reader_thread = std::thread(glink_thread_routine, this, _wakeup_pipe[0].get());
+  } else {
     // A reader left waiting on the pipe alone (failed reopen) picks up the
     // new descriptor on its next pass.
     char byte = kReloadChannel;
@@ -204,31 +218,41 @@ void marlo_glink::start_reader_thread() {
 }
 
 void marlo_glink::stop_reader_thread() {
-  if (_wakeup_pipe[1].ok()) {
-    char byte = kStopReader;
-    if (platform::write(_wakeup_pipe[1].get(), &byte, 1) != 1) {
-      MARLO_LOGE("GLINK write err on wakup pipe rrrno = %d no way to join readthread", errno);
-    }
+  if (_reader_thread.joinable() && on_reader_thread()) {
+    // Called from a callback on the reader thread itself: it cannot join
+    // itself. It leaves as soon as the callback returns; whoever connects,
+    // disconnects or destroys the transport next, on another thread, joins
+    // it.
+    MARLO_LOGI("GLINK_int conn = 0x%llx disconnect on the reader thread, it leaves after the callback",
+               address_of(this));
+    _reader_leaving = true;
+    return;
   }
-  if (_reader_thread.joinable()) {
-    if (std::this_thread::get_id() == _reader_thread.get_id()) {
-      // Called from a callback on the reader thread itself: it cannot join
-      // itself, so it is let go and leaves as soon as the callback returns.
-      MARLO_LOGI("GLINK_int conn = 0x%llx disconnect on the reader thread, detaching it", address_of(this));
-      _reader_life->stop = true;
-      _reader_thread.detach();
-    } else {
-      _reader_thread.join();
-    }
-  }
-  _reader_life.reset();
-  _thread_started = false;
+  if (_reader_thread.joinable()) join_reader_thread();
   {
-    // The reader is gone or let go: no packet is being delivered any more.
+    // The reader is gone: no packet is being delivered any more.
     platform::lock_guard lock(_ind_buf_mutex);
     _ind_buf.reset();
   }
   for (platform::unique_fd& end : _wakeup_pipe) end.reset();
+}
+
+void marlo_glink::join_reader_thread() {
+  char byte = kStopReader;
+  ssize_t written = -1;
+  if (_wakeup_pipe[1].ok()) {
+    do {
+      written = platform::write(_wakeup_pipe[1].get(), &byte, 1);
+    } while (written < 0 && errno == EINTR);
+  }
+  if (written != 1) {
+    // Closing the only write end wakes the reader all the same: its read of
+    // the pipe meets the end of file, which it takes as the stop byte.
+    MARLO_LOGE("GLINK write err on wakup pipe rrrno = %d, closing it to wake the reader", errno);
+    _wakeup_pipe[1].reset();
+  }
+  _reader_thread.join();
+  _reader_leaving = false;
 }
 
 void marlo_glink::glink_disconnect(bool join_reader) {
@@ -247,17 +271,18 @@ void marlo_glink::glink_disconnect(bool join_reader) {
   }
 }
 
-void marlo_glink::glink_thread_routine(marlo_glink* self, std::shared_ptr<reader_life> life, int wakeup_fd) {
+void marlo_glink::glink_thread_routine(marlo_glink* self, int wakeup_fd) {
   // The wait before the next reopen; 0 until the channel hangs up, and again
   // once a packet has come.
   uint32_t reopen_delay_us = 0;
   // A hang-up: the channel is closed and reopened, after the wait that
-  // repeated hang-ups call for. False when the reader must leave.
+  // repeated hang-ups call for. False when the reader must leave (a callback
+  // disconnected it).
   const auto hang_up = [&]() {
     if (!self->wait_before_reopen(wakeup_fd, reopen_delay_us)) return true;  // the next pass reads the pipe
     reopen_delay_us = next_reopen_delay(reopen_delay_us);
     self->glink_error_handler(kHangUpError);
-    return !life->stop;
+    return !self->_reader_leaving;
   };
   for (;;) {
     struct pollfd fds[2] = {
@@ -271,11 +296,13 @@ void marlo_glink::glink_thread_routine(marlo_glink* self, std::shared_ptr<reader
     } else if (ready < 0) {
       MARLO_LOGE("GLINK_int poll failed with errno = %d, g_glink_err_cnt = %d", errno, self->g_glink_err_cnt.load());
       self->glink_error_handler(-1);
-      if (life->stop) return;
+      if (self->_reader_leaving) return;
       continue;
-    } else if (fds[0].revents & POLLIN) {
+    } else if (fds[0].revents != 0) {
+      // The stop byte, or the end of file once the write end is closed.
       char byte = 0;
-      if (platform::read(fds[0].fd, &byte, 1) == 1 && byte == kStopReader) {
+      const ssize_t got = platform::read(fds[0].fd, &byte, 1);
+      if ((got == 1 && byte == kStopReader) || got == 0) {
         MARLO_LOGD("GLINK explicitly requested thread close");
         MARLO_LOGD("GLINK thread exit");
         return;
@@ -296,7 +323,7 @@ void marlo_glink::glink_thread_routine(marlo_glink* self, std::shared_ptr<reader
         MARLO_LOGD("GLINK_int waiting for _s_glink_read_mutex");
         MARLO_LOGD("calling glink response handler: ");
         self->glink_response_handler(std::move(buffer));
-        if (life->stop) return;
+        if (self->_reader_leaving) return;
       } else if (result == 0) {
         // A first read of nothing while poll says there is something: end
         // of stream. The co-processor's end of the channel is closed (it
@@ -309,7 +336,7 @@ void marlo_glink::glink_thread_routine(marlo_glink* self, std::shared_ptr<reader
         MARLO_LOGE("GLINK_int read has failed with errno = %d, g_glink_err_cnt = %d", result,
                    self->g_glink_err_cnt.load());
         self->glink_error_handler(result);
-        if (life->stop) return;
+        if (self->_reader_leaving) return;
         continue;
       }
     }

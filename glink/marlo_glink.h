@@ -6,9 +6,13 @@
 // Threads: the user's thread connects, sends, reads synchronously and
 // disconnects; the reader thread polls the wake-up pipe and the channel and
 // runs the data and error callbacks. Each field below says which thread owns
-// it or which mutex guards it. A callback may delete the transport: callbacks
-// are called through local copies and nothing of the object is touched after
-// one returns unless the object is known to be alive.
+// it or which mutex guards it.
+//
+// Lifetime: the transport's owner creates and destroys it on the owner's own
+// thread, never inside one of its callbacks; the destructor joins the reader.
+// A callback records what happened and returns; it may disconnect (the
+// reader then leaves once the callback returns, and is joined by the next
+// connect, disconnect or the destructor), but never destroys the transport.
 #pragma once
 
 #include <atomic>
@@ -46,20 +50,16 @@ class marlo_glink : public glink_interface {
   int trigger_event_cb(const glink_data_cb& data_cb);
 
  private:
-  // Shared between one reader thread and the object: `stop` tells a reader
-  // that was detached (disconnected or destroyed from inside a callback on
-  // its own thread) to leave without touching the object again.
-  struct reader_life {
-    std::atomic<bool> stop{false};
-  };
-
   // Connection and reader thread.
   platform::unique_fd glink_open(const std::string& path, int* error);
   int glink_connect(const std::string& name, bool start_reader);
   void glink_disconnect(bool join_reader);
   void start_reader_thread();
   void stop_reader_thread();
-  static void glink_thread_routine(marlo_glink* self, std::shared_ptr<reader_life> life, int wakeup_fd);
+  // Wakes the reader and joins it; the caller is not the reader thread.
+  void join_reader_thread();
+  bool on_reader_thread() const { return std::this_thread::get_id() == _reader_thread.get_id(); }
+  static void glink_thread_routine(marlo_glink* self, int wakeup_fd);
   bool wait_before_reopen(int wakeup_fd, uint32_t delay_us);
   void glink_error_handler(int error);
   glink_data_cb data_callback();
@@ -93,17 +93,20 @@ class marlo_glink : public glink_interface {
   // Written under _s_glink_read_mutex together with the two fields above.
   std::atomic<int> _chnl_fd_seen{-1};
 
-  // The reader thread, its life and its wake-up pipe. Started, joined or let
-  // go only by start_reader_thread() and stop_reader_thread(), on the thread
-  // that connects and disconnects: the user's thread, or the reader itself
-  // inside a callback. Users never connect or disconnect from two threads at
-  // once. The pipe is closed only once the reader is joined or let go from
-  // its own thread, so the read end it polls stays open while it polls, and
-  // a reader let go touches nothing after its callback returns.
+  // The reader thread and its wake-up pipe. Started and joined only by
+  // start_reader_thread() and stop_reader_thread(), on the thread that
+  // connects and disconnects: the user's thread, or the reader itself inside
+  // a callback (which never joins: it only tells the reader to leave). Users
+  // never connect or disconnect from two threads at once. The pipe is closed
+  // only once the reader is joined, so the read end it polls stays open while
+  // it polls; closing the write end alone wakes the reader too (end of file).
   std::thread _reader_thread;
-  std::shared_ptr<reader_life> _reader_life;
   platform::unique_fd _wakeup_pipe[2];  // read end, write end
-  std::atomic<bool> _thread_started{false};
+  // Set by a disconnect inside a callback on the reader thread: the reader
+  // leaves once the callback returns, and stays joinable until the next
+  // connect, disconnect or the destructor joins it. Cleared when a reconnect
+  // on the reader thread keeps it serving, or once it is joined.
+  std::atomic<bool> _reader_leaving{false};
 
   // Atomics, written and read by the user's thread and the reader thread.
   std::atomic<int> g_glink_err_cnt{0};     // I/O errors since the last good pass

@@ -288,8 +288,6 @@ void marlo_glink::glink_response_handler(std::vector<uint8_t> packet) {
     platform::lock_guard lock(_ind_buf_mutex);
     _ind_buf = shared;
   }
-  // Locals only after the callback: it may delete this object.
-  const std::shared_ptr<reader_life> life = _reader_life;
   client_wakelock::reference wakelock_ref;
   if (_wakelock != nullptr) {
     MARLO_LOGD("acquiring wakelock");
@@ -300,7 +298,7 @@ void marlo_glink::glink_response_handler(std::vector<uint8_t> packet) {
     const int result = trigger_event_cb(data_cb);
     MARLO_LOGV("GLINK_int triggered event callback, got value %d", result);
   }
-  if (!life || !life->stop) {
+  {
     // A caller still holding the packet keeps it alive; it is only no
     // longer the one being delivered.
     platform::lock_guard lock(_ind_buf_mutex);

@@ -2,6 +2,7 @@
 // transport against a virtual packet channel.
 #include <sys/stat.h>
 
+#include <atomic>
 #include <cerrno>
 #include <future>
 #include <utility>
@@ -47,14 +48,11 @@ TEST_F(Connection, HangUpReopensTheChannelAndTheReaderGoesOn) {
   EXPECT_FALSE(log_.contains("GLINK thread exit"));
 }
 
-TEST_F(Connection, MissingNodeFailsAfterThreeAttemptsAndTheCallbackMayDeleteTheTransport) {
-  glink_interface* transport = new marlo_glink(glink_conn_config{"glink_pkt_marlo_dfu", 44});
+TEST_F(Connection, MissingNodeFailsAfterThreeAttemptsReportedFromInsideTheConnect) {
+  glink_ = std::make_unique<marlo_glink>(glink_conn_config{"glink_pkt_marlo_dfu", 44});
   Errors reported;
-  transport->register_cb({}, [&](glink_interface_error error) {
-    reported.push_back(error);
-    delete transport;
-  });
-  EXPECT_EQ(transport->connect_interface(true), -1);
+  glink_->register_cb({}, [&](glink_interface_error error) { reported.push_back(error); });
+  EXPECT_EQ(glink_->connect_interface(true), -1);
   EXPECT_EQ(reported, Errors{GLINK_OPEN_FAILED});
   EXPECT_EQ(log_.count("GLINK_int about to open glink channel on dev node = /dev/glink_pkt_marlo_dfu"), 3);
 }
@@ -74,13 +72,58 @@ TEST_F(Connection, DisconnectAndDestructionJoinTheReader) {
   EXPECT_EQ(log_.count("GLINK thread exit"), 2);
 }
 
-TEST_F(Connection, DestructionFromTheDataCallbackDetachesTheReader) {
-  ASSERT_EQ(connect("glink_pkt_marlo_dfu", 44), 0);
-  marlo_glink* transport = glink_.release();
-  transport->register_cb([transport](uint8_t*, uint32_t) { delete transport; }, {});
-  send(framed(20, 8, 20));
-  EXPECT_TRUE(wait_log("disconnect on the reader thread, detaching it"));
-  EXPECT_TRUE(wait_log("GLINK_int triggered event callback, got value 0"));
+// A callback that disconnects its own transport cannot join the reader it
+// runs on: the reader leaves once the callback returns, and the owner's next
+// connect, or its destruction of the transport, joins it. Neither returns
+// while that callback is still running.
+TEST_F(Connection, DisconnectFromACallbackLeavesTheReaderForTheOwnerToJoin) {
+  enum class Owner { Reconnects, Destroys };
+  for (const Owner owner : {Owner::Reconnects, Owner::Destroys}) {
+    SCOPED_TRACE(owner == Owner::Reconnects ? "reconnects" : "destroys");
+    ASSERT_EQ(connect("glink_pkt_marlo_dfu", 44), 0);
+    std::promise<void> disconnected, released;
+    std::shared_future<void> release = released.get_future().share();
+    std::atomic<bool> returned{false};
+    std::atomic<int> deliveries{0};
+    glink_->register_cb(
+        [&](uint8_t*, uint32_t) {
+          if (deliveries++ != 0) return;
+          glink_->disconnect_interface();
+          disconnected.set_value();
+          release.wait();
+          returned = true;
+        },
+        {});
+    send(framed(20, 8, 20));
+    ASSERT_EQ(disconnected.get_future().wait_for(5s), std::future_status::ready);
+    EXPECT_TRUE(log_.contains("disconnect on the reader thread, it leaves after the callback"));
+
+    ::close(peer_);
+    peer_ = -1;
+    std::thread device;
+    if (owner == Owner::Reconnects) device = std::thread([this] { peer_ = node_->accept_open(2000); });
+    auto done = std::async(std::launch::async, [&] {
+      if (owner == Owner::Reconnects) {
+        EXPECT_EQ(glink_->connect_interface(true), 0);
+      } else {
+        glink_.reset();
+      }
+      return returned.load();
+    });
+    EXPECT_EQ(done.wait_for(50ms), std::future_status::timeout) << "the owner waits for the callback";
+    released.set_value();
+    EXPECT_TRUE(done.get()) << "the callback had returned when the owner went on";
+    if (owner == Owner::Reconnects) {
+      device.join();
+      send(framed(20, 8, 20));
+      EXPECT_TRUE(wait_until([&] { return log_.count("GLINK_int triggered event callback, got value 0") == 2; }, 5s))
+          << "the new reader delivers";
+      glink_.reset();
+      ::close(peer_);
+      peer_ = -1;
+    }
+    node_.reset();
+  }
 }
 
 TEST_F(Connection, PacketHandedToAnotherThreadStaysValidAfterItsDelivery) {
