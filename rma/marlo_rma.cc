@@ -68,31 +68,58 @@ std::vector<uint8_t> words(std::initializer_list<uint32_t> values) {
 
 }  // namespace
 
-marlo_rma::~marlo_rma() { delete glinkInterface.exchange(nullptr); }
+marlo_rma::marlo_rma()
+    : marlo_rma([](const glink_conn_config& config) { return std::make_unique<marlo_glink>(config); }) {}
+
+marlo_rma::marlo_rma(transport_factory make) : make_transport(std::move(make)) {}
+
+marlo_rma::~marlo_rma() { release_transport(); }
+
+void marlo_rma::release_transport() {
+  std::unique_ptr<glink_interface> released;
+  {
+    platform::lock_guard lock(transport_lock);
+    released = std::move(glinkInterface);
+  }
+  // Destroyed here, outside the lock: its destructor joins its reader.
+  released.reset();
+}
 
 void marlo_rma::startMarloRmaConnection() {
   MARLO_LOGD("%s: called\n", "startMarloRmaConnection");
   glink_conn_config config;
   config.channel_name = "glink_pkt_marlo_rma";
   config.read_size = kReadSize;
-  MARLO_LOGE("About to register callbacks with glinkInterface %p", static_cast<void*>(glinkInterface.load()));
+  glink_interface* current = nullptr;
+  {
+    platform::lock_guard lock(transport_lock);
+    current = glinkInterface.get();  // only logged
+  }
+  MARLO_LOGE("About to register callbacks with glinkInterface %p", static_cast<void*>(current));
   // The transport of an earlier power-up is released first: its reader,
   // still serving a reopened channel, would answer requests beside the new
-  // one. Its destructor waits for that reader.
-  delete glinkInterface.exchange(nullptr);
-  glink_interface* transport = new marlo_glink(config);
-  glinkInterface = transport;
+  // one.
+  release_transport();
+  std::unique_ptr<glink_interface> made = make_transport(config);
+  glink_interface* transport = made.get();
+  {
+    platform::lock_guard lock(transport_lock);
+    glinkInterface = std::move(made);
+  }
   MARLO_LOGD("About to register callbacks with glinkInterface %p", static_cast<void*>(transport));
+  open_failed = false;
   transport->register_cb([this](uint8_t* data, uint32_t length) { rma_conn_res_event_cb(data, length); },
                          [this](glink_interface_error error) { rma_conn_error_cb(error); });
-  // A failed open reports GLINK_OPEN_FAILED from inside the call, which
-  // deletes the transport: it is not touched afterwards.
+  // This thread alone replaces the transport: it stays valid through the
+  // connect. A failed open was reported from inside it and is acted on now.
   transport->connect_interface(true);
+  if (open_failed.exchange(false)) release_transport();
 }
 
 void marlo_rma::rma_conn_error_cb(glink_interface_error error) {
   MARLO_LOGE("conn_error_cb =%d", error);
-  if (error == GLINK_OPEN_FAILED) delete glinkInterface.exchange(nullptr);
+  // Only recorded: the transport reporting it is still running this call.
+  if (error == GLINK_OPEN_FAILED) open_failed = true;
 }
 
 int marlo_rma::send_aon_request(unsigned command, const uint8_t* payload, unsigned length) {
@@ -111,12 +138,14 @@ int marlo_rma::send_message(unsigned command, std::vector<uint8_t>& message) {
   const uint32_t crc = marlo::crc32(message.data() + kCrcStart, message.size() - kCrcStart);
   marlo::put_le32(message.data(), crc);
   MARLO_LOGD("send_aon_request %x", crc);
-  glink_interface* transport = glinkInterface;
-  if (transport == nullptr) {
+  // Held through the send: the owner takes the transport out only between
+  // two sends, and never destroys it under this lock.
+  platform::lock_guard lock(transport_lock);
+  if (!glinkInterface) {
     MARLO_LOGE("glinkInterface != nullptr");
     return 0;
   }
-  return transport->send_request(message.data(), total);
+  return glinkInterface->send_request(message.data(), total);
 }
 
 void marlo_rma::remove_stale_temporaries() { marlo::rma::remove_stale_temporaries(); }

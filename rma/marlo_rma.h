@@ -11,21 +11,31 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "glink/glink_interface.h"
+#include "platform/thread_annotations.h"
 #include "rma/rma_backing_store.h"
 #include "rma/rma_partition_claims.h"
 
 class marlo_rma {
  public:
-  marlo_rma() = default;
+  // Makes the transport for a channel; the daemon's makes a marlo_glink.
+  using transport_factory = std::function<std::unique_ptr<glink_interface>(const glink_conn_config&)>;
+
+  marlo_rma();
+  explicit marlo_rma(transport_factory make_transport);
+  // Destroys the transport, joining its reader; not from one of its callbacks.
   ~marlo_rma();
   marlo_rma(const marlo_rma&) = delete;
   marlo_rma& operator=(const marlo_rma&) = delete;
 
   // Opens the channel with a fresh transport and starts serving requests.
+  // The transport of an earlier call is destroyed first, on this thread,
+  // once its reader has finished the callback it may be running.
   void startMarloRmaConnection();
   void rma_conn_res_event_cb(const uint8_t* data, unsigned size);
   void rma_conn_error_cb(glink_interface_error error);
@@ -60,6 +70,9 @@ class marlo_rma {
   // use the backing file `name`: not when its CONNECT was refused or the
   // name is another partition's; logged.
   bool may_use(const std::string& name, const char* request) const;
+  // Takes the transport out of service and destroys it on the calling
+  // thread (the owner's), after its reader has finished.
+  void release_transport();
 
   // The connected partition's ids: written and read by the reader thread,
   // atomic because a new transport's reader may follow an old one.
@@ -73,13 +86,17 @@ class marlo_rma {
   // The (memory id, second id) that made or found each backing file name in
   // this run, kept across the transports of the co-processor's restarts.
   marlo::rma::partition_claims claims{marlo::rma::kMaxPartitions};
-  // The transport, owned through this pointer. Created and deleted by the
-  // thread that starts the client (the daemon's flash-less worker; the
-  // error callback of a failed open runs on that thread too) and by the
-  // destructor; the reader thread only sends through it. When a power-up
-  // replaces the transport, the old one's reader may be answering a request
-  // of the co-processor that has since restarted: the delete waits for it
-  // (the transport's destructor joins its reader), and that answer may be
-  // dropped as if the pointer were unset.
-  std::atomic<glink_interface*> glinkInterface{nullptr};
+  const transport_factory make_transport;
+  // The transport. Made, replaced and destroyed only on the owner's thread,
+  // and only outside the lock: a destruction joins the reader, which may be
+  // waiting for the lock to send an answer. The reader thread sends through
+  // it under the lock, so the owner takes it out only between two sends;
+  // an answer of an old reader that comes after it was taken out is dropped
+  // as if none were set ("glinkInterface != nullptr").
+  mutable platform::mutex transport_lock;
+  std::unique_ptr<glink_interface> glinkInterface GUARDED_BY(transport_lock);
+  // Set by the error callback when the transport reports a failed open
+  // (from inside connect_interface, on the owner's thread); the owner drops
+  // the transport once the connect has returned.
+  std::atomic<bool> open_failed{false};
 };

@@ -1,0 +1,208 @@
+// Who destroys the RMA client's transport, and when: always its owner, on the
+// owner's thread, once the transport's connect and callbacks have returned.
+// The transport is a real channel transport seen through a wrapper that can
+// hold a callback at its start, so that each interleaving is forced.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <future>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "daemon/marlo_deamon_log.h"
+#include "glink/marlo_glink.h"
+#include "rma/marlo_rma.h"
+#include "sim/device_node.h"
+#include "support/log_capture.h"
+#include "support/test_root.h"
+#include "support/wait_until.h"
+
+namespace marlo::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+// What the wrapped transports saw, shared by every transport the client made.
+struct Watch {
+  std::atomic<int> made{0};
+  std::atomic<int> destroyed{0};
+  // A transport was gone while one of its own calls or callbacks still ran.
+  std::atomic<bool> destroyed_while_running{false};
+  // The callback ("data" or "error") held at its start, empty for none; set
+  // before the client starts.
+  std::string hold;
+  std::promise<void> held;
+  std::promise<void> released;
+  std::shared_future<void> release = released.get_future().share();
+  std::atomic<bool> was_held{false};
+
+  void enter(const char* callback) {
+    if (hold != callback || was_held.exchange(true)) return;
+    held.set_value();
+    release.wait();
+  }
+};
+
+class WatchedTransport : public glink_interface {
+ public:
+  WatchedTransport(const glink_conn_config& config, Watch* watch)
+      : inner_(std::make_unique<marlo_glink>(config)), watch_(watch) {
+    ++watch_->made;
+  }
+  ~WatchedTransport() override {
+    inner_.reset();  // joins the reader: its callback has returned
+    if (*running_ != 0) watch_->destroyed_while_running = true;
+    ++watch_->destroyed;
+  }
+
+  int register_cb(glink_data_cb data_cb, glink_error_cb error_cb) override {
+    return inner_->register_cb(
+        [watch = watch_, running = running_, data_cb](uint8_t* data, uint32_t length) {
+          Running scope(running);
+          watch->enter("data");
+          data_cb(data, length);
+        },
+        [watch = watch_, running = running_, error_cb](glink_interface_error error) {
+          Running scope(running);
+          watch->enter("error");
+          error_cb(error);
+        });
+  }
+  int connect_interface(bool start_reader) override {
+    Running scope(running_);
+    return inner_->connect_interface(start_reader);
+  }
+  int send_request(unsigned char* buf, unsigned int len) override { return inner_->send_request(buf, len); }
+  int read_response(unsigned char* buf, unsigned int len) override { return inner_->read_response(buf, len); }
+  void disconnect_interface() override { inner_->disconnect_interface(); }
+
+ private:
+  // Counts the calls of this transport in progress; outlives it.
+  class Running {
+   public:
+    explicit Running(std::shared_ptr<std::atomic<int>> count) : count_(std::move(count)) { ++*count_; }
+    ~Running() { --*count_; }
+    Running(const Running&) = delete;
+    Running& operator=(const Running&) = delete;
+
+   private:
+    std::shared_ptr<std::atomic<int>> count_;
+  };
+
+  std::unique_ptr<marlo_glink> inner_;
+  Watch* const watch_;
+  std::shared_ptr<std::atomic<int>> running_ = std::make_shared<std::atomic<int>>(0);
+};
+
+class RmaTransportLifetime : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    marlo_deamon_log::set_level(marlo_deamon_log::LOG_LEVEL_VERBOSE);
+    root_.mkdir("/data/vendor/aon");
+    root_.mkdir("/dev");
+  }
+  void TearDown() override {
+    rma_.reset();
+    for (int peer : peers_) ::close(peer);
+    EXPECT_EQ(watch_.destroyed.load(), watch_.made.load());
+    EXPECT_FALSE(watch_.destroyed_while_running) << "a transport was destroyed inside its own call or callback";
+  }
+
+  void make_node() { node_ = std::make_unique<sim::DeviceNode>(root_.at("/dev/glink_pkt_marlo_rma")); }
+  // Accepts the next open of the channel on a thread of its own.
+  std::future<int> accept_open() {
+    return std::async(std::launch::async, [this] { return node_->accept_open(2000); });
+  }
+  void start() {
+    auto peer = accept_open();
+    rma_->startMarloRmaConnection();
+    peers_.push_back(peer.get());
+    ASSERT_GE(peers_.back(), 0);
+  }
+  // A CONNECT of memory id 1 (second id 2, 4096 bytes) and its answer.
+  static std::vector<uint8_t> connect_request() {
+    std::vector<uint8_t> message(40, 0);
+    const uint32_t fields[] = {0, 40, 0, 0, 1, 2, 4096};
+    std::memcpy(message.data(), fields, sizeof(fields));
+    return message;  // the client answers whatever the CRC
+  }
+  bool answered(int peer) {
+    const std::vector<uint8_t> request = connect_request();
+    if (!sim::send_packet(peer, request.data(), request.size())) return false;
+    std::vector<uint8_t> answer;
+    return sim::receive_message(peer, answer, 5000) > 12;
+  }
+  // Restarts the client on a thread of its own while a callback is held,
+  // and lets the callback go once the old transport is being destroyed.
+  void restart_while_held() {
+    ASSERT_EQ(watch_.held.get_future().wait_for(5s), std::future_status::ready);
+    auto peer = accept_open();
+    auto restarted = std::async(std::launch::async, [this] { rma_->startMarloRmaConnection(); });
+    EXPECT_TRUE(wait_until([&] { return log_.contains(" destructor"); }, 5s));
+    EXPECT_EQ(restarted.wait_for(20ms), std::future_status::timeout) << "the restart waits for the callback";
+    watch_.released.set_value();
+    restarted.get();
+    peers_.push_back(peer.get());
+    ASSERT_GE(peers_.back(), 0);
+    EXPECT_EQ(watch_.made, 2);
+    EXPECT_EQ(watch_.destroyed, 1);
+    EXPECT_TRUE(answered(peers_.back())) << "the new transport serves";
+  }
+
+  TestRoot root_;
+  LogCapture log_;
+  Watch watch_;
+  std::unique_ptr<sim::DeviceNode> node_;
+  std::vector<int> peers_;
+  std::unique_ptr<marlo_rma> rma_ = std::make_unique<marlo_rma>(
+      [this](const glink_conn_config& config) { return std::make_unique<WatchedTransport>(config, &watch_); });
+};
+
+// No device node: the three opens fail and the failure is reported from
+// inside the connect. The client drops the transport once the connect has
+// returned; later answers find none.
+TEST_F(RmaTransportLifetime, OpenFailureReportedInsideTheConnectIsActedOnAfterIt) {
+  rma_->startMarloRmaConnection();
+  EXPECT_TRUE(log_.contains("conn_error_cb =0"));
+  EXPECT_EQ(watch_.destroyed, 1);
+  EXPECT_EQ(rma_->send_aon_request(1, nullptr, 0), 0);
+  EXPECT_TRUE(log_.contains("glinkInterface != nullptr"));
+  make_node();
+  start();
+  EXPECT_TRUE(answered(peers_.back())) << "a later start opens the channel anew";
+}
+
+// The co-processor hangs up; the transport reopens the channel and reports it
+// on its reader thread. The owner restarts the client while that report is
+// still being handled: the old transport goes once the report has returned.
+TEST_F(RmaTransportLifetime, ErrorOnTheReaderWhileTheOwnerSwapsTheTransport) {
+  watch_.hold = "error";
+  make_node();
+  start();
+  auto reopened = accept_open();
+  ::close(peers_.back());
+  peers_.back() = reopened.get();
+  restart_while_held();
+  EXPECT_TRUE(log_.contains("conn_error_cb =2"));
+}
+
+// A request is being handled when the co-processor's power-up restarts the
+// client: the old transport goes once the handling has returned, and its
+// answer, which comes after the transport was taken out, is dropped.
+TEST_F(RmaTransportLifetime, RestartWhileACallbackRuns) {
+  watch_.hold = "data";
+  make_node();
+  start();
+  const std::vector<uint8_t> request = connect_request();
+  ASSERT_TRUE(sim::send_packet(peers_.back(), request.data(), request.size()));
+  restart_while_held();
+  EXPECT_EQ(log_.count("glinkInterface != nullptr"), 1) << "the old reader's answer";
+}
+
+}  // namespace
+}  // namespace marlo::test
