@@ -27,6 +27,8 @@ constexpr char kEventKey[] = "MARLO_EVENT=";
 constexpr size_t kEventKeyLength = sizeof(kEventKey) - 1;
 constexpr int32_t kPowerDown = 1;
 constexpr int32_t kPowerUp = 4;
+// Without a wake-up pipe the listener looks at the stop request this often.
+constexpr int kStopCheckMs = 1000;
 
 }  // namespace
 
@@ -36,34 +38,36 @@ SSRHandler::SSRHandler(MarloDaemon* daemon) : daemon_(daemon) {
     wakeup_read_.reset(pipe_fds[0]);
     wakeup_write_.reset(pipe_fds[1]);
   } else {
-    // Without the pipe the listener cannot be woken: it runs until the
-    // socket fails, and the destructor can only let it go (the daemon never
-    // destroys its handler).
+    // Without the pipe the listener cannot be woken: it looks at the stop
+    // request once a second instead, so that the destructor can still join
+    // it (the daemon never destroys its handler; tests do).
     __android_log_print(ANDROID_LOG_ERROR, kTag, "uevent listener wake-up pipe failed, errno = %d", errno);
   }
   listener_ = std::thread(&SSRHandler::marloSSREventListener, this);
 }
 
 SSRHandler::~SSRHandler() {
+  stopping_ = true;
   const char stop = 0;
   ssize_t written = -1;
   if (wakeup_write_) {
     do {
       written = platform::write(wakeup_write_.get(), &stop, 1);
     } while (written < 0 && errno == EINTR);
+    // A byte that cannot be written: closing the only write end wakes the
+    // listener all the same (its read end reports the hang-up).
+    if (written != 1) wakeup_write_.reset();
   }
-  if (written == 1) {
-    listener_.join();
-  } else {
-    listener_.detach();
-  }
+  listener_.join();
 }
 
 bool SSRHandler::waitForMessage(int socket) {
+  const int timeout_ms = wakeup_read_ ? -1 : kStopCheckMs;
   for (;;) {
     struct pollfd fds[2] = {{socket, POLLIN, 0}, {wakeup_read_.get(), POLLIN, 0}};
-    const int ready = platform::poll(fds, 2, -1);
-    if (ready < 0 && errno == EINTR) continue;
+    const int ready = platform::poll(fds, 2, timeout_ms);
+    if (stopping_) return false;
+    if (ready == 0 || (ready < 0 && errno == EINTR)) continue;
     if (ready < 0) return true;  // the receive meets and reports the failure
     if (fds[1].revents != 0) return false;
     if (fds[0].revents != 0) return true;  // an error shows in the receive

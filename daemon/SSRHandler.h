@@ -6,8 +6,10 @@
 // the co-processor's state and acts as the lost power event would have.
 //
 // The handler owns its listener thread: the constructor starts it and the
-// destructor stops it through a wake-up pipe and joins it. The daemon keeps
-// its handler for the life of the process; tests destroy theirs.
+// destructor stops it through a wake-up pipe and always joins it (a byte that
+// cannot be written is replaced by closing the pipe's write end; without a
+// pipe the listener looks at the stop request once a second). The daemon
+// keeps its handler for the life of the process; tests destroy theirs.
 #pragma once
 
 #include <sys/types.h>
@@ -62,8 +64,13 @@ class SSRHandler {
   // The last power event acted upon (1 or 4), 0 before the first one.
   // Listener thread.
   std::atomic<int32_t> last_power_event_{0};
-  // The wake-up pipe: a byte written by the destructor ends the listener.
-  // Made before the thread starts, closed after it has been joined.
+  // Set by the destructor before it wakes the listener; read by the
+  // listener after each wait.
+  std::atomic<bool> stopping_{false};
+  // The wake-up pipe: a byte written by the destructor, or the close of the
+  // write end, ends the listener. Made before the thread starts; the write
+  // end is used and closed only by the destructor, the read end is closed
+  // after the listener has been joined.
   platform::unique_fd wakeup_read_;
   platform::unique_fd wakeup_write_;
   std::thread listener_;  // started last, once the fields above exist
