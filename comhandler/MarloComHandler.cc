@@ -163,7 +163,7 @@ int MarloComHandler::set_marlo_boot_status(int status) {
   return boot_command_result(MARLO_CMD_BOOT_STATUS, static_cast<uint32_t>(status), "Send BOOT_STATUS ioctl failed");
 }
 
-wear_firmware_info_t* MarloComHandler::get_current_aon_fw_version() {
+std::unique_ptr<wear_firmware_info_t> MarloComHandler::get_current_aon_fw_version() {
   platform::unique_fd fd = open_device(kControlDevice, O_RDWR);
   if (!fd.ok()) {
     __android_log_print(ANDROID_LOG_ERROR, nullptr, kCannotOpenMarloCom, fd.get());
@@ -206,5 +206,5 @@ wear_firmware_info_t* MarloComHandler::get_current_aon_fw_version() {
   __android_log_print(ANDROID_LOG_INFO, nullptr, "apps_tbx7700: %s\n", info->apps_version);
   __android_log_print(ANDROID_LOG_INFO, nullptr, "dsp_tbx7700: %s\n", info->dsp_version);
   __android_log_print(ANDROID_LOG_INFO, nullptr, "bt_tbx7700: %s\n", info->bt_version);
-  return info.release();
+  return info;
 }

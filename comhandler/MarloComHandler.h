@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 
 #include "comhandler/wear_firmware_info.h"
 #include "platform/unique_fd.h"
@@ -60,9 +61,9 @@ class MarloComHandler {
   int get_marlo_boot_mode();
   int cmd_save_aon_dump();
   int set_marlo_boot_status(int status);
-  // The running firmware's versions; the caller owns the record. Null when
-  // the device cannot be opened or every query failed.
-  wear_firmware_info_t* get_current_aon_fw_version();
+  // The running firmware's versions, handed to the caller. Null when the
+  // device cannot be opened or every query failed.
+  std::unique_ptr<wear_firmware_info_t> get_current_aon_fw_version();
 
   // Opens the device, retrying once a second while it is busy (15 attempts).
   static platform::unique_fd open_device(const char* path, int flags);

@@ -59,13 +59,22 @@ MarloDaemon::MarloDaemon()
   noflash_worker = std::make_unique<NoFlashPsramWorker>(std::move(steps));
 }
 
-// The restart listener is stopped first: it reads the version record and
-// calls into the worker and the updater. The record of the last boot
-// completion is the daemon's; the ones it replaced stay allocated, as a
-// restart listener may have been reading them.
-MarloDaemon::~MarloDaemon() {
-  ssr_handler.reset();
-  delete fw_version.exchange(nullptr);
+// The restart listener is stopped first: it calls into the worker and the
+// updater.
+MarloDaemon::~MarloDaemon() { ssr_handler.reset(); }
+
+std::optional<wear_firmware_info_t> MarloDaemon::firmwareVersion() const {
+  platform::lock_guard lock(fw_version_lock);
+  return fw_version;
+}
+
+void MarloDaemon::setFirmwareVersion(std::unique_ptr<wear_firmware_info_t> record) {
+  platform::lock_guard lock(fw_version_lock);
+  if (record) {
+    fw_version = *record;
+  } else {
+    fw_version.reset();
+  }
 }
 
 void MarloDaemon::startMarloDaemon() {

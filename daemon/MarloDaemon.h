@@ -5,9 +5,11 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <optional>
 
 #include "comhandler/MarloComHandler.h"
 #include "comhandler/wear_firmware_info.h"
+#include "platform/thread_annotations.h"
 
 class DFUCallback;
 class marlo_fw_updater;
@@ -68,12 +70,16 @@ class MarloDaemon {
   void serviceResetProperty();
 
   const char* pilStatePath() const { return pil_state_path; }
-  wear_firmware_info_t* firmwareVersion() const { return fw_version.load(); }
+  // A copy of the running firmware's version record of the last boot
+  // completion; empty before it and when that query failed. Any thread.
+  std::optional<wear_firmware_info_t> firmwareVersion() const;
   marlo_fw_updater* updater() const { return fw_updater.get(); }
 
  private:
   // One job's push on the worker thread: misc data unless already pushed.
   void pushNoFlashPsramMiscData();
+  // Replaces the version record with `record` (none when null). Boot path.
+  void setFirmwareVersion(std::unique_ptr<wear_firmware_info_t> record);
   // The co-processor goes down (power-down event or reset): the worker's
   // push in progress stops and "vendor.zt_aon.misc_update" is withdrawn.
   void stopNoFlashPsramWork();
@@ -89,9 +95,10 @@ class MarloDaemon {
   std::unique_ptr<MarloComHandler> com_handler;
   std::unique_ptr<marlo_fw_updater> fw_updater;
   std::unique_ptr<marlo_rma> rma;  // started only on the flash-less worker's thread
-  // Replaced, never freed, on each boot completion: the restart listener may
-  // still be reading the previous record. The last one goes with the daemon.
-  std::atomic<wear_firmware_info_t*> fw_version{nullptr};
+  // The version record, a value: written on each boot completion by the
+  // main thread, copied out by readers (the restart listener among them).
+  mutable platform::mutex fw_version_lock;
+  std::optional<wear_firmware_info_t> fw_version GUARDED_BY(fw_version_lock);
   std::atomic<BootProgressObserver*> boot_progress_observer{nullptr};
   // The updater's result sink. It holds no state of its own, so one instance
   // serves every update the daemon starts.

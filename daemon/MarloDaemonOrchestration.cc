@@ -28,7 +28,7 @@ bool property_is_one(const char* name) {
 
 void MarloDaemon::handleBootComplete(int mode) {
   property_set("vendor.marlo.boot_complete", "1");
-  fw_version = com_handler->get_current_aon_fw_version();
+  setFirmwareVersion(com_handler->get_current_aon_fw_version());
   if (mode == HOST) {
     __android_log_print(ANDROID_LOG_ERROR, nullptr, "Marlo boot complete in HOST Mode!");
     notifyBootProgress(0);
@@ -44,24 +44,24 @@ void MarloDaemon::handleBootComplete(int mode) {
 
 void MarloDaemon::handleHostMode() {
   com_handler->set_marlo_boot_status(1);
-  wear_firmware_info_t* version = fw_version.load();
-  if (version == nullptr) {
+  std::optional<wear_firmware_info_t> version = firmwareVersion();
+  if (!version) {
     __android_log_print(ANDROID_LOG_INFO, nullptr, "invaid version info");
     return;
   }
-  if (fw_updater->is_psram_noflash(version) == 0) handleNoFlashPsram();
+  if (fw_updater->is_psram_noflash(&*version) == 0) handleNoFlashPsram();
 }
 
 void MarloDaemon::handleFlashMode() {
-  wear_firmware_info_t* version = fw_version.load();
-  if (version == nullptr) {
+  std::optional<wear_firmware_info_t> version = firmwareVersion();
+  if (!version) {
     __android_log_print(ANDROID_LOG_ERROR, nullptr,
                         "failed to get fw version! after re-tries, marlo is running with old firmware");
     com_handler->set_marlo_boot_status(1);
     return;
   }
   __android_log_print(ANDROID_LOG_INFO, nullptr, "do fw_version_check");
-  if (fw_updater->fw_version_check(version) < 0) {
+  if (fw_updater->fw_version_check(&*version) < 0) {
     __android_log_print(ANDROID_LOG_DEBUG, nullptr, "Version mis-match, switch2HOST, do fW_update");
     notifyBootProgress(2);
     changeBootmode(HOST);
@@ -170,7 +170,8 @@ void MarloDaemon::onMiscDataPushSucceeded() {
 
 void MarloDaemon::on_aon_up() {
   marlo_deamon_log::print(ANDROID_LOG_INFO, nullptr, "%s: called\n", "on_aon_up");
-  if (fw_updater->is_psram_noflash(fw_version.load()) == 0) {
+  std::optional<wear_firmware_info_t> version = firmwareVersion();
+  if (fw_updater->is_psram_noflash(version ? &*version : nullptr) == 0) {
     noflash_psram = true;
     // A co-processor that came up holds none of the misc data: a success of
     // an earlier push no longer counts, and the worker pushes again.
