@@ -35,6 +35,8 @@ enum statement_line : int {
 // The name the kernel knows this process's lock by.
 const char* const g_wakelock_name = "MARLODAEMON_WAKEUP";
 
+// A process-lifetime singleton, never destroyed: a transport's reader may
+// still give a reference back while the process exits.
 client_wakelock* client_wakelock::get_instance() {
   static client_wakelock* const instance = new client_wakelock();
   return instance;
