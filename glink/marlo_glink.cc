@@ -157,6 +157,9 @@ platform::unique_fd marlo_glink::glink_open(const std::string& path, int* error)
 
 int marlo_glink::glink_connect(const std::string& name, bool start_reader) {
   const std::string path = "/dev/" + name;
+  // A reader told to leave from inside its own callback is joined first,
+  // before the lock: that callback may still be sending under it.
+  if (_reader_leaving && _reader_thread.joinable() && !on_reader_thread()) stop_reader_thread();
   MARLO_LOGD("GLINK_int glink_connect waiting for _s_glink_read_mutex");
   bool reconnecting = false;
   {
@@ -195,8 +198,6 @@ void marlo_glink::start_reader_thread() {
     _reader_leaving = false;
     return;
   }
-  // A reader told to leave from inside its own callback is joined first.
-  if (_reader_thread.joinable() && _reader_leaving) stop_reader_thread();
   if (!_reader_thread.joinable()) {
     int pipe_fds[2];
     if (platform::pipe(pipe_fds) != 0) {
