@@ -93,7 +93,7 @@ class marlo_rma {
   // it under the lock, so the owner takes it out only between two sends;
   // an answer of an old reader that comes after it was taken out is dropped
   // as if none were set ("glinkInterface != nullptr").
-  mutable platform::mutex transport_lock;
+  platform::mutex transport_lock;
   std::unique_ptr<glink_interface> glinkInterface GUARDED_BY(transport_lock);
   // Set by the error callback when the transport reports a failed open
   // (from inside connect_interface, on the owner's thread); the owner drops
