@@ -19,8 +19,8 @@
 #include "glink/glink_interface.h"
 #include "platform/thread_annotations.h"
 
-namespace marlo_fw {
-struct WholeFileInfo;
+namespace platform {
+struct file_info;
 }
 
 // An image file's bytes: read once, never changed afterwards, and shared by
@@ -163,7 +163,7 @@ class marlo_fw_updater {
   // Firmware resources and partition table.
   unsigned parsePartitionAndSaveFw(const std::string& path);
   // info, when given, receives the size and identity of the file opened.
-  std::vector<uint8_t> readFile(const std::string& path, marlo_fw::WholeFileInfo* info = nullptr);
+  std::vector<uint8_t> readFile(const std::string& path, platform::file_info* info = nullptr);
   bool checkForFlashbin();
   int truncateFwResources();
 
