@@ -1,8 +1,6 @@
 // Boot-mode handling and update orchestration: what the daemon does once the
 // co-processor runs (or fails to), when a download ends, and when the
 // co-processor powers up or down.
-#include <cstdlib>
-
 #include <android/log.h>
 #include <cutils/properties.h>
 

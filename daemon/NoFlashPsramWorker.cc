@@ -1,8 +1,7 @@
 #include "daemon/NoFlashPsramWorker.h"
 
-#include <utility>
-
 #include <cstdlib>
+#include <utility>
 
 #include <android/log.h>
 #include <cutils/properties.h>
