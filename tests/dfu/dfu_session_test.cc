@@ -395,6 +395,7 @@ TEST_F(DfuSessionTest, ErrorReportedWhileAResumeSendsIsTakenUpByThatResume) {
   reporter.join();
   EXPECT_EQ(receive(13), words({1, 0, 0})) << "asked once more";
   EXPECT_TRUE(silent());
+  updater.reset();  // its reader reports to `holding` until it is joined
 }
 
 // The reader thread is answering a request when the updater is destroyed:
