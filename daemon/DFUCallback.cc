@@ -1,7 +1,6 @@
 #include "daemon/DFUCallback.h"
 
 #include <android/log.h>
-#include <cutils/properties.h>
 
 #include "daemon/MarloDaemon.h"
 #include "daemon/marlo_deamon_log.h"
@@ -43,16 +42,12 @@ void DFUCallback::handleSHMResponse(std::string message, Status status) {
     case STATUS_STARTED:
       log_report("handleSHMResponse", message);
       com_handler_->set_marlo_boot_status(2);
-      property_set("vendor.zt_aon.misc_update", "0");
+      if (daemon_ != nullptr) daemon_->onMiscDataPushStarted();
       break;
     case STATUS_SUCCESS:
       log_report("handleSHMResponse", message);
       com_handler_->set_marlo_boot_status(3);
-      if (daemon_ != nullptr) {
-        daemon_->onMiscDataPushSucceeded();
-      } else {
-        property_set("vendor.zt_aon.misc_update", "1");
-      }
+      if (daemon_ != nullptr) daemon_->onMiscDataPushSucceeded();
       break;
     case STATUS_ERASE_DONE:
     case STATUS_ERROR:

@@ -56,8 +56,10 @@ class MarloDaemon {
   int startMiscDataFirmwareUpdate();
   void on_aon_up();
   void on_aon_down();
-  // A misc-data push reported success: "vendor.zt_aon.misc_update" becomes
-  // "1" unless a power event came after the push started.
+  // A misc-data push started / reported success: the flash-less worker,
+  // which owns "vendor.zt_aon.misc_update", sets it to "0" / to "1" unless a
+  // power event came after the push started.
+  void onMiscDataPushStarted();
   void onMiscDataPushSucceeded();
 
   // Called with each boot-progress code; the daemon installs none itself.

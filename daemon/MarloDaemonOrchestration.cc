@@ -1,8 +1,6 @@
 // Boot-mode handling and update orchestration: what the daemon does once the
 // co-processor runs (or fails to), when a download ends, and when the
 // co-processor powers up or down.
-#include <cstdlib>
-
 #include <android/log.h>
 #include <cutils/properties.h>
 
@@ -17,12 +15,6 @@
 namespace {
 
 constexpr int kBootModeAttempts = 3;
-
-bool property_is_one(const char* name) {
-  char value[PROPERTY_VALUE_MAX] = {};
-  property_get(name, value, "0");
-  return std::atoi(value) == 1;
-}
 
 }  // namespace
 
@@ -158,12 +150,13 @@ void MarloDaemon::handleNoFlashPsram() {
 
 void MarloDaemon::pushNoFlashPsramMiscData() {
   __android_log_print(ANDROID_LOG_INFO, nullptr, "found NOFLASH_PSRAM AON, do misc_data_fW_update");
-  if (!property_is_one("vendor.zt_aon.misc_update")) startMiscDataFirmwareUpdate();
+  if (!noflash_worker->miscDataPushed()) startMiscDataFirmwareUpdate();
 }
 
+void MarloDaemon::onMiscDataPushStarted() { noflash_worker->pushStarting(); }
+
 void MarloDaemon::onMiscDataPushSucceeded() {
-  bool current = noflash_worker->runUnlessStale([] { property_set("vendor.zt_aon.misc_update", "1"); });
-  if (!current) {
+  if (!noflash_worker->pushSucceeded()) {
     __android_log_print(ANDROID_LOG_INFO, nullptr, "misc-data push finished before the last power event, not counted");
   }
 }
@@ -175,9 +168,7 @@ void MarloDaemon::on_aon_up() {
     noflash_psram = true;
     // A co-processor that came up holds none of the misc data: a success of
     // an earlier push no longer counts, and the worker pushes again.
-    noflash_worker->powerUp([] {
-      if (property_is_one("vendor.zt_aon.misc_update")) property_set("vendor.zt_aon.misc_update", "0");
-    });
+    noflash_worker->powerUp();
   }
   // A download whose channel was lost for good while the co-processor was
   // down (an outage longer than the transport's reopen attempts) is taken up
@@ -192,8 +183,4 @@ void MarloDaemon::on_aon_down() {
 
 // The push in progress (boot path included) stops; the next power-up pushes
 // the misc data again.
-void MarloDaemon::stopNoFlashPsramWork() {
-  noflash_worker->powerDown([this] {
-    if (noflash_psram) property_set("vendor.zt_aon.misc_update", "0");
-  });
-}
+void MarloDaemon::stopNoFlashPsramWork() { noflash_worker->powerDown(noflash_psram); }

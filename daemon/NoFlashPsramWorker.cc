@@ -1,10 +1,18 @@
 #include "daemon/NoFlashPsramWorker.h"
 
+#include <cstdlib>
 #include <utility>
 
 #include <android/log.h>
+#include <cutils/properties.h>
 
 #include "daemon/marlo_deamon_log.h"
+
+namespace {
+
+constexpr const char* kMiscUpdateProperty = "vendor.zt_aon.misc_update";
+
+}  // namespace
 
 NoFlashPsramWorker::NoFlashPsramWorker(Steps steps) : steps_(std::move(steps)) {
   thread_ = std::thread(&NoFlashPsramWorker::run, this);
@@ -28,28 +36,49 @@ void NoFlashPsramWorker::requestBootJob() {
   changed_.notify_all();
 }
 
-void NoFlashPsramWorker::powerUp(const std::function<void()>& under_lock) { powerEvent(true, under_lock); }
+void NoFlashPsramWorker::powerUp() { powerEvent(true, true); }
 
 // Nothing is pushed to a co-processor that is down: the next power-up asks
 // again.
-void NoFlashPsramWorker::powerDown(const std::function<void()>& under_lock) { powerEvent(false, under_lock); }
+void NoFlashPsramWorker::powerDown(bool withdraw_misc_data) { powerEvent(false, withdraw_misc_data); }
 
-void NoFlashPsramWorker::powerEvent(bool wants_job, const std::function<void()>& under_lock) {
+void NoFlashPsramWorker::powerEvent(bool wants_job, bool withdraw_misc_data) {
   {
     platform::lock_guard lock(mutex_);
     ++generation_;
     steps_.abortPush(true);
     job_wanted_ = wants_job;
-    if (under_lock) under_lock();
+    if (withdraw_misc_data) withdraw_asked_ = true;
   }
   changed_.notify_all();
 }
 
-bool NoFlashPsramWorker::runUnlessStale(const std::function<void()>& action) {
-  platform::lock_guard lock(mutex_);
-  if (job_running_ && job_generation_ != generation_) return false;
-  action();
+bool NoFlashPsramWorker::miscDataPushed() const {
+  char value[PROPERTY_VALUE_MAX] = {};
+  property_get(kMiscUpdateProperty, value, "0");
+  return std::atoi(value) == 1;
+}
+
+void NoFlashPsramWorker::pushStarting() { property_set(kMiscUpdateProperty, "0"); }
+
+bool NoFlashPsramWorker::pushSucceeded() {
+  {
+    platform::lock_guard lock(mutex_);
+    if (job_running_ && job_generation_ != generation_) return false;
+  }
+  // A power event from here on asks for a withdrawal, which this thread
+  // writes after this job: it cannot be overtaken by this write.
+  property_set(kMiscUpdateProperty, "1");
   return true;
+}
+
+void NoFlashPsramWorker::withdrawIfAsked() {
+  {
+    platform::lock_guard lock(mutex_);
+    if (!withdraw_asked_) return;
+    withdraw_asked_ = false;
+  }
+  if (miscDataPushed()) property_set(kMiscUpdateProperty, "0");
 }
 
 uint64_t NoFlashPsramWorker::generation() const {
@@ -59,10 +88,12 @@ uint64_t NoFlashPsramWorker::generation() const {
 
 void NoFlashPsramWorker::run() {
   for (;;) {
+    withdrawIfAsked();
     {
       platform::unique_lock lock(mutex_);
-      while (!stopping_ && !job_wanted_) lock.wait(changed_);
-      if (stopping_) return;
+      while (!stopping_ && !job_wanted_ && !withdraw_asked_) lock.wait(changed_);
+      if (stopping_) break;
+      if (withdraw_asked_) continue;  // written before the job it may precede
       job_wanted_ = false;
       job_running_ = true;
       job_generation_ = generation_;
@@ -86,4 +117,6 @@ void NoFlashPsramWorker::run() {
     job_running_ = false;
     changed_.notify_all();
   }
+  // A power event just before the stop still withdraws the misc data.
+  withdrawIfAsked();
 }

@@ -9,6 +9,14 @@
 // new job; a power-down cancels a job that has not started yet. So the last
 // power-up is always followed by one complete push and one RMA client, and
 // nothing but this thread ever pushes or starts the client.
+//
+// The worker also owns "vendor.zt_aon.misc_update", the misc data pushed
+// since the last power-up, and this thread alone writes it: "0" when a push
+// begins, "1" when it succeeds while its power generation is still current,
+// and "0" again once a power event has withdrawn it (a co-processor that went
+// down or came up holds none of the misc data). A withdrawal is written as
+// soon as the thread is free: at once when it is idle, after the job in
+// progress otherwise (whose push, if any, has already written "0").
 #pragma once
 
 #include <condition_variable>
@@ -40,16 +48,21 @@ class NoFlashPsramWorker {
   // returns at once. The caller (the main thread) never waits for a job: a
   // co-processor that keeps restarting would keep it waiting for ever.
   void requestBootJob();
-  // The co-processor powered up / down. `under_lock` runs with the worker's
-  // lock held, after the job in progress has lost its generation: property
-  // writes made there are ordered with those of runUnlessStale.
-  void powerUp(const std::function<void()>& under_lock = {});
-  void powerDown(const std::function<void()>& under_lock = {});
+  // The co-processor powered up / down: a new power generation, and the
+  // misc data withdrawn (always after a power-up; after a power-down when
+  // `withdraw_misc_data`, as a co-processor with flash never had it pushed).
+  void powerUp();
+  void powerDown(bool withdraw_misc_data);
 
-  // Runs `action` with the worker's lock held unless the job in progress
-  // belongs to an older power generation; false when it did not run. Used
-  // for what a push may report only while it is current.
-  bool runUnlessStale(const std::function<void()>& action);
+  // Whether the misc data is pushed since the last power-up, as the
+  // property says (a value set before the daemon started counts).
+  bool miscDataPushed() const;
+  // Called by the push, on this worker's thread, when it starts: the misc
+  // data is not in the co-processor until the push succeeds.
+  void pushStarting();
+  // Called by the push, on this worker's thread, when it reports success:
+  // counted unless a power event came after the push started; false then.
+  bool pushSucceeded();
 
   uint64_t generation() const;
 
@@ -57,7 +70,9 @@ class NoFlashPsramWorker {
   void run();
   // Starts a new power generation: the push in progress loses it, and a job
   // is wanted after a power-up only.
-  void powerEvent(bool wants_job, const std::function<void()>& under_lock) EXCLUDES(mutex_);
+  void powerEvent(bool wants_job, bool withdraw_misc_data) EXCLUDES(mutex_);
+  // Writes the withdrawal asked for by power events, on this thread.
+  void withdrawIfAsked() EXCLUDES(mutex_);
 
   const Steps steps_;  // set by the constructor, called by any thread
   mutable platform::mutex mutex_;
@@ -67,6 +82,7 @@ class NoFlashPsramWorker {
   bool job_wanted_ GUARDED_BY(mutex_) = false;
   bool job_running_ GUARDED_BY(mutex_) = false;
   bool stopping_ GUARDED_BY(mutex_) = false;
+  bool withdraw_asked_ GUARDED_BY(mutex_) = false;
   // Started last, once the fields above exist, by the constructor; joined
   // by the destructor.
   std::thread thread_;

@@ -42,19 +42,19 @@ std::string dfu_state_details(const dfu_spcl_cmd_response& response) {
 
 }  // namespace
 
-void marlo_fw_updater::eraseAllRAWPartitionAndContinueDownload() {
+int marlo_fw_updater::eraseAllRAWPartitionAndContinueDownload() {
   MARLO_LOGD("eraseAllRAWPartitionAndContinueDownload");
   if (!glinkInterface) {
     MARLO_LOGE("glinkInterface == nullptr");
-    return;
+    return 0;
   }
   start_time = std::time(nullptr);
   continue_download = true;
   erasing = true;
-  eraseAllRAWPartition();
+  return eraseAllRAWPartition();
 }
 
-bool marlo_fw_updater::resumeEraseWalk() {
+bool marlo_fw_updater::resumeEraseWalk(int* sent) {
   if (!erasing) return false;
   // The erase asked for last may be lost with the channel (or undone by a
   // restart of the co-processor before it ran): every partition without an
@@ -64,22 +64,23 @@ bool marlo_fw_updater::resumeEraseWalk() {
     if (!resource->erase_answered) resource->erased = false;
   }
   MARLO_LOGE("channel lost during the erases: erasing the partitions without an answer again");
-  eraseAllRAWPartitionAndContinueDownload();
+  const int result = eraseAllRAWPartitionAndContinueDownload();
+  if (sent != nullptr) *sent = result;
   return true;
 }
 
-void marlo_fw_updater::getCurrentDFUStateAndContinueDownload() {
+int marlo_fw_updater::getCurrentDFUStateAndContinueDownload() {
   MARLO_LOGD("getCurrentDFUStateAndContinueDownload");
   if (!glinkInterface) {
     MARLO_LOGE("glinkInterface == nullptr");
-    return;
+    return 0;
   }
   start_time = std::time(nullptr);
   continue_download = true;
-  sendGetDFUStateReq();
+  return sendGetDFUStateReq();
 }
 
-void marlo_fw_updater::eraseAllRAWPartition() {
+int marlo_fw_updater::eraseAllRAWPartition() {
   MARLO_LOGD("eraseAllRAWPartition");
   const std::shared_ptr<const fw_resource_list> resources = fwResourcesSnapshot();
   for (const auto& resource : *resources) {
@@ -89,37 +90,36 @@ void marlo_fw_updater::eraseAllRAWPartition() {
     // early answer may start a walk there while this one runs.
     if (resource->erased.exchange(true)) continue;
     reportDFU("Erase Requested for partition: " + resource->partition_name, Callback::STATUS_STARTED);
-    sendRAWFlashEraseReq(static_cast<uint32_t>(resource->offset), static_cast<uint32_t>(resource->xml_size));
-    return;
+    return sendRAWFlashEraseReq(static_cast<uint32_t>(resource->offset), static_cast<uint32_t>(resource->xml_size));
   }
   erasing = false;
-  if (continue_download) {
-    sendGetDFUStateReq();
-  } else {
-    reportDFU("### Marlo Flash Erase finished. ###", Callback::STATUS_ERASE_DONE);
-  }
+  if (continue_download) return sendGetDFUStateReq();
+  reportDFU("### Marlo Flash Erase finished. ###", Callback::STATUS_ERASE_DONE);
+  return 0;
 }
 
-void marlo_fw_updater::sendRAWFlashEraseReq(uint32_t offset, uint32_t length) {
+int marlo_fw_updater::sendRAWFlashEraseReq(uint32_t offset, uint32_t length) {
   MARLO_LOGD("sendRAWFlashEraseReq");
   uint8_t payload[12];
   put_le32(payload, dfu::SPCL_OP_RAW_FLASH_ERASE);
   put_le32(payload + 4, offset);
   put_le32(payload + 8, length);
-  send_aon_request(dfu::DFU_SPCL_OPERATION_REQ, payload, sizeof(payload));
+  const int sent = send_aon_request(dfu::DFU_SPCL_OPERATION_REQ, payload, sizeof(payload));
   reportDFU("### Erasing Marlo Flash Content. ###", Callback::STATUS_STARTED);
   reportDFU("Going for erase from offset: " + std::to_string(offset) + " to Length: " + std::to_string(length) + "...",
             Callback::STATUS_INFO);
+  return sent;
 }
 
-void marlo_fw_updater::sendGetDFUStateReq() {
+int marlo_fw_updater::sendGetDFUStateReq() {
   MARLO_LOGD("sendGetDFUStateReq");
   uint8_t payload[12];
   put_le32(payload, dfu::SPCL_OP_GET_DFU_STATE);
   put_le32(payload + 4, 0);
   put_le32(payload + 8, 0);
-  send_aon_request(dfu::DFU_SPCL_OPERATION_REQ, payload, sizeof(payload));
+  const int sent = send_aon_request(dfu::DFU_SPCL_OPERATION_REQ, payload, sizeof(payload));
   reportDFU("### Getting Marlo DFU State. ###", Callback::STATUS_STARTED);
+  return sent;
 }
 
 void marlo_fw_updater::handleDFUSplCmdResposnse(dfu_spcl_cmd_response* response) {

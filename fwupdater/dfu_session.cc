@@ -18,6 +18,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "common/crc32.h"
@@ -89,50 +90,6 @@ const marlo_fw_resource* find_image(const fw_resource_list& resources, uint32_t 
   return nullptr;
 }
 
-// Two error-callback situations need to know what the same thread is already
-// doing inside the updater; both happen on one thread, so thread-local marks
-// are enough and need no lock.
-//
-// Connecting: when connect_interface(true) cannot open the channel, the
-// transport reports GLINK_OPEN_FAILED from inside that call. Ending the
-// session right there would destroy the transport while its connect is still
-// running. Instead the failure is noted and startMarloDownloaderWithCallback
-// ends the session once the call has returned: the reports and the final
-// state are the same, and nothing touches the destroyed transport.
-//
-// Resuming: a resume sends a state query; if that send fails, the transport
-// reports GLINK_IO_ERROR on the sending thread, which would resume again,
-// send again, fail again, without bound. A resume nested in a resume on the
-// same thread is therefore skipped (and logged); the outer resume has just
-// tried and the next error or request of the co-processor starts a new one.
-//
-// Reopening: the restart listener reopens the channel of an unfinished
-// download after a power-up. A failed reopen leaves the session as it is,
-// waiting for the next power-up: it is neither reported as a channel error
-// nor ended (which would also take the lock the reopen holds).
-//
-// Sending: a resume must know whether its request went out; each send
-// leaves its result here, and a resume sends one request.
-thread_local const marlo_fw_updater* t_connecting = nullptr;
-thread_local bool t_open_failed = false;
-thread_local const marlo_fw_updater* t_resuming = nullptr;
-thread_local const marlo_fw_updater* t_reopening = nullptr;
-thread_local int t_last_send = 0;
-
-class ScopedMark {
- public:
-  ScopedMark(const marlo_fw_updater*& mark, const marlo_fw_updater* updater) : mark_(mark), saved_(mark) {
-    mark_ = updater;
-  }
-  ~ScopedMark() { mark_ = saved_; }
-  ScopedMark(const ScopedMark&) = delete;
-  ScopedMark& operator=(const ScopedMark&) = delete;
-
- private:
-  const marlo_fw_updater*& mark_;
-  const marlo_fw_updater* saved_;
-};
-
 std::string seconds_text(double seconds) { return std::to_string(seconds); }  // six fractional digits
 
 }  // namespace
@@ -145,8 +102,8 @@ void marlo_fw_updater::reportDFU(const std::string& message, Callback::Status st
 void marlo_fw_updater::startMarloDownloaderWithCallback(Callback* cb) {
   platform::lock_guard session(session_lock);
   {
-    platform::lock_guard lock(resume_lock);
-    channel_lost = false;  // a loss in an earlier session is not this one's
+    platform::lock_guard lock(state_lock);
+    session_state.channel_lost = false;  // a loss in an earlier session is not this one's
   }
   callback = cb;
   // The images are loaded aside and published whole before the channel is
@@ -165,13 +122,17 @@ void marlo_fw_updater::startMarloDownloaderWithCallback(Callback* cb) {
     MARLO_LOGD("About to register callbacks with glinkInterface %p", static_cast<void*>(glinkInterface.get()));
     glinkInterface->register_cb([this](uint8_t* data, uint32_t length) { conn_res_event_cb(data, length); },
                                 [this](glink_interface_error error) { conn_error_cb(error); });
+    {
+      platform::lock_guard lock(state_lock);
+      session_state.connecting = true;
+      session_state.open_failed = false;
+    }
+    glinkInterface->connect_interface(true);
     bool open_failed = false;
     {
-      ScopedMark connecting(t_connecting, this);
-      t_open_failed = false;
-      glinkInterface->connect_interface(true);
-      open_failed = t_open_failed;
-      t_open_failed = false;
+      platform::lock_guard lock(state_lock);
+      session_state.connecting = false;
+      open_failed = std::exchange(session_state.open_failed, false);
     }
     if (open_failed) {
       // Ending the session empties the list; the images stay loaded after
@@ -347,11 +308,9 @@ int marlo_fw_updater::send_aon_request(uint32_t command_id, std::vector<uint8_t>
   put_le32(&message[DFU_HDR_CRC], crc);
   if (!glinkInterface) {
     MARLO_LOGE("glinkInterface != nullptr");
-    t_last_send = 0;
     return 0;
   }
-  t_last_send = glinkInterface->send_request(message.data(), static_cast<unsigned int>(message.size()));
-  return t_last_send;
+  return glinkInterface->send_request(message.data(), static_cast<unsigned int>(message.size()));
 }
 
 double marlo_fw_updater::timeTaken() {
@@ -360,35 +319,81 @@ double marlo_fw_updater::timeTaken() {
   return taken;
 }
 
+// An error is handled by what the session is doing when it is reported,
+// whichever thread reports it: a failed open during the set-up's connect or a
+// power-up's reopen, an error while a resume is sending its request.
 void marlo_fw_updater::conn_error_cb(glink_interface_error error) {
   MARLO_LOGE("conn_error_cb =%d", static_cast<int>(error));
   if (error == GLINK_OPEN_FAILED) {
-    if (t_reopening == this) return;  // the session waits for the next power-up
-    reportDFU("Marlo dfu channel open failed", Callback::STATUS_CHANNEL_ERROR);
-    if (t_connecting == this) {
-      t_open_failed = true;  // ended by startMarloDownloaderWithCallback once connect has returned
-      return;
+    bool ended_after_connect = false;
+    {
+      platform::lock_guard lock(state_lock);
+      if (session_state.reopening) return;  // the session waits for the next power-up
+      if (session_state.connecting) {
+        session_state.open_failed = true;
+        ended_after_connect = true;
+      }
     }
-    endMarloDownloader();
+    reportDFU("Marlo dfu channel open failed", Callback::STATUS_CHANNEL_ERROR);
+    if (!ended_after_connect) endMarloDownloader();
     return;
   }
   if (update_finished) return;
-  if (t_resuming == this) {
-    MARLO_LOGE("resume failed to send; waiting for the co-processor");
+  bool folded = false;
+  {
+    platform::lock_guard lock(state_lock);
+    folded = session_state.resuming;
+    if (!folded) {
+      session_state.resuming = true;
+    } else if (error == GLINK_SSR) {
+      session_state.hang_up_meanwhile = true;
+    } else {
+      session_state.io_error_meanwhile = true;
+    }
+  }
+  if (folded) {
+    // The resume in progress decides once its request is out. An I/O error
+    // is mostly its own request's failure, reported from inside its send.
+    if (error != GLINK_SSR) MARLO_LOGE("resume failed to send; waiting for the co-processor");
     return;
   }
-  ScopedMark resuming(t_resuming, this);
-  platform::lock_guard lock(resume_lock);
-  channel_lost = !resumeSession();
   // The transport reports a hang-up after its reopen attempts: a resume that
   // cannot be sent means they gave up while the co-processor was down.
-  if (channel_lost) MARLO_LOGE("DFU channel is closed: the download resumes when marlo powers up");
+  if (runClaimedResume()) MARLO_LOGE("DFU channel is closed: the download resumes when marlo powers up");
 }
 
 bool marlo_fw_updater::resumeSession() {
-  t_last_send = 0;
-  if (!resumeEraseWalk()) getCurrentDFUStateAndContinueDownload();
-  return t_last_send >= 1;
+  int sent = 0;
+  if (!resumeEraseWalk(&sent)) sent = getCurrentDFUStateAndContinueDownload();
+  return sent >= 1;
+}
+
+bool marlo_fw_updater::runClaimedResume() {
+  for (;;) {
+    const bool sent = resumeSession();
+    bool reopened = false;
+    {
+      platform::lock_guard lock(state_lock);
+      dfu_session_state& state = session_state;
+      state.channel_lost = !sent;
+      // A hang-up meanwhile: the request may have gone to the channel that
+      // hung up. A request that went out: an I/O error meanwhile was another
+      // request's or an answer's, which this request does not make good. A
+      // request that could not be sent: an I/O error meanwhile is its own
+      // failure, and only a channel reopened meanwhile gives it a new chance.
+      const bool again =
+          !update_finished && (state.hang_up_meanwhile || (sent ? state.io_error_meanwhile : state.reopened_meanwhile));
+      reopened = !sent && state.reopened_meanwhile;
+      state.hang_up_meanwhile = false;
+      state.io_error_meanwhile = false;
+      state.reopened_meanwhile = false;
+      if (!again) {
+        state.resuming = false;
+        return !sent;
+      }
+    }
+    if (reopened) MARLO_LOGI("marlo powered up: DFU channel reopened, resuming the download");
+  }
 }
 
 void marlo_fw_updater::resumeDownloadOnPowerUp() {
@@ -400,19 +405,28 @@ void marlo_fw_updater::resumeDownloadOnPowerUp() {
   // An open channel refuses the connect and is left alone: the co-processor
   // did not go down, or the transport reopened it and resumes by itself. A
   // reopen in progress in the transport is waited for first.
-  bool reopened = false;
   {
-    ScopedMark reopening(t_reopening, this);
-    reopened = glinkInterface->connect_interface(true) == 0;
+    platform::lock_guard lock(state_lock);
+    session_state.reopening = true;
   }
-  if (!reopened) return;
-  platform::lock_guard lock(resume_lock);
-  // Reopened here before the transport reported its attempts: that report
-  // is still to come and resumes on this channel.
-  if (!channel_lost) return;
+  const bool reopened = glinkInterface->connect_interface(true) == 0;
+  {
+    platform::lock_guard lock(state_lock);
+    session_state.reopening = false;
+    if (!reopened) return;
+    if (session_state.resuming) {
+      // The resume in progress takes the reopened channel if its own request
+      // could not be sent.
+      session_state.reopened_meanwhile = true;
+      return;
+    }
+    // Reopened here before the transport reported its attempts: that report
+    // is still to come and resumes on this channel.
+    if (!session_state.channel_lost) return;
+    session_state.resuming = true;
+  }
   MARLO_LOGI("marlo powered up: DFU channel reopened, resuming the download");
-  ScopedMark resuming(t_resuming, this);
-  channel_lost = !resumeSession();
+  runClaimedResume();
 }
 
 void marlo_fw_updater::endMarloDownloader() {

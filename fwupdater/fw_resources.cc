@@ -13,13 +13,16 @@
 
 #include "daemon/marlo_deamon_log.h"
 #include "fwupdater/marlo_fw_updater.h"
-#include "fwupdater/whole_file.h"
-#include "platform/os.h"
+#include "platform/read_file.h"
 
 namespace {
 
 constexpr int32_t kFlashImageId = 1;
 constexpr int32_t kPartitionImageId = 2;
+
+// The partition table is a few KiB of XML, held twice while it is parsed; a
+// larger file is not read at all and counts as one that does not load.
+constexpr uint64_t kMaxPartitionTableSize = 1u << 20;
 
 // The values a "Partition" element takes over from the one before it: a
 // child that is absent leaves the previous partition's value in place.
@@ -39,13 +42,13 @@ class image_cache {
  public:
   // The bytes of the file at `image_path` (under the image directory).
   marlo_image_data read(marlo_fw_updater& updater, const std::string& image_path) {
-    marlo_fw::WholeFileInfo identity;
-    if (marlo_fw::whole_file_identity(platform::path(std::string(fw_image_dir) + image_path), &identity)) {
+    platform::file_info identity;
+    if (platform::file_identity((std::string(fw_image_dir) + image_path).c_str(), &identity)) {
       for (const auto& [file, bytes] : files_) {
-        if (marlo_fw::same_file(file, identity)) return bytes;
+        if (platform::same_file(file, identity)) return bytes;
       }
     }
-    marlo_fw::WholeFileInfo read_info;
+    platform::file_info read_info;
     auto bytes = std::make_shared<const std::vector<uint8_t>>(updater.readFile(image_path, &read_info));
     marlo_image_data data(std::move(bytes));
     // Keyed by the file actually read; one that could not be read is not kept.
@@ -54,7 +57,7 @@ class image_cache {
   }
 
  private:
-  std::vector<std::pair<marlo_fw::WholeFileInfo, marlo_image_data>> files_;
+  std::vector<std::pair<platform::file_info, marlo_image_data>> files_;
 };
 
 }  // namespace
@@ -69,7 +72,16 @@ unsigned marlo_fw_updater::parsePartitionAndSaveFw(const std::string& path) {
 unsigned marlo_fw_updater::loadFwResources(const std::string& path, fw_resource_list* list) {
   image_cache images;
   tinyxml2::XMLDocument doc(true, tinyxml2::PRESERVE_WHITESPACE);
-  if (doc.LoadFile(platform::path(path).c_str()) != tinyxml2::XML_SUCCESS) {
+  std::string table;
+  platform::file_info table_file;
+  const platform::read_status table_read =
+      platform::read_file(path.c_str(), kMaxPartitionTableSize, &table, &table_file);
+  if (table_read == platform::read_status::too_large) {
+    MARLO_LOGE("partition table %s of %" PRIu64 " bytes is above the limit of %" PRIu64 " bytes, not read",
+               path.c_str(), table_file.size, kMaxPartitionTableSize);
+  }
+  // An empty text does not parse, as an empty file does not load.
+  if (table_read != platform::read_status::read || doc.Parse(table.data(), table.size()) != tinyxml2::XML_SUCCESS) {
     MARLO_LOGE("XML Config File Not Opened");
     return 0;
   }
@@ -182,17 +194,17 @@ unsigned marlo_fw_updater::loadFwResources(const std::string& path, fw_resource_
   return 1;
 }
 
-std::vector<uint8_t> marlo_fw_updater::readFile(const std::string& path, marlo_fw::WholeFileInfo* info) {
+std::vector<uint8_t> marlo_fw_updater::readFile(const std::string& path, platform::file_info* info) {
   // Joined as they stand: no test for an absolute path or a doubled slash.
   const std::string full_path = std::string(fw_image_dir) + path;
   MARLO_LOGD("readFile Path : %s", full_path.c_str());
 
   std::vector<uint8_t> bytes;
-  marlo_fw::WholeFileInfo file;
-  switch (marlo_fw::read_whole_file(platform::path(full_path), kMaxFwImageSize, &bytes, &file)) {
-    case marlo_fw::WholeFileResult::kRead: break;
-    case marlo_fw::WholeFileResult::kNotOpened: MARLO_LOGE("File open failed : %s", full_path.c_str()); break;
-    case marlo_fw::WholeFileResult::kTooLarge:
+  platform::file_info file;
+  switch (platform::read_file(full_path.c_str(), kMaxFwImageSize, &bytes, &file)) {
+    case platform::read_status::read: break;
+    case platform::read_status::not_opened: MARLO_LOGE("File open failed : %s", full_path.c_str()); break;
+    case platform::read_status::too_large:
       MARLO_LOGE("File too large : %s is %" PRIu64 " bytes, the largest image is %" PRIu64 " bytes", full_path.c_str(),
                  file.size, kMaxFwImageSize);
       break;

@@ -19,8 +19,8 @@
 #include "glink/glink_interface.h"
 #include "platform/thread_annotations.h"
 
-namespace marlo_fw {
-struct WholeFileInfo;
+namespace platform {
+struct file_info;
 }
 
 // An image file's bytes: read once, never changed afterwards, and shared by
@@ -163,7 +163,7 @@ class marlo_fw_updater {
   // Firmware resources and partition table.
   unsigned parsePartitionAndSaveFw(const std::string& path);
   // info, when given, receives the size and identity of the file opened.
-  std::vector<uint8_t> readFile(const std::string& path, marlo_fw::WholeFileInfo* info = nullptr);
+  std::vector<uint8_t> readFile(const std::string& path, platform::file_info* info = nullptr);
   bool checkForFlashbin();
   int truncateFwResources();
 
@@ -197,15 +197,18 @@ class marlo_fw_updater {
   // May wait for the transport's reopen in progress (seconds on a device).
   void resumeDownloadOnPowerUp();
 
-  // DFU special operations.
-  void eraseAllRAWPartitionAndContinueDownload();
-  void getCurrentDFUStateAndContinueDownload();
+  // DFU special operations. Each that sends a request returns what the
+  // send returned (0 when nothing was sent), so that a resume knows whether
+  // its request went out.
+  int eraseAllRAWPartitionAndContinueDownload();
+  int getCurrentDFUStateAndContinueDownload();
   // After a hang-up during the erases: asks again for every erase not
   // answered and goes on with the download; false when no erase walk runs.
-  bool resumeEraseWalk();
-  void eraseAllRAWPartition();
-  void sendRAWFlashEraseReq(uint32_t offset, uint32_t length);
-  void sendGetDFUStateReq();
+  // `sent`, when given, receives the result of the request sent.
+  bool resumeEraseWalk(int* sent = nullptr);
+  int eraseAllRAWPartition();
+  int sendRAWFlashEraseReq(uint32_t offset, uint32_t length);
+  int sendGetDFUStateReq();
   void handleDFUSplCmdResposnse(dfu_spcl_cmd_response* response);
 
   // Misc data resources.
@@ -236,7 +239,12 @@ class marlo_fw_updater {
  private:
   // Takes an interrupted download up again: the erases not answered, or a
   // state query. True when its request went out.
-  bool resumeSession() REQUIRES(resume_lock);
+  bool resumeSession();
+  // Runs a resume that this caller has claimed (session_state.resuming set),
+  // again for as long as what was reported meanwhile calls for another one,
+  // and then releases the claim. True when the channel is lost: the last
+  // request could not be sent.
+  bool runClaimedResume() EXCLUDES(state_lock);
   // Stops and destroys the DFU transport and releases the images.
   void endSession() REQUIRES(session_lock);
   // Reports a step of the DFU session to the callback, if one is set.
@@ -277,17 +285,41 @@ class marlo_fw_updater {
   // The restart listener uses it too (to reopen the channel after a
   // power-up): set-up, end and that use hold session_lock, so the listener
   // never meets a transport being made or destroyed, nor connects it while
-  // the daemon's thread does. A holder may join the reader thread, whose
-  // resumes therefore take only resume_lock.
+  // the daemon's thread does. A holder may join the reader thread, which
+  // therefore never takes session_lock.
   std::unique_ptr<glink_interface> glinkInterface;
   platform::mutex session_lock;
-  // Serialises the resumes of the reader thread (after the transport's own
-  // reconnect) and of the restart listener (after a power-up), so that one
-  // loss of the channel is resumed once. Taken after session_lock.
-  platform::mutex resume_lock;
-  // A resume found the channel closed: the transport's reconnect gave up
-  // while the co-processor was down, and only a power-up reopens it.
-  bool channel_lost GUARDED_BY(resume_lock) = false;
+
+  // What the session is doing when the transport reports an error: it
+  // decides how the error is handled, whichever thread reports it.
+  struct dfu_session_state {
+    // The set-up's connect is running. A failed open reported meanwhile is
+    // noted in open_failed, and the set-up ends the session once connect has
+    // returned: ending it from inside connect would destroy the transport
+    // that is still running the call.
+    bool connecting = false;
+    bool open_failed = false;
+    // A power-up's reopen is running. A failed one leaves the session as it
+    // is, waiting for the next power-up: it is neither reported as a channel
+    // error nor ended.
+    bool reopening = false;
+    // A resume is sending its request (one resume at a time). Errors reported
+    // meanwhile, its own failed request among them, are noted here and never
+    // start a resume of their own, so a request that cannot be sent cannot
+    // resume again without bound; the resume decides once its request is out.
+    bool resuming = false;
+    bool hang_up_meanwhile = false;   // the transport reopened the channel
+    bool io_error_meanwhile = false;  // a poll, read or request failed
+    bool reopened_meanwhile = false;  // a power-up reopened the channel
+    // The last resume could not send its request: the transport's reconnect
+    // gave up while the co-processor was down, and only a power-up reopens
+    // the channel.
+    bool channel_lost = false;
+  };
+  // A leaf lock, held only to read or change session_state: never across a
+  // call into the transport or the callback. Taken after session_lock.
+  platform::mutex state_lock;
+  dfu_session_state session_state GUARDED_BY(state_lock);
   // Read from the partition table on the daemon's thread while the images
   // are loaded, before they are published.
   int32_t tbx_elf_offset = 0;

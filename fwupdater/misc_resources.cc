@@ -5,8 +5,7 @@
 
 #include "daemon/marlo_deamon_log.h"
 #include "fwupdater/marlo_fw_updater.h"
-#include "fwupdater/whole_file.h"
-#include "platform/os.h"
+#include "platform/read_file.h"
 
 // Ordered by path, so the firmware goes before the settings.
 const std::map<std::string, Offload_Type> misc_file_types = {
@@ -20,15 +19,14 @@ unsigned marlo_fw_updater::loadAndSaveMiscFw() {
     // The path is used as stored; no directory is put in front of it.
     MARLO_LOGD("readFile Path : %s", path.c_str());
     std::vector<uint8_t> bytes;
-    marlo_fw::WholeFileInfo file;
+    platform::file_info file;
     // Held whole in memory like the images, so under the same cap.
-    const marlo_fw::WholeFileResult result =
-        marlo_fw::read_whole_file(platform::path(path), kMaxFwImageSize, &bytes, &file);
-    if (result == marlo_fw::WholeFileResult::kNotOpened) {
+    const platform::read_status result = platform::read_file(path.c_str(), kMaxFwImageSize, &bytes, &file);
+    if (result == platform::read_status::not_opened) {
       MARLO_LOGE("File open failed : %s", path.c_str());
       continue;
     }
-    if (result == marlo_fw::WholeFileResult::kTooLarge) {
+    if (result == platform::read_status::too_large) {
       MARLO_LOGE("File too large : %s is %" PRIu64 " bytes, the largest file is %" PRIu64 " bytes", path.c_str(),
                  file.size, kMaxFwImageSize);
       continue;

@@ -1,14 +1,13 @@
 // The host's platform facts, gathered from sysfs and patched into the
 // debug-policy segment of the boot loader's ELF image inside flash.bin.
-#include <fcntl.h>
-
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "daemon/marlo_deamon_log.h"
 #include "fwupdater/marlo_fw_updater.h"
-#include "platform/os.h"
-#include "platform/unique_fd.h"
+#include "platform/read_file.h"
 
 namespace {
 
@@ -48,14 +47,18 @@ bool in_image(const std::vector<uint8_t>& image, uint64_t pos, uint64_t length) 
   return pos <= image.size() && length <= image.size() - pos;
 }
 
-// Reads at most `max` bytes of a sysfs text into a zeroed buffer and stores
-// how many arrived (0 when the read fails: the defaults then stand). False
-// when the file does not open.
+// A sysfs attribute holds at most a page.
+constexpr uint64_t kMaxSysfsText = 4096;
+
+// Copies the first `max` bytes at most of a sysfs text into a zeroed buffer
+// and stores how many (0 when the read fails: the defaults then stand).
+// False when the file does not open.
 bool read_sysfs_text(const char* path, char* buf, size_t max, size_t* length = nullptr) {
-  const platform::unique_fd fd(platform::open(path, O_RDONLY));
-  if (!fd) return false;
-  const ssize_t n = platform::read(fd.get(), buf, max);
-  if (length != nullptr) *length = n > 0 ? static_cast<size_t>(n) : 0;
+  std::string text;
+  if (platform::read_file(path, kMaxSysfsText, &text) != platform::read_status::read) return false;
+  const size_t n = std::min(text.size(), max);
+  std::memcpy(buf, text.data(), n);
+  if (length != nullptr) *length = n;
   return true;
 }
 

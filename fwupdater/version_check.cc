@@ -3,8 +3,6 @@
 
 #include <cstdint>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -12,7 +10,7 @@
 #include "daemon/marlo_deamon_log.h"
 #include "fwupdater/marlo_fw_updater.h"
 #include "fwupdater/version_line.h"
-#include "platform/os.h"
+#include "platform/read_file.h"
 
 namespace {
 
@@ -24,37 +22,21 @@ const std::string btfw_cochip_key = "btfw_cochip";
 // A version file is a few lines of text; a larger one is not read at all
 // and counts as a file that does not open, so that memory stays bounded.
 constexpr uint64_t kMaxVersionFileSize = 1u << 20;
-constexpr size_t kReadChunk = 64 * 1024;
 
 // The whole text of a version file, or nothing when it does not open or is
 // larger than the limit (logged with its size).
 std::optional<std::string> read_version_file(const std::string& file_path) {
-  const std::string host_path = platform::path(file_path);
-  std::ifstream file(host_path, std::ios::in | std::ios::binary);
-  if (!file.is_open()) return std::nullopt;
-
-  std::error_code error;
-  const uintmax_t size = std::filesystem::file_size(host_path, error);
-  if (!error && size > kMaxVersionFileSize) {
-    MARLO_LOGE("version file %s of %llu bytes is above the limit of %llu bytes, not read", file_path.c_str(),
-               static_cast<unsigned long long>(size), static_cast<unsigned long long>(kMaxVersionFileSize));
-    return std::nullopt;
-  }
-  // Read in chunks and never past the limit, so that a file that grows
-  // meanwhile, or has no size, cannot make the text grow without bound.
   std::string text;
-  while (file) {
-    const size_t had = text.size();
-    text.resize(had + kReadChunk);
-    file.read(&text[had], static_cast<std::streamsize>(kReadChunk));
-    text.resize(had + static_cast<size_t>(file.gcount()));
-    if (text.size() > kMaxVersionFileSize) {
-      MARLO_LOGE("version file %s of more than %llu bytes is above the limit, not read", file_path.c_str(),
-                 static_cast<unsigned long long>(kMaxVersionFileSize));
+  platform::file_info file;
+  switch (platform::read_file(file_path.c_str(), kMaxVersionFileSize, &text, &file)) {
+    case platform::read_status::read: return text;
+    case platform::read_status::not_opened: return std::nullopt;
+    case platform::read_status::too_large:
+      MARLO_LOGE("version file %s of %llu bytes is above the limit of %llu bytes, not read", file_path.c_str(),
+                 static_cast<unsigned long long>(file.size), static_cast<unsigned long long>(kMaxVersionFileSize));
       return std::nullopt;
-    }
   }
-  return text;
+  return std::nullopt;
 }
 
 // The text of a version field of the co-processor's record, which need not

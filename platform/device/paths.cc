@@ -13,6 +13,5 @@ int unlink(const char* path) { return ::unlink(path); }
 int access(const char* path, int mode) { return ::access(path, mode); }
 DIR* opendir(const char* path) { return ::opendir(path); }
 FILE* fopen(const char* path, const char* mode) { return ::fopen(path, mode); }
-std::string path(const std::string& device_path) { return device_path; }
 
 }  // namespace platform

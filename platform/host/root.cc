@@ -29,8 +29,6 @@ double time_scale() {
 
 namespace platform {
 
-std::string path(const std::string& device_path) { return host::resolve(device_path.c_str()); }
-
 // The scratch root of a test is the virtual device's root.
 void set_scratch_root(const std::string& dir) {
   if (dir.empty()) {

@@ -9,6 +9,7 @@
 #include "support/fake_control_device.h"
 #include "support/log_capture.h"
 #include "support/test_root.h"
+#include "support/wait_until.h"
 
 using marlo::test::ControlAnswer;
 using marlo::test::ControlRequest;
@@ -119,6 +120,19 @@ TEST_F(OrchestrationTest, CallbackReactsToChannelErrorsAndMiscDataProgress) {
   with_device.handleSHMResponse("finished", marlo_fw_updater::Callback::STATUS_SUCCESS);
   EXPECT_EQ(root_.property("vendor.zt_aon.misc_update"), "1");
   EXPECT_EQ(trace(), "BOOT.8=1 BOOT.8=2 BOOT.8=3");
+}
+
+// A power-down withdraws pushed misc data: the worker writes it once the job
+// in progress (here: push skipped, RMA client started) is over.
+TEST_F(OrchestrationTest, PowerDownWithdrawsPushedMiscDataAfterTheJob) {
+  root_.set_property("vendor.zt_aon.misc_update", "1");
+  daemon_.handleNoFlashPsram();
+  ASSERT_TRUE(
+      marlo::test::wait_until([&] { return log_.contains("starting rma connection"); }, std::chrono::seconds(10)));
+  EXPECT_EQ(root_.property("vendor.zt_aon.misc_update"), "1") << "skipped, not withdrawn";
+  daemon_.on_aon_down();
+  EXPECT_TRUE(marlo::test::wait_until([&] { return root_.property("vendor.zt_aon.misc_update") == "0"; },
+                                      std::chrono::seconds(10)));
 }
 
 }  // namespace

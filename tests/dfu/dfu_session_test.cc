@@ -349,6 +349,55 @@ TEST_F(DfuSessionTest, PowerUpDuringTheTransportsLastReopenAttemptResumesOnce) {
   EXPECT_TRUE(silent()) << "resumed once";
 }
 
+// A failed open reported while the set-up's connect runs, from another
+// thread than the connect's: it is noted, not handled there, and the session
+// ends once, after connect has returned.
+TEST_F(DfuSessionTest, OpenFailureReportedDuringTheConnectEndsTheSessionOnceAfterIt) {
+  std::thread setup([&] { updater->startMarloDownloaderWithCallback(&cb); });
+  ASSERT_TRUE(open_attempt_waiting());  // the connect waits inside its first open
+  std::atomic<bool> handled{false};
+  std::thread reporter([&] {
+    updater->conn_error_cb(GLINK_OPEN_FAILED);
+    handled = true;
+  });
+  EXPECT_TRUE(wait_until([&] { return handled.load(); }, std::chrono::seconds(2))) << "waited for the connect";
+  for (int attempt = 0; attempt < 3; ++attempt) refuse_next_open();
+  setup.join();
+  reporter.join();
+  EXPECT_EQ(cb.count("Marlo dfu channel open failed", Status::STATUS_CHANNEL_ERROR), 2);
+  EXPECT_EQ(cb.count("MarloDownloader END", Status::STATUS_ENDED), 1);
+}
+
+// An I/O error reported on another thread while a resume is sending its
+// request is taken up by that resume: the reporter does not wait for it, and
+// as the request went out, the session is asked for its state once more.
+TEST_F(DfuSessionTest, ErrorReportedWhileAResumeSendsIsTakenUpByThatResume) {
+  struct HoldingCallback : RecordingCallback {
+    void handleDFUResponse(std::string message, Status status) override {
+      const bool hold = message == "### Getting Marlo DFU State. ###" && !held.exchange(true);
+      RecordingCallback::handleDFUResponse(std::move(message), status);
+      if (hold) wait_until([&] { return released.load(); }, std::chrono::seconds(10));
+    }
+    std::atomic<bool> held{false};
+    std::atomic<bool> released{false};
+  } holding;
+  start(&holding);
+  restart_channel();  // the reader resumes and is held once its query is out
+  EXPECT_EQ(receive(13), words({1, 0, 0}));
+  ASSERT_TRUE(wait_until([&] { return holding.held.load(); }, std::chrono::seconds(5)));
+  std::atomic<bool> handled{false};
+  std::thread reporter([&] {
+    updater->conn_error_cb(GLINK_IO_ERROR);
+    handled = true;
+  });
+  EXPECT_TRUE(wait_until([&] { return handled.load(); }, std::chrono::seconds(2))) << "waited for the resume";
+  holding.released = true;
+  reporter.join();
+  EXPECT_EQ(receive(13), words({1, 0, 0})) << "asked once more";
+  EXPECT_TRUE(silent());
+  updater.reset();  // its reader reports to `holding` until it is joined
+}
+
 // The reader thread is answering a request when the updater is destroyed:
 // the reader is held inside the request's first report until the
 // destruction has begun to stop the transport, and its answer must still

@@ -39,6 +39,5 @@ int unlink(const char* path) { return ::unlink(resolve(path).c_str()); }
 int access(const char* path, int mode) { return ::access(resolve(path).c_str(), mode); }
 DIR* opendir(const char* path) { return ::opendir(resolve(path).c_str()); }
 FILE* fopen(const char* path, const char* mode) { return ::fopen(resolve(path).c_str(), mode); }
-std::string path(const std::string& device_path) { return resolve(device_path.c_str()); }
 
 }  // namespace platform

@@ -55,11 +55,6 @@ int64_t daemon_clock_ns();
 // passed, -1 with errno set when the wait failed.
 int usleep_or_readable(int fd, useconds_t usec);
 
-// The name under which the system knows a device path, for the callers that
-// hand a path to a library rather than to one of the calls above (file
-// streams, the XML loader). Identity on a device.
-std::string path(const std::string& device_path);
-
 // A pointer as the 32-bit user-space word that the control device's request
 // block carries. The driver expects 32-bit user pointers.
 uint32_t user_word(void* p);
