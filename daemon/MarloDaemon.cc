@@ -59,9 +59,15 @@ MarloDaemon::MarloDaemon()
   noflash_worker = std::make_unique<NoFlashPsramWorker>(std::move(steps));
 }
 
-// The restart listener is stopped first: it calls into the worker and the
-// updater.
-MarloDaemon::~MarloDaemon() { ssr_handler.reset(); }
+// Stopped in the order of who calls whom: the restart listener calls into the
+// worker and the updater; the worker uses the updater and the RMA client; the
+// updater's DFU reader calls back into the DFU callback and this daemon, so
+// it is joined while both are still whole.
+MarloDaemon::~MarloDaemon() {
+  ssr_handler.reset();
+  noflash_worker.reset();
+  fw_updater.reset();
+}
 
 std::optional<wear_firmware_info_t> MarloDaemon::firmwareVersion() const {
   platform::lock_guard lock(fw_version_lock);

@@ -90,8 +90,8 @@ class MarloDaemon {
   // worker and the updater's reader thread without a lock: every such field
   // is atomic. The PIL state path is written once, before those threads
   // start. The owning pointers below, but the restart listener's, are set
-  // by the constructor and never replaced; what they point to says how it
-  // is shared.
+  // by the constructor and cleared only by the destructor; what they point
+  // to says how it is shared.
   std::atomic<bool> noflash_psram{false};
   char pil_state_path[50] = {};
   std::unique_ptr<MarloComHandler> com_handler;
@@ -106,8 +106,8 @@ class MarloDaemon {
   // serves every update the daemon starts.
   std::unique_ptr<DFUCallback> dfu_callback;
   // Runs every misc-data push and RMA client start of a flash-less
-  // co-processor, on its own thread. Declared last: it is stopped before the
-  // updater and the RMA client it uses go away.
+  // co-processor, on its own thread. Stopped before the updater and the RMA
+  // client it uses go away.
   std::unique_ptr<NoFlashPsramWorker> noflash_worker;
   // The restart listener and its thread, which calls into everything above:
   // declared after it and stopped first. Created once by the main thread.
