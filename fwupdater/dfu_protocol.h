@@ -69,17 +69,14 @@ using marlo::append_le32;
 using marlo::get_le32;
 using marlo::put_le32;
 
-// The outgoing message on this thread: DFU_HEADER_SIZE zero bytes of room for
-// the header, ready for the payload to be appended. A fragment answer is built
-// straight into it, so its fragment is copied once, from the loaded image, and
-// the buffer is reused from one answer to the next without an allocation.
-// Memory that an unusually large message made it take is given back first.
-inline std::vector<uint8_t>& send_buffer() {
+// Makes `buffer` an outgoing message: DFU_HEADER_SIZE zero bytes of room for
+// the header, ready for the payload to be appended. A buffer kept from one
+// answer to the next is reused without an allocation; memory that an
+// unusually large message made it take is given back first.
+inline void start_message(std::vector<uint8_t>& buffer) {
   constexpr size_t kKeptCapacity = 64 * 1024;
-  thread_local std::vector<uint8_t> buffer;
   if (buffer.capacity() > kKeptCapacity) std::vector<uint8_t>().swap(buffer);
   buffer.assign(DFU_HEADER_SIZE, 0);
-  return buffer;
 }
 
 }  // namespace dfu

@@ -255,7 +255,8 @@ void marlo_fw_updater::sendmarloImageOffsetRes(uint32_t image_id, uint32_t offse
             Callback::STATUS_INFO);
 
   // Built in place after the header's room, sent without another copy.
-  std::vector<uint8_t>& message = dfu::send_buffer();
+  std::vector<uint8_t>& message = offset_answer;
+  dfu::start_message(message);
   for (const uint32_t word : {image_id, offset, fragment_len}) append_le32(message, word);
   const size_t image_len = image != nullptr ? image->data.size() : 0;
   if (fragment_len != 0 && offset < image_len) {
@@ -286,7 +287,8 @@ void marlo_fw_updater::sendSessionEndRes() {
 }
 
 int marlo_fw_updater::send_aon_request(uint32_t command_id, const uint8_t* payload, uint32_t payload_length) {
-  std::vector<uint8_t>& message = dfu::send_buffer();
+  std::vector<uint8_t> message;
+  dfu::start_message(message);
   if (payload != nullptr) message.insert(message.end(), payload, payload + payload_length);
   return send_aon_request(command_id, message);
 }

@@ -185,7 +185,8 @@ class marlo_fw_updater {
   void sendmarloImageOffsetRes(uint32_t image_id, uint32_t offset, uint32_t fragment_len);
   void sendSessionEndRes();
   int send_aon_request(uint32_t command_id, const uint8_t* payload, uint32_t payload_length);
-  // `message` is dfu::send_buffer() with the payload appended; the header is filled in here.
+  // `message` is made by dfu::start_message, with the payload appended; the
+  // header is filled in here.
   int send_aon_request(uint32_t command_id, std::vector<uint8_t>& message);
   void endMarloDownloader();
   double timeTaken();
@@ -289,6 +290,13 @@ class marlo_fw_updater {
   // therefore never takes session_lock.
   std::unique_ptr<glink_interface> glinkInterface;
   platform::mutex session_lock;
+  // The fragment answer (IMG_OFFSET_RESP) is built in place here, its
+  // fragment copied once from the loaded image, and the buffer is reused
+  // from one answer to the next. Only the DFU reader thread touches it: it
+  // alone answers the co-processor's requests. Every other message is built
+  // in a buffer of its own call, so a request sent from inside a failed
+  // answer's error report (a resume) never reuses this one.
+  std::vector<uint8_t> offset_answer;
 
   // What the session is doing when the transport reports an error: it
   // decides how the error is handled, whichever thread reports it.
