@@ -47,6 +47,7 @@ enum class Reader { ControlAnswer, DfuReader, RmaReader, MiscAnswer };
 
 struct Row {
   Reader reader;
+  const char* id;  // the test's name
   const char* name;
   // The packet of the co-processor (sent, or for a read error received)
   // that the fault breaks, counted from the arming.
@@ -56,14 +57,16 @@ struct Row {
 constexpr Row kRows[] = {
     // Armed once the co-processor is in service; the reset property makes
     // the daemon issue the request whose answer breaks.
-    {Reader::ControlAnswer, "control-device answer (reset request)", 1},
+    {Reader::ControlAnswer, "ControlAnswer", "control-device answer (reset request)", 1},
     // The co-processor asks for fragments; its seventh packet is in the
     // first image's fragments.
-    {Reader::DfuReader, "DFU channel reader (download)", 7},
+    {Reader::DfuReader, "DfuReader", "DFU channel reader (download)", 7},
     // The fourth request of the RMA workload: in its first partition's writes.
-    {Reader::RmaReader, "RMA channel reader", 4},
-    // The answer to the push's start packet.
-    {Reader::MiscAnswer, "misc-data answer read (push start)", 1},
+    {Reader::RmaReader, "RmaReader", "RMA channel reader", 4},
+    // The answers to the push's start packet and, the sample set's
+    // seventeenth, to its finish packet.
+    {Reader::MiscAnswer, "MiscStartAnswer", "misc-data answer read (push start)", 1},
+    {Reader::MiscAnswer, "MiscFinishAnswer", "misc-data answer read (push finish)", 17},
 };
 
 void PrintTo(const Row& row, std::ostream* out) { *out << row.name; }
@@ -324,15 +327,7 @@ TEST_P(ReadFaultMatrix, EveryFaultIsBoundedQuietAndRecoveredAtThePowerUp) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Readers, ReadFaultMatrix, ::testing::ValuesIn(kRows),
-                         [](const ::testing::TestParamInfo<Row>& info) {
-                           switch (info.param.reader) {
-                             case Reader::ControlAnswer: return std::string("ControlAnswer");
-                             case Reader::DfuReader: return std::string("DfuReader");
-                             case Reader::RmaReader: return std::string("RmaReader");
-                             case Reader::MiscAnswer: return std::string("MiscAnswer");
-                           }
-                           return std::string("Unknown");
-                         });
+                         [](const ::testing::TestParamInfo<Row>& info) { return std::string(info.param.id); });
 
 }  // namespace
 }  // namespace marlo::e2e
