@@ -227,6 +227,11 @@ class FaultCell {
     } else {
       problems_.push_back("no reaction (an error logged and every wakelock reference back) within the bound");
     }
+    if (row_.reader == Reader::MiscAnswer) {
+      // The daemon serves RMA once the push has ended, failed or not: that
+      // workload is service, not waiting, and is left out of the window.
+      test::wait_until([&] { return device_->rma().status().runs_completed > 0; }, 15s);
+    }
     const pid_t pid = daemon_->pid();
     const double cpu_before = cpu_seconds(pid);
     const size_t log_before = file_size(log_file_);
