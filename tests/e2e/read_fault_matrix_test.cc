@@ -37,7 +37,13 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 using sim::ReadFault;
 
-constexpr double kTimeScale = 0.01;  // the daemon's fixed sleeps, as in the other end-to-end tests
+// The daemon runs at its own pace (time scale 1): the bounds are rates per
+// second of the daemon's time, and a scaled daemon would retry, back off and
+// count its log lines a hundred times faster than on a device.
+constexpr double kTimeScale = 1;
+// The DFU row's restart outlasts the transport's own reopen attempts (three,
+// a second apart), so that the power-up itself must take the download up.
+constexpr int kLongRestartMs = 4000;
 constexpr auto kReactionBound = 20s;
 constexpr auto kWindow = 3s;  // the wait measured after the reaction
 constexpr double kMaxCpuPercent = 5.0;
@@ -151,7 +157,10 @@ class FaultCell {
  private:
   sim::DeviceOptions options() const {
     sim::DeviceOptions options;
-    if (row_.reader == Reader::DfuReader) return options;  // older firmware in flash: a download
+    if (row_.reader == Reader::DfuReader) {
+      options.restart_offline_ms = kLongRestartMs;
+      return options;  // older firmware in flash: a download
+    }
     options.variant = sim::Variant::NoflashPsram;
     options.flash = sim::FlashContents::Empty;
     options.running_at_start = true;
