@@ -131,22 +131,11 @@ class FaultCell {
     }
   }
 
-  // Runs the cell; problems are returned as text, figures kept.
+  // Runs the cell; problems are returned as text, figures kept. A failed
+  // cell keeps its device root for inspection.
   std::vector<std::string> run() {
     root_ = sim::make_temp_root("marlo-fault-matrix");
-    shipped_ = sim::VirtualDevice::build_sample_root(root_);
-    log_file_ = root_ + "/sim/marlod.log";
-    device_ = std::make_unique<sim::VirtualDevice>(root_, options());
-    if (row_.reader != Reader::ControlAnswer) arm();
-    if (!start_daemon()) return problems_;
-    if (row_.reader == Reader::ControlAnswer) {
-      if (!wait(noflash_in_service(0, 0), 30s, "the co-processor came into service")) return problems_;
-      arm();
-      sim::set_property(root_, "vendor.marlo_reset", "1");
-    }
-    if (!wait([&] { return struck_.load(); }, 60s, "the fault struck")) return problems_;
-    measure();
-    recover();
+    steps();
     kept_ = !problems_.empty();
     if (kept_) problems_.push_back("device root kept: " + root_);
     return problems_;
@@ -155,6 +144,22 @@ class FaultCell {
   const Figures& figures() const { return figures_; }
 
  private:
+  void steps() {
+    shipped_ = sim::VirtualDevice::build_sample_root(root_);
+    log_file_ = root_ + "/sim/marlod.log";
+    device_ = std::make_unique<sim::VirtualDevice>(root_, options());
+    if (row_.reader != Reader::ControlAnswer) arm();
+    if (!start_daemon()) return;
+    if (row_.reader == Reader::ControlAnswer) {
+      if (!wait(noflash_in_service(0, 0), 30s, "the co-processor came into service")) return;
+      arm();
+      sim::set_property(root_, "vendor.marlo_reset", "1");
+    }
+    if (!wait([&] { return struck_.load(); }, 60s, "the fault struck")) return;
+    measure();
+    recover();
+  }
+
   sim::DeviceOptions options() const {
     sim::DeviceOptions options;
     if (row_.reader == Reader::DfuReader) {
