@@ -183,8 +183,9 @@ void ChannelServer::run() {
       }
       for (size_t i = 2; i < fds.size(); ++i) {
         if (fds[i].revents == 0) continue;
-        const ReadFaultSwitch::Action fault =
-            (fds[i].revents & POLLIN) ? read_fault_.on_receive() : ReadFaultSwitch::Action::Pass;
+        uint8_t first_byte;
+        const bool packet_waiting = ::recv(fds[i].fd, &first_byte, 1, MSG_PEEK | MSG_DONTWAIT) > 0;
+        const ReadFaultSwitch::Action fault = packet_waiting ? read_fault_.on_receive() : ReadFaultSwitch::Action::Pass;
         if (fault == ReadFaultSwitch::Action::Reset) {
           {
             std::unique_lock<std::mutex> capture_lock = lock_for_capture();
