@@ -14,6 +14,7 @@
 #include <cutils/uevent.h>
 
 #include "daemon/MarloDaemon.h"
+#include "fwupdater/marlo_fw_updater.h"
 #include "platform/os.h"
 
 namespace {
@@ -138,6 +139,11 @@ void SSRHandler::recoverLostEvents() {
     __android_log_print(ANDROID_LOG_ERROR, kTag, "lost power-down event: marlo is offline");
     last_event_ = kPowerDown;
     handleEvent(kPowerDown);
+  } else if (state == 1) {
+    // A power-down and power-up lost together leave the state as it was.
+    // Only a download's lost channel can show that restart: one is taken up
+    // as at a power-up, and an open channel is left alone.
+    daemon_->updater()->resumeDownloadOnPowerUp();
   }
 }
 
