@@ -62,7 +62,7 @@ class ReadFaultSwitch {
   Action strike(Action action, std::unique_lock<std::mutex>& lock);
 
   mutable std::mutex mutex_;
-  bool armed_ = false;   // guarded by mutex_, as are the fields below
+  bool armed_ = false;  // guarded by mutex_, as are the fields below
   bool struck_ = false;
   ReadFault fault_ = ReadFault::Silence;
   int countdown_ = 0;
