@@ -102,6 +102,19 @@ std::unique_lock<std::mutex> ChannelServer::lock_for_capture() {
 }
 
 bool ChannelServer::send(int fd, const Bytes& packet) {
+  switch (read_fault_.on_send()) {
+    case ReadFaultSwitch::Action::Pass: break;
+    case ReadFaultSwitch::Action::Cut: {
+      const Bytes cut(packet.begin(), packet.begin() + static_cast<long>(ReadFaultSwitch::cut_length(packet.size())));
+      return send_unbroken(fd, cut);
+    }
+    case ReadFaultSwitch::Action::HalfClose: ::shutdown(fd, SHUT_WR); return true;
+    default: return true;  // the co-processor stays silent
+  }
+  return send_unbroken(fd, packet);
+}
+
+bool ChannelServer::send_unbroken(int fd, const Bytes& packet) {
   std::unique_lock<std::mutex> capture_lock = lock_for_capture();
   if (SessionCapture* capture = node_.capture()) {
     // A packet sent after the hang-up never reaches the daemon: not recorded.
@@ -164,12 +177,26 @@ void ChannelServer::run() {
             std::lock_guard<std::mutex> lock(connections_mutex_);
             connections_.push_back(fd);
           }
+          if (read_fault_.half_close_new_connection()) ::shutdown(fd, SHUT_WR);
           on_open(fd);
         }
       }
       for (size_t i = 2; i < fds.size(); ++i) {
         if (fds[i].revents == 0) continue;
+        uint8_t first_byte;
+        const bool packet_waiting = ::recv(fds[i].fd, &first_byte, 1, MSG_PEEK | MSG_DONTWAIT) > 0;
+        const ReadFaultSwitch::Action fault = packet_waiting ? read_fault_.on_receive() : ReadFaultSwitch::Action::Pass;
+        if (fault == ReadFaultSwitch::Action::Reset) {
+          {
+            std::unique_lock<std::mutex> capture_lock = lock_for_capture();
+            std::lock_guard<std::mutex> lock(connections_mutex_);
+            record_hang_up(fds[i].fd);
+          }
+          close_connection(fds[i].fd);  // with the daemon's packet unread
+          continue;
+        }
         long n = receive_message(fds[i].fd, packet, 0);
+        if (n > 0 && fault == ReadFaultSwitch::Action::Drop) continue;
         if (n > 0) {
           if (SessionCapture* capture = node_.capture()) {
             capture->packet(node_.capture_interface(), Direction::Outbound, packet.data(), packet.size());

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "sim/device_node.h"
+#include "sim/read_fault.h"
 #include "sim/wire.h"
 
 namespace marlo::sim {
@@ -45,6 +46,16 @@ class ChannelServer {
   // handled; when it returns true the packet is dropped unhandled (the
   // co-processor went down with it). Fault injection at packet boundaries.
   void set_packet_observer(std::function<bool()> observer);
+  // Breaks the daemon's next read on this channel as `fault` says, at the
+  // `packet`th packet the co-processor sends from now on (for a read error,
+  // receives); `on_strike` runs on the channel's thread as it strikes. The
+  // channel stays broken until end_read_fault().
+  void arm_read_fault(ReadFault fault, int packet, std::function<void()> on_strike = {}) {
+    read_fault_.arm(fault, packet, std::move(on_strike));
+  }
+  // The co-processor went down: a fault that struck is over.
+  void end_read_fault() { read_fault_.end(); }
+  bool read_fault_struck() const { return read_fault_.struck(); }
   // Records the node's traffic on `interface` of `capture`; call before start().
   void set_capture(std::shared_ptr<SessionCapture> capture, CaptureInterface interface) {
     node_.set_capture(std::move(capture), interface);
@@ -56,14 +67,17 @@ class ChannelServer {
   virtual void on_closed(int /*fd*/) {}
   virtual void on_tick() {}
 
-  // Loop thread only.
+  // Loop thread only. A packet sent while a read fault strikes is broken as
+  // the fault says.
   bool send(int fd, const Bytes& packet);
   void hang_up(int fd);
+  bool read_fault_breaks_next_send() const { return read_fault_.breaks_next_send(); }
   // The most recently opened connection still open, or -1.
   int newest_connection() const;
 
  private:
   void run();
+  bool send_unbroken(int fd, const Bytes& packet);
   void close_connection(int fd);
   // Records that the device hangs `fd` up, once per connection.
   void record_hang_up(int fd);
@@ -82,6 +96,7 @@ class ChannelServer {
   std::vector<int> connections_;  // in order of opening
   std::vector<int> hung_up_;      // connections the device hung up, guarded by connections_mutex_
   std::mutex capture_mutex_;
+  ReadFaultSwitch read_fault_;
   std::mutex observer_mutex_;
   std::function<bool()> observer_;  // guarded by observer_mutex_
 };

@@ -62,6 +62,12 @@ bool ControlDriver::spi_busy() const {
 
 void ControlDriver::on_packet(int fd, const Bytes& packet) {
   Bytes answer(8 + kBlockSize, 0);
+  if (read_fault_breaks_next_send()) {
+    // A driver whose answer breaks down has carried out nothing either.
+    log_.add("driver", "fault: request not carried out, its answer breaks down");
+    send(fd, answer);
+    return;
+  }
   if (packet.size() < kRequestSize) {
     log_.add("driver", "malformed request of " + std::to_string(packet.size()) + " bytes");
     put_u32(answer, 0, static_cast<uint32_t>(-1));

@@ -104,6 +104,12 @@ void VirtualDevice::on_power(bool up) {
     channel->node().refuse_opens(up ? 0 : ENODEV);
     if (!up) channel->hang_up_all();
   }
+  // A channel, or the driver, broken by a read fault works again once the
+  // co-processor has gone down.
+  if (!up) {
+    for (ChannelServer* channel : channels()) channel->end_read_fault();
+    driver_->end_read_fault();
+  }
   if (!up) dfu_->reset_state();
   rma_->on_power(up);
 }

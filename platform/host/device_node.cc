@@ -7,6 +7,7 @@
 // is kept for the next reads. Control-device ioctls are one request message
 // and one answer message.
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -33,6 +34,10 @@ namespace {
 constexpr size_t kMaxPacket = 1 << 20;
 // How long an open waits for the device's open status.
 constexpr time_t kOpenStatusTimeoutSeconds = 10;
+// How long an ioctl waits for the device's answer: a driver whose
+// co-processor never answers fails the call with ETIMEDOUT, as a kernel
+// driver's bounded wait does, instead of holding the caller for ever.
+constexpr int kAnswerTimeoutMs = 5000;
 
 // Requests whose data travels beside the request block.
 constexpr unsigned long kResetRequest = 0xc0205605;
@@ -145,9 +150,18 @@ int node_ioctl(int fd, unsigned long request, void* arg) {
   void* reply = (request == kIpcRequest) ? user_pointer(block_word(block, kBlockReplyWord)) : nullptr;
   t_user_words.clear();
 
-  if (::send(fd, message.data(), message.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(message.size())) return -1;
   uint8_t answer[8 + kRequestBlock + kVersionRecord];
-  ssize_t n = ::recv(fd, answer, sizeof(answer), 0);
+  // An answer that came after its request timed out belongs to no request.
+  while (::recv(fd, answer, sizeof(answer), MSG_DONTWAIT) > 0) {
+  }
+  if (::send(fd, message.data(), message.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(message.size())) return -1;
+  struct pollfd waiting = {fd, POLLIN, 0};
+  const int ready = ::poll(&waiting, 1, kAnswerTimeoutMs);
+  if (ready <= 0) {
+    if (ready == 0) errno = ETIMEDOUT;
+    return -1;
+  }
+  ssize_t n = ::recv(fd, answer, sizeof(answer), MSG_DONTWAIT);
   if (n < static_cast<ssize_t>(8 + kRequestBlock)) {
     if (n >= 0) errno = EIO;
     return -1;
@@ -230,10 +244,20 @@ bool has_kept_bytes(int fd) {
   return it != g_nodes.end() && it->second.kept_left() > 0;
 }
 
-// True when the peer has closed and nothing is left to read.
+// True when the peer has closed and nothing is left to read. A peek reports,
+// and thereby clears, an error pending on the socket (ECONNRESET when the
+// device closed with our packet unread): it is kept for the next read, which
+// would otherwise see a plain end of stream.
 bool drained_and_closed(int fd) {
   uint8_t byte;
-  return ::recv(fd, &byte, sizeof(byte), MSG_PEEK | MSG_DONTWAIT) == 0;
+  const ssize_t n = ::recv(fd, &byte, sizeof(byte), MSG_PEEK | MSG_DONTWAIT);
+  if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK) {
+    const int err = errno;
+    std::lock_guard<std::mutex> lock(g_nodes_mutex);
+    auto it = g_nodes.find(fd);
+    if (it != g_nodes.end() && it->second.read_fault.count == 0) it->second.read_fault = Fault{err, 1};
+  }
+  return n == 0;
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <memory>
 #include <string>
 #include <thread>
@@ -70,6 +71,20 @@ TEST_F(PacketDeviceTest, ClosedPeerShowsHangUpAloneAndReadsReturnZero) {
   ASSERT_EQ(platform::poll(&entry, 1, 0), 1);
   EXPECT_EQ(entry.revents, POLLHUP);
   char byte;
+  EXPECT_EQ(platform::read(fd_, &byte, 1), 0);
+}
+
+TEST_F(PacketDeviceTest, PeerClosedWithOurPacketUnreadFailsTheNextReadOnceAfterThePoll) {
+  ASSERT_EQ(platform::write(fd_, "request", 7), 7);
+  ::close(peer_);  // the request still in its queue: a reset
+  peer_ = -1;
+  struct pollfd entry = {fd_, POLLIN | POLLHUP, 0};
+  ASSERT_EQ(platform::poll(&entry, 1, 0), 1);
+  EXPECT_TRUE(entry.revents & POLLIN) << "the error is there to be read";
+  char byte;
+  errno = 0;
+  EXPECT_EQ(platform::read(fd_, &byte, 1), -1);
+  EXPECT_EQ(errno, ECONNRESET);
   EXPECT_EQ(platform::read(fd_, &byte, 1), 0);
 }
 
