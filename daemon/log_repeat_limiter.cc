@@ -79,6 +79,15 @@ void LogRepeatLimiter::flushDue() {
   if (now >= next_due_) flushDueLocked(now);
 }
 
+void LogRepeatLimiter::restart() {
+  platform::lock_guard lock(mutex_);
+  for (Slot& slot : slots_) {
+    if (slot.used && slot.withheld != 0) writeSummaryLocked(slot);
+    slot.used = false;
+  }
+  next_due_ = kNoneDue;
+}
+
 // The daemon's clock is monotonic, but on the host a test that raises the
 // time scale turns it back: that counts as the end of every window.
 int64_t LogRepeatLimiter::nowLocked() {

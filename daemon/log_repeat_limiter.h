@@ -48,6 +48,9 @@ class LogRepeatLimiter {
   bool admit(int prio, const char* tag, const char* line) EXCLUDES(mutex_);
   // Writes the summaries of windows that have ended.
   void flushDue() EXCLUDES(mutex_);
+  // Writes every pending summary, whether its window has ended or not, and
+  // forgets every line.
+  void restart() EXCLUDES(mutex_);
 
  private:
   struct Slot {

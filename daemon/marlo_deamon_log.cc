@@ -61,5 +61,6 @@ bool print(int prio, const char* tag, const char* fmt, ...) {
 }
 
 void flush_repeat_summaries() { limiter().flushDue(); }
+void restart_repeat_counts() { limiter().restart(); }
 
 }  // namespace marlo_deamon_log

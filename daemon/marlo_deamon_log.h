@@ -48,6 +48,10 @@ bool print(int prio, const char* tag, const char* fmt, ...) __attribute__((forma
 // Writes the repeat summaries whose second has ended; the main loop calls it
 // once a second, so a summary never waits for a further line.
 void flush_repeat_summaries();
+// Writes every pending repeat summary now and starts every line's count
+// afresh. For a caller that begins a new count of the log's lines (a test's
+// log capture), which must not find lines withheld for an earlier count.
+void restart_repeat_counts();
 
 }  // namespace marlo_deamon_log
 
