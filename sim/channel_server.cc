@@ -61,7 +61,7 @@ void ChannelServer::record_hang_up(int fd) {
 }
 
 void ChannelServer::deliver_pending(std::chrono::milliseconds limit) {
-  if (!running_.load() || std::this_thread::get_id() == thread_.get_id()) return;
+  if (!running_.load() || std::this_thread::get_id() == loop_id_.load()) return;
   const auto deadline = std::chrono::steady_clock::now() + limit;
   auto waiting = [&deadline] {
     if (std::chrono::steady_clock::now() >= deadline) return false;
@@ -158,6 +158,7 @@ void ChannelServer::close_connection(int fd) {
 }
 
 void ChannelServer::run() {
+  loop_id_ = std::this_thread::get_id();
   Bytes packet;
   while (running_.load()) {
     std::vector<struct pollfd> fds;
