@@ -91,7 +91,7 @@ class ChannelServer {
   int wake_[2] = {-1, -1};
   std::atomic<bool> running_{false};
   std::atomic<uint64_t> passes_{0};  // loop iterations completed
-  std::thread thread_;  // owned by the thread that starts and stops the server
+  std::thread thread_;               // owned by the thread that starts and stops the server
   // The loop thread's id, for the other threads that ask whether they are it:
   // they may ask while start() is still assigning thread_.
   std::atomic<std::thread::id> loop_id_{};
