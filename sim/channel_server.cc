@@ -41,6 +41,7 @@ void ChannelServer::stop() {
   for (int fd : connections_) ::close(fd);
   connections_.clear();
   hung_up_.clear();
+  silent_.clear();
 }
 
 void ChannelServer::hang_up_all() {
@@ -101,7 +102,49 @@ std::unique_lock<std::mutex> ChannelServer::lock_for_capture() {
   return node_.capture() ? std::unique_lock<std::mutex>(capture_mutex_) : std::unique_lock<std::mutex>();
 }
 
-bool ChannelServer::send(int fd, const Bytes& packet) {
+void ChannelServer::arm_answer_fault(AnswerFault fault) {
+  std::lock_guard<std::mutex> lock(fault_mutex_);
+  answer_fault_ = fault;
+}
+
+void ChannelServer::half_close_all() {
+  std::unique_lock<std::mutex> capture_lock = lock_for_capture();
+  std::lock_guard<std::mutex> lock(connections_mutex_);
+  for (int fd : connections_) {
+    if (SessionCapture* capture = node_.capture()) {
+      capture->life(node_.capture_interface(), Direction::Inbound, "half-closed by co-processor");
+    }
+    ::shutdown(fd, SHUT_WR);
+  }
+}
+
+bool ChannelServer::inject(const Bytes& packet) {
+  std::unique_lock<std::mutex> capture_lock = lock_for_capture();
+  std::lock_guard<std::mutex> lock(connections_mutex_);
+  if (connections_.empty()) return false;
+  if (SessionCapture* capture = node_.capture()) {
+    capture->packet(node_.capture_interface(), Direction::Inbound, packet.data(), packet.size());
+  }
+  return send_packet(connections_.back(), packet.data(), packet.size());
+}
+
+bool ChannelServer::send(int fd, const Bytes& original) {
+  Bytes shaped;
+  const Bytes* to_send = &original;
+  {
+    std::lock_guard<std::mutex> fault_lock(fault_mutex_);
+    std::lock_guard<std::mutex> lock(connections_mutex_);
+    // A silenced co-processor answers nothing; to its handlers the answer went.
+    if (std::find(silent_.begin(), silent_.end(), fd) != silent_.end()) return true;
+    if (answer_fault_.kind != AnswerFault::Kind::None) {
+      shaped = original;
+      const AnswerShaping shaping = shape_answer(answer_fault_, shaped);
+      if (shaping.go_silent) silent_.push_back(fd);
+      if (!shaping.send) return true;
+      to_send = &shaped;
+    }
+  }
+  const Bytes& packet = *to_send;
   std::unique_lock<std::mutex> capture_lock = lock_for_capture();
   if (SessionCapture* capture = node_.capture()) {
     // A packet sent after the hang-up never reaches the daemon: not recorded.
@@ -133,6 +176,7 @@ void ChannelServer::close_connection(int fd) {
   {
     std::lock_guard<std::mutex> lock(connections_mutex_);
     connections_.erase(std::remove(connections_.begin(), connections_.end(), fd), connections_.end());
+    silent_.erase(std::remove(silent_.begin(), silent_.end(), fd), silent_.end());
     auto hung_up = std::find(hung_up_.begin(), hung_up_.end(), fd);
     if (hung_up != hung_up_.end()) {
       hung_up_.erase(hung_up);

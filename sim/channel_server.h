@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "sim/answer_fault.h"
 #include "sim/device_node.h"
 #include "sim/wire.h"
 
@@ -45,6 +46,16 @@ class ChannelServer {
   // handled; when it returns true the packet is dropped unhandled (the
   // co-processor went down with it). Fault injection at packet boundaries.
   void set_packet_observer(std::function<bool()> observer);
+  // Co-processor faults, from any thread. Arms `fault` for the channel's next
+  // answers (sim/answer_fault.h); it replaces a fault not yet applied.
+  void arm_answer_fault(AnswerFault fault);
+  // Half-closes every open connection: the co-processor's end sends nothing
+  // more but does not hang up, so the daemon reads end-of-stream for ever
+  // and sees no POLLHUP. New connections are whole again.
+  void half_close_all();
+  // Sends `packet` on the newest open connection as if the co-processor had
+  // sent it unasked; false when no connection is open.
+  bool inject(const Bytes& packet);
   // Records the node's traffic on `interface` of `capture`; call before start().
   void set_capture(std::shared_ptr<SessionCapture> capture, CaptureInterface interface) {
     node_.set_capture(std::move(capture), interface);
@@ -81,6 +92,9 @@ class ChannelServer {
   mutable std::mutex connections_mutex_;
   std::vector<int> connections_;  // in order of opening
   std::vector<int> hung_up_;      // connections the device hung up, guarded by connections_mutex_
+  std::vector<int> silent_;       // connections an answer fault silenced, guarded by connections_mutex_
+  std::mutex fault_mutex_;        // taken before connections_mutex_
+  AnswerFault answer_fault_;      // guarded by fault_mutex_
   std::mutex capture_mutex_;
   std::mutex observer_mutex_;
   std::function<bool()> observer_;  // guarded by observer_mutex_

@@ -1,0 +1,287 @@
+#include "device_under_test.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <functional>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "common/crc32.h"
+#include "sim/device_root.h"
+#include "sim/dfu_message.h"
+#include "sim/flash_check.h"
+#include "sim/uevent_sender.h"
+#include "support/wakelock_records.h"
+
+namespace marlo::property {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// The daemon's fixed waits (1 s per boot attempt, 2 s after misc data) kept
+// at a few milliseconds. Poll time-outs are not scaled.
+constexpr double kTimeScale = 0.01;
+// A reset request is served within this (real time).
+constexpr int kResetServedMs = 5000;
+// The work a script leaves (a download, a push after a power-up) ends within
+// this once the co-processor stays quiet. Generous: CI machines are loaded.
+constexpr int kSettleMs = 12000;
+// The window over which a quiet daemon's CPU time and log growth are taken.
+constexpr int kQuietWindowMs = 1000;
+constexpr double kMaxCoreShare = 0.05;
+constexpr long kMaxLogBytesPerSecond = 64 * 1024;
+
+constexpr const char* kResetProperty = "vendor.marlo_reset";
+
+bool wait_until(const std::function<bool()>& condition, int timeout_ms) {
+  const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+  while (!condition()) {
+    if (Clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return true;
+}
+
+int count_entries(const std::string& dir) {
+  std::error_code error;
+  int count = 0;
+  for (std::filesystem::directory_iterator it(dir, error), end; !error && it != end; it.increment(error)) ++count;
+  return error ? -1 : count;
+}
+
+// User and system time of the whole process (threads that ended included),
+// in seconds; negative when it cannot be read.
+double cpu_seconds(pid_t pid) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+  std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  const size_t end_of_name = text.rfind(')');
+  if (end_of_name == std::string::npos) return -1;
+  std::istringstream fields(text.substr(end_of_name + 2));
+  std::string field;
+  unsigned long long utime = 0, stime = 0;
+  // Fields from the state (3rd) on: utime and stime are the 14th and 15th.
+  for (int number = 3; number <= 15 && fields >> field; ++number) {
+    if (number == 14) utime = std::strtoull(field.c_str(), nullptr, 10);
+    if (number == 15) stime = std::strtoull(field.c_str(), nullptr, 10);
+  }
+  return static_cast<double>(utime + stime) / static_cast<double>(::sysconf(_SC_CLK_TCK));
+}
+
+long file_size(const std::string& path) {
+  struct stat st {};
+  return ::stat(path.c_str(), &st) == 0 ? static_cast<long>(st.st_size) : 0;
+}
+
+sim::Bytes hostile_dfu_message(uint32_t kind) {
+  // An answer the co-processor never owes: a state answer with the words of
+  // a session in progress, then damaged as the kind says.
+  sim::Bytes m = sim::make_dfu_message(sim::kSpclOperationResp, {sim::kSpclOpGetState, sim::kStateOffsetReq, 7});
+  switch (kind) {
+    case kWrongMagic: sim::put_u32(m, 4, 0xDEADBEEF); break;
+    case kWrongCrc: sim::put_u32(m, 12, sim::get_u32(m, 12) ^ 0x5A5A5A5A); break;
+    case kLengthTooLong: sim::put_u32(m, 8, 0x7FFFFFF0); break;
+    case kLengthTooShort: sim::put_u32(m, 8, 8); break;
+    case kUnknownCommand: m = sim::make_dfu_message(0x4242, {1, 2, 3}); break;
+    case kHeaderOnlyHalf: m.resize(sim::kDfuHeaderSize / 2); break;
+    default: break;
+  }
+  return m;
+}
+
+sim::AnswerFault misc_fault(const Step& step) {
+  sim::AnswerFault fault;
+  fault.skip = static_cast<int>(step.arg);
+  switch (step.detail & 0xFF) {
+    case kMiscFailure:
+      fault.kind = sim::AnswerFault::Kind::ReplaceWord;
+      fault.word_offset = 16;  // the answer's status word
+      fault.word = static_cast<uint32_t>(-EIO);
+      break;
+    case kMiscSilence: fault.kind = sim::AnswerFault::Kind::Silence; break;
+    default:
+      fault.kind = sim::AnswerFault::Kind::CutShort;
+      fault.cut_to = step.detail >> 8;
+      break;
+  }
+  return fault;
+}
+
+}  // namespace
+
+DeviceUnderTest::DeviceUnderTest(Variant variant, std::string* start_error) {
+  script_.variant = variant;
+  root_ = sim::make_temp_root("marlo-property");
+  shipped_ = sim::VirtualDevice::build_sample_root(root_);
+  sim::DeviceOptions options;
+  if (variant == Variant::Noflash) {
+    options.variant = sim::Variant::NoflashPsram;
+    options.flash = sim::FlashContents::Empty;
+    options.running_at_start = true;
+    rma_runs_at_power_up_ = 0;
+  } else {
+    // Older firmware in flash and the update flag set: a download at start.
+    sim::set_property(root_, "persist.vendor.zt_aon.dfu_update", "1");
+  }
+  device_ = std::make_unique<sim::VirtualDevice>(root_, options);
+  *start_error = start_daemon();
+}
+
+DeviceUnderTest::~DeviceUnderTest() {
+  daemon_.reset();
+  device_.reset();
+  if (keep_root_) return;
+  std::error_code ignored;
+  std::filesystem::remove_all(root_, ignored);
+}
+
+std::string DeviceUnderTest::start_daemon() {
+  const char* build = std::getenv("MARLO_BUILD_DIR");
+  const std::string marlod = std::string(build ? build : ".") + "/marlod";
+  if (::access(marlod.c_str(), X_OK) != 0) return marlod + " is not built";
+  ++starts_;
+  log_file_ = root_ + "/sim/marlod-" + std::to_string(starts_) + ".log";
+  sim::DaemonSettings settings{marlod, root_, log_file_, root_ + "/sim/marlod-" + std::to_string(starts_) + ".stderr",
+                               kTimeScale};
+  daemon_ = std::make_unique<sim::DaemonProcess>(settings);
+  std::string error;
+  return daemon_->start(&error) ? "" : error;
+}
+
+void DeviceUnderTest::note_power_up() {
+  if (script_.variant == Variant::Noflash) rma_runs_at_power_up_ = device_->rma().status().runs_completed;
+}
+
+std::string DeviceUnderTest::apply(const Step& step) {
+  script_.steps.push_back(step);
+  switch (step.action) {
+    case Action::Wait: std::this_thread::sleep_for(std::chrono::milliseconds(step.arg)); break;
+    case Action::Restart:
+      device_->coprocessor().restart(static_cast<int>(step.arg));
+      if (device_->coprocessor().running()) note_power_up();
+      break;
+    case Action::PowerEvents:
+      if (step.arg == 0) sim::send_uevent(root_, sim::marlo_uevent(sim::kEventPowerDown));
+      sim::send_uevent(root_, sim::marlo_uevent(sim::kEventPowerUp));
+      break;
+    case Action::HalfClose: {
+      sim::ChannelServer* channels[] = {&device_->dfu(), &device_->misc(), &device_->rma()};
+      channels[step.arg % 3]->half_close_all();
+      break;
+    }
+    case Action::MiscAnswer: device_->misc().arm_answer_fault(misc_fault(step)); break;
+    case Action::DfuHostile: device_->dfu().inject(hostile_dfu_message(step.arg)); break;
+    case Action::Reset: {
+      const uint64_t boots = device_->coprocessor().boots();
+      sim::set_property(root_, kResetProperty, "1");
+      if (!wait_until([&] { return sim::get_property(root_, kResetProperty) == "0"; }, kResetServedMs)) {
+        return "the reset request was not served within " + std::to_string(kResetServedMs / 1000) + " s";
+      }
+      // The reset restarts the co-processor: its power-up asks for a push.
+      if (wait_until([&] { return device_->coprocessor().boots() > boots; }, kResetServedMs)) note_power_up();
+      break;
+    }
+    case Action::Relaunch: {
+      daemon_.reset();
+      const std::string error = start_daemon();
+      if (!error.empty()) return "marlod could not be started again: " + error;
+      break;
+    }
+  }
+  return check_running();
+}
+
+std::string DeviceUnderTest::check_running() const {
+  int status = 0;
+  if (!daemon_->alive(&status)) {
+    return "marlod ended (wait status " + std::to_string(status) + "); its log is " + log_file_;
+  }
+  const sim::DfuStatus dfu = device_->dfu().status();
+  if (dfu.crc_errors + dfu.protocol_errors > 0) {
+    return "the daemon sent " + std::to_string(dfu.crc_errors) + " DFU message(s) with a wrong CRC and " +
+           std::to_string(dfu.protocol_errors) + " out of protocol";
+  }
+  const sim::MiscStatus misc = device_->misc().status();
+  if (!misc.problems.empty()) return "misc data the co-processor rejected: " + misc.problems.front();
+  const sim::RmaStatus rma = device_->rma().status();
+  if (rma.bad_answers > 0) {
+    return "bad RMA answer(s): " + (rma.problems.empty() ? std::string("?") : rma.problems.front());
+  }
+  return "";
+}
+
+std::string DeviceUnderTest::work_left() const {
+  if (script_.variant == Variant::Flash) {
+    const sim::DfuStatus dfu = device_->dfu().status();
+    if (dfu.sessions_completed < 1) return "the firmware download never completed";
+    if (!device_->coprocessor().running()) return "the co-processor was left down";
+    if (device_->coprocessor().boot_mode() != sim::kBootModeFlash) return "the co-processor was left in HOST mode";
+    const std::vector<std::string> problems =
+        sim::verify_flash(device_->flash(), shipped_, sim::expected_platform_block(sim::RootOptions{}));
+    if (!problems.empty()) return "the flash is not exact after the download: " + problems.front();
+    return "";
+  }
+  if (device_->misc().open_connections() > 0) return "the misc-data push never ended (its channel stays open)";
+  if (device_->rma().open_connections() < 1) return "no RMA client serves the co-processor";
+  if (rma_runs_at_power_up_ >= 0 && device_->rma().status().runs_completed <= rma_runs_at_power_up_) {
+    return "the RMA workload after the last power-up never completed";
+  }
+  return "";
+}
+
+ProcessShape DeviceUnderTest::shape() const {
+  const std::string proc = "/proc/" + std::to_string(daemon_->pid());
+  return ProcessShape{count_entries(proc + "/fd"), count_entries(proc + "/task")};
+}
+
+std::string DeviceUnderTest::check_quiet_window() const {
+  const pid_t pid = daemon_->pid();
+  const double cpu_before = cpu_seconds(pid);
+  const long log_before = file_size(log_file_);
+  const auto start = Clock::now();
+  std::this_thread::sleep_for(std::chrono::milliseconds(kQuietWindowMs));
+  const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  const double share = (cpu_seconds(pid) - cpu_before) / seconds;
+  const double log_rate = static_cast<double>(file_size(log_file_) - log_before) / seconds;
+  std::ostringstream out;
+  if (share >= kMaxCoreShare) out << "a quiet daemon uses " << static_cast<int>(share * 100) << "% of a core";
+  if (log_rate >= kMaxLogBytesPerSecond) {
+    out << (out.tellp() > 0 ? "; " : "") << "a quiet daemon logs " << static_cast<long>(log_rate / 1024)
+        << " KiB a second";
+  }
+  return out.str();
+}
+
+std::string DeviceUnderTest::quiesce(const ProcessShape* baseline) {
+  if (std::string broken = check_running(); !broken.empty()) return broken;
+  wait_until([&] { return work_left().empty(); }, kSettleMs);
+  // Spin and log flood first: they are what a stuck daemon shows most.
+  if (std::string noisy = check_quiet_window(); !noisy.empty()) return noisy;
+  if (std::string left = work_left(); !left.empty()) return left;
+  const std::string lock = sim::read_text(root_ + "/sys/power/wake_lock");
+  const std::string unlock = sim::read_text(root_ + "/sys/power/wake_unlock");
+  const size_t takes = test::wakelock_records(lock);
+  const size_t releases = test::wakelock_records(unlock);
+  if (takes != releases) {
+    return "the kernel wakelock is not released at quiescence (" + std::to_string(takes) + " takes, " +
+           std::to_string(releases) + " releases)";
+  }
+  if (baseline != nullptr) {
+    const ProcessShape now = shape();
+    if (now.descriptors != baseline->descriptors || now.threads != baseline->threads) {
+      return "descriptors/threads at quiescence " + std::to_string(now.descriptors) + "/" +
+             std::to_string(now.threads) + ", baseline " + std::to_string(baseline->descriptors) + "/" +
+             std::to_string(baseline->threads);
+    }
+  }
+  return check_running();
+}
+
+}  // namespace marlo::property

@@ -1,0 +1,197 @@
+// A generated co-processor against the unmodified daemon: RapidCheck builds
+// sequences of what a co-processor can do (answers good and bad, hang-ups,
+// half-closed channels, outages of any length, resets, the daemon killed
+// and started again), runs them against build/marlod over the virtual
+// device, checks the invariants after every step and at the end, and
+// shrinks a failure to its shortest sequence. That sequence is printed and
+// written as a script (MARLO_PROPERTY_FAILURE_DIR, default the build
+// directory's property-failures/) that the regression cases below replay
+// once it is copied to tests/property/regressions/.
+//
+// Budget: kSuiteSequences sequences of at most kSuiteSize steps unless
+// RC_PARAMS says otherwise ("seed=N" reproduces a run; scripts/explore.sh
+// runs long explorations with random seeds).
+#include <gtest/gtest.h>
+#include <rapidcheck.h>
+#include <rapidcheck/state.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <sstream>
+
+#include "device_under_test.h"
+#include "steps.h"
+
+namespace marlo::property {
+namespace {
+
+constexpr int kSuiteSequences = 20;
+constexpr int kSuiteSize = 6;
+
+struct Model {
+  Variant variant = Variant::Flash;
+};
+
+Step make_step(Action action, uint32_t arg, uint32_t detail = 0) { return Step{action, arg, detail}; }
+
+// What a co-processor of the variant can do next. The weights favour the
+// behaviours that have found faults before: outages, half-closed channels,
+// misc-data answers cut short.
+rc::Gen<Step> next_step(Variant variant) {
+  using rc::gen::inRange;
+  using rc::gen::map;
+  const rc::Gen<Step> wait = map(inRange<uint32_t>(10, 800), [](uint32_t ms) { return make_step(Action::Wait, ms); });
+  const rc::Gen<Step> restart =
+      map(inRange<uint32_t>(10, 1200), [](uint32_t ms) { return make_step(Action::Restart, ms); });
+  const rc::Gen<Step> power_events =
+      map(inRange<uint32_t>(0, 2), [](uint32_t kind) { return make_step(Action::PowerEvents, kind); });
+  const rc::Gen<Step> half_close =
+      map(inRange<uint32_t>(0, 3), [](uint32_t channel) { return make_step(Action::HalfClose, channel); });
+  const rc::Gen<Step> reset = rc::gen::just(make_step(Action::Reset, 0));
+  const rc::Gen<Step> relaunch = rc::gen::just(make_step(Action::Relaunch, 0));
+  if (variant == Variant::Flash) {
+    const rc::Gen<Step> hostile =
+        map(inRange<uint32_t>(0, 6), [](uint32_t kind) { return make_step(Action::DfuHostile, kind); });
+    return rc::gen::weightedOneOf<Step>(
+        {{3, wait}, {4, restart}, {1, power_events}, {2, half_close}, {2, hostile}, {1, reset}, {1, relaunch}});
+  }
+  const rc::Gen<Step> misc_answer =
+      map(rc::gen::tuple(inRange<uint32_t>(0, 8), inRange<uint32_t>(0, 3), inRange<uint32_t>(1, 24)),
+          [](const std::tuple<uint32_t, uint32_t, uint32_t>& t) {
+            return make_step(Action::MiscAnswer, std::get<0>(t), std::get<1>(t) | std::get<2>(t) << 8);
+          });
+  return rc::gen::weightedOneOf<Step>(
+      {{3, wait}, {3, restart}, {1, power_events}, {2, half_close}, {4, misc_answer}, {1, reset}, {1, relaunch}});
+}
+
+std::string failure_dir() {
+  if (const char* dir = std::getenv("MARLO_PROPERTY_FAILURE_DIR"); dir != nullptr && *dir != '\0') return dir;
+  const char* build = std::getenv("MARLO_BUILD_DIR");
+  return std::string(build ? build : ".") + "/property-failures";
+}
+
+// The failing script, overwritten by every failing run: shrinking only
+// keeps a failing sequence shorter than the one before, so the last one
+// written is the shortest.
+std::string record_failure(const DeviceUnderTest& dut, const std::string& violation) {
+  std::filesystem::create_directories(failure_dir());
+  const std::string path = failure_dir() + "/generated-coprocessor-seed" +
+                           std::to_string(rc::detail::configuration().testParams.seed) + ".script";
+  std::ofstream(path) << "# " << violation << "\n" << format_script(dut.script());
+  return path;
+}
+
+void fail_with(const DeviceUnderTest& dut, const std::string& violation) {
+  record_failure(dut, violation);
+  RC_FAIL(violation);
+}
+
+struct Act : rc::state::Command<Model, DeviceUnderTest> {
+  Step step;
+  explicit Act(const Model& model) : step(*next_step(model.variant)) {}
+  void run(const Model&, DeviceUnderTest& dut) const override {
+    const std::string violation = dut.apply(step);
+    if (!violation.empty()) fail_with(dut, violation);
+  }
+  void show(std::ostream& os) const override { os << show_step(step); }
+};
+
+// Descriptors and threads of a daemon that did its start-up work with no
+// fault, per variant: what every quiet daemon must be back to.
+const ProcessShape& reference_shape(Variant variant) {
+  static std::map<Variant, ProcessShape> shapes;
+  auto found = shapes.find(variant);
+  if (found != shapes.end()) return found->second;
+  std::string error;
+  DeviceUnderTest clean(variant, &error);
+  ProcessShape shape;
+  if (error.empty() && clean.quiesce(nullptr).empty()) shape = clean.shape();
+  return shapes.emplace(variant, shape).first->second;
+}
+
+// The test's parameters: RapidCheck's configuration (RC_PARAMS, seed
+// printed) with the suite's budget where RC_PARAMS does not set one.
+rc::detail::TestParams suite_params() {
+  rc::detail::TestParams params = rc::detail::configuration().testParams;
+  const char* given = std::getenv("RC_PARAMS");
+  const std::string text = given ? given : "";
+  if (text.find("max_success") == std::string::npos) params.maxSuccess = kSuiteSequences;
+  if (text.find("max_size") == std::string::npos) params.maxSize = kSuiteSize;
+  return params;
+}
+
+TEST(GeneratedCoprocessor, EveryBehaviourLeavesTheDaemonServingAndQuiet) {
+  const rc::detail::TestParams params = suite_params();
+  std::cout << "generated co-processor: seed=" << params.seed << " sequences=" << params.maxSuccess
+            << " max_size=" << params.maxSize << " (RC_PARAMS=\"seed=" << params.seed << "\" reproduces)\n";
+  rc::detail::TestMetadata metadata;
+  metadata.id = "GeneratedCoprocessor";
+  metadata.description = "generated co-processor";
+  const rc::detail::TestResult result = rc::detail::checkTestable(
+      [] {
+        const Variant variant = *rc::gen::element(Variant::Flash, Variant::Noflash);
+        const ProcessShape& baseline = reference_shape(variant);
+        std::string error;
+        DeviceUnderTest dut(variant, &error);
+        RC_ASSERT(error.empty());
+        rc::state::check(Model{variant}, dut, rc::state::gen::execOneOfWithArgs<Act>());
+        const std::string violation = dut.quiesce(&baseline);
+        if (!violation.empty()) fail_with(dut, violation);
+      },
+      metadata, params);
+  std::ostringstream message;
+  rc::detail::printResultMessage(result, message);
+  if (result.template is<rc::detail::SuccessResult>()) {
+    std::cout << message.str() << "\n";
+    return;
+  }
+  const std::string script = failure_dir() + "/generated-coprocessor-seed" + std::to_string(params.seed) + ".script";
+  std::ifstream in(script);
+  const std::string shortest((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  FAIL() << message.str() << "\nshortest failing script, saved as " << script << ":\n" << shortest;
+}
+
+// Sequences the generator once found, replayed as they were shrunk.
+class GeneratedCoprocessorRegression : public ::testing::TestWithParam<std::string> {};
+
+TEST_P(GeneratedCoprocessorRegression, ReplaysClean) {
+  std::ifstream in(GetParam());
+  const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  std::string error;
+  const std::optional<Script> script = parse_script(text, &error);
+  ASSERT_TRUE(script.has_value()) << GetParam() << ": " << error;
+  const ProcessShape& baseline = reference_shape(script->variant);
+  DeviceUnderTest dut(script->variant, &error);
+  ASSERT_EQ(error, "");
+  for (const Step& step : script->steps) {
+    const std::string violation = dut.apply(step);
+    ASSERT_EQ(violation, "") << "at step: " << show_step(step);
+  }
+  EXPECT_EQ(dut.quiesce(&baseline), "");
+}
+
+std::vector<std::string> regression_scripts() {
+  std::vector<std::string> paths;
+  std::error_code ignored;
+  for (const auto& entry : std::filesystem::directory_iterator(MARLO_PROPERTY_REGRESSIONS, ignored)) {
+    if (entry.path().extension() == ".script") paths.push_back(entry.path().string());
+  }
+  std::sort(paths.begin(), paths.end());
+  return paths;
+}
+
+INSTANTIATE_TEST_SUITE_P(Found, GeneratedCoprocessorRegression, ::testing::ValuesIn(regression_scripts()),
+                         [](const ::testing::TestParamInfo<std::string>& info) {
+                           std::string name = std::filesystem::path(info.param).stem().string();
+                           for (char& c : name) {
+                             if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
+                           }
+                           return name;
+                         });
+GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(GeneratedCoprocessorRegression);
+
+}  // namespace
+}  // namespace marlo::property
