@@ -4,12 +4,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <functional>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <map>
 #include <sstream>
 #include <thread>
 
@@ -80,6 +82,22 @@ long file_size(const std::string& path) {
   return ::stat(path.c_str(), &st) == 0 ? static_cast<long>(st.st_size) : 0;
 }
 
+// The message logged most often in the log file from byte `from` on, with
+// its count: what a noisy daemon repeats.
+std::string most_repeated_line(const std::string& log_file, long from) {
+  std::ifstream in(log_file);
+  in.seekg(from);
+  std::map<std::string, int> counts;
+  std::string line;
+  while (std::getline(in, line)) {
+    const size_t msg = line.find("\"msg\": ");
+    if (msg != std::string::npos) ++counts[line.substr(msg + 7, 100)];
+  }
+  auto top =
+      std::max_element(counts.begin(), counts.end(), [](const auto& a, const auto& b) { return a.second < b.second; });
+  return top == counts.end() ? "" : std::to_string(top->second) + " x " + top->first;
+}
+
 sim::Bytes hostile_dfu_message(uint32_t kind) {
   // An answer the co-processor never owes: a state answer with the words of
   // a session in progress, then damaged as the kind says.
@@ -125,7 +143,7 @@ DeviceUnderTest::DeviceUnderTest(Variant variant, std::string* start_error) {
     options.variant = sim::Variant::NoflashPsram;
     options.flash = sim::FlashContents::Empty;
     options.running_at_start = true;
-    rma_runs_at_power_up_ = 0;
+    runs_before_power_up_ = 0;
   } else {
     // Older firmware in flash and the update flag set: a download at start.
     sim::set_property(root_, "persist.vendor.zt_aon.dfu_update", "1");
@@ -155,8 +173,10 @@ std::string DeviceUnderTest::start_daemon() {
   return daemon_->start(&error) ? "" : error;
 }
 
-void DeviceUnderTest::note_power_up() {
-  if (script_.variant == Variant::Noflash) rma_runs_at_power_up_ = device_->rma().status().runs_completed;
+void DeviceUnderTest::note_restart() {
+  // A run in progress is abandoned when the co-processor goes down: the run
+  // that must complete is one started after this.
+  if (script_.variant == Variant::Noflash) runs_before_power_up_ = device_->rma().status().runs_started;
 }
 
 std::string DeviceUnderTest::apply(const Step& step) {
@@ -164,8 +184,8 @@ std::string DeviceUnderTest::apply(const Step& step) {
   switch (step.action) {
     case Action::Wait: std::this_thread::sleep_for(std::chrono::milliseconds(step.arg)); break;
     case Action::Restart:
+      note_restart();
       device_->coprocessor().restart(static_cast<int>(step.arg));
-      if (device_->coprocessor().running()) note_power_up();
       break;
     case Action::PowerEvents:
       if (step.arg == 0) sim::send_uevent(root_, sim::marlo_uevent(sim::kEventPowerDown));
@@ -179,13 +199,11 @@ std::string DeviceUnderTest::apply(const Step& step) {
     case Action::MiscAnswer: device_->misc().arm_answer_fault(misc_fault(step)); break;
     case Action::DfuHostile: device_->dfu().inject(hostile_dfu_message(step.arg)); break;
     case Action::Reset: {
-      const uint64_t boots = device_->coprocessor().boots();
+      note_restart();
       sim::set_property(root_, kResetProperty, "1");
       if (!wait_until([&] { return sim::get_property(root_, kResetProperty) == "0"; }, kResetServedMs)) {
         return "the reset request was not served within " + std::to_string(kResetServedMs / 1000) + " s";
       }
-      // The reset restarts the co-processor: its power-up asks for a push.
-      if (wait_until([&] { return device_->coprocessor().boots() > boots; }, kResetServedMs)) note_power_up();
       break;
     }
     case Action::Relaunch: {
@@ -230,8 +248,10 @@ std::string DeviceUnderTest::work_left() const {
   }
   if (device_->misc().open_connections() > 0) return "the misc-data push never ended (its channel stays open)";
   if (device_->rma().open_connections() < 1) return "no RMA client serves the co-processor";
-  if (rma_runs_at_power_up_ >= 0 && device_->rma().status().runs_completed <= rma_runs_at_power_up_) {
-    return "the RMA workload after the last power-up never completed";
+  const sim::RmaStatus rma = device_->rma().status();
+  if (runs_before_power_up_ >= 0 && static_cast<int>(rma.last_completed_run) <= runs_before_power_up_) {
+    return "the RMA workload after the last power-up never completed (runs started " +
+           std::to_string(rma.runs_started) + ", completed " + std::to_string(rma.runs_completed) + ")";
   }
   return "";
 }
@@ -256,6 +276,7 @@ std::string DeviceUnderTest::check_quiet_window() const {
     out << (out.tellp() > 0 ? "; " : "") << "a quiet daemon logs " << static_cast<long>(log_rate / 1024)
         << " KiB a second";
   }
+  if (out.tellp() > 0) out << " (most logged: " << most_repeated_line(log_file_, log_before) << ")";
   return out.str();
 }
 

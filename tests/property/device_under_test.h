@@ -54,7 +54,7 @@ class DeviceUnderTest {
   std::string check_running() const;
   std::string work_left() const;
   std::string check_quiet_window() const;
-  void note_power_up();
+  void note_restart();
 
   Script script_;
   std::string root_;
@@ -64,9 +64,9 @@ class DeviceUnderTest {
   std::string log_file_;
   int starts_ = 0;
   bool keep_root_ = false;
-  // The RMA workload runs that had completed when the co-processor last came
-  // up; a later run must complete. -1 while no power-up asks for one.
-  int rma_runs_at_power_up_ = -1;
+  // RMA workload runs the co-processor had started before it last went
+  // down; a run started after it must complete. -1: no run is owed.
+  int runs_before_power_up_ = -1;
 };
 
 }  // namespace marlo::property

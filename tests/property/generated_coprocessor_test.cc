@@ -8,18 +8,23 @@
 // directory's property-failures/) that the regression cases below replay
 // once it is copied to tests/property/regressions/.
 //
-// Budget: kSuiteSequences sequences of at most kSuiteSize steps unless
+// MARLO_PROPERTY_VARIANT and MARLO_PROPERTY_OFF narrow the generation (see
+// below). Budget: kSuiteSequences sequences of at most kSuiteSize steps unless
 // RC_PARAMS says otherwise ("seed=N" reproduces a run; scripts/explore.sh
 // runs long explorations with random seeds).
 #include <gtest/gtest.h>
 #include <rapidcheck.h>
 #include <rapidcheck/state.h>
 
+#include <algorithm>
+#include <cctype>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <map>
+#include <optional>
 #include <sstream>
 
 #include "device_under_test.h"
@@ -30,6 +35,12 @@ namespace {
 
 constexpr int kSuiteSequences = 20;
 constexpr int kSuiteSize = 6;
+
+}  // namespace
+
+void showValue(Variant variant, std::ostream& os) { os << (variant == Variant::Noflash ? "noflash" : "flash"); }
+
+namespace {
 
 struct Model {
   Variant variant = Variant::Flash;
@@ -67,6 +78,28 @@ rc::Gen<Step> next_step(Variant variant) {
       {{3, wait}, {3, restart}, {1, power_events}, {2, half_close}, {4, misc_answer}, {1, reset}, {1, relaunch}});
 }
 
+// MARLO_PROPERTY_OFF names actions (as scripts spell them, separated by
+// commas) that are not generated: an exploration past a fault already known.
+bool action_enabled(Action action) {
+  const char* off = std::getenv("MARLO_PROPERTY_OFF");
+  if (off == nullptr) return true;
+  const std::string name = show_step(Step{action, 0, 0});
+  std::istringstream list(off);
+  std::string item;
+  while (std::getline(list, item, ',')) {
+    if (!item.empty() && name.compare(0, item.size() + 1, item + " ") == 0) return false;
+  }
+  return true;
+}
+
+// MARLO_PROPERTY_VARIANT=flash|noflash keeps to one variant.
+rc::Gen<Variant> variants() {
+  const char* only = std::getenv("MARLO_PROPERTY_VARIANT");
+  if (only != nullptr && std::string(only) == "flash") return rc::gen::just(Variant::Flash);
+  if (only != nullptr && std::string(only) == "noflash") return rc::gen::just(Variant::Noflash);
+  return rc::gen::element(Variant::Flash, Variant::Noflash);
+}
+
 std::string failure_dir() {
   if (const char* dir = std::getenv("MARLO_PROPERTY_FAILURE_DIR"); dir != nullptr && *dir != '\0') return dir;
   const char* build = std::getenv("MARLO_BUILD_DIR");
@@ -84,14 +117,21 @@ std::string record_failure(const DeviceUnderTest& dut, const std::string& violat
   return path;
 }
 
+using Clock = std::chrono::steady_clock;
+// When the property first failed in this process: the time to find a
+// failure, apart from the time to shrink it.
+std::optional<Clock::time_point> first_failure;
+
 void fail_with(const DeviceUnderTest& dut, const std::string& violation) {
+  if (!first_failure) first_failure = Clock::now();
   record_failure(dut, violation);
   RC_FAIL(violation);
 }
 
 struct Act : rc::state::Command<Model, DeviceUnderTest> {
   Step step;
-  explicit Act(const Model& model) : step(*next_step(model.variant)) {}
+  explicit Act(const Model& model)
+      : step(*rc::gen::suchThat(next_step(model.variant), [](const Step& s) { return action_enabled(s.action); })) {}
   void run(const Model&, DeviceUnderTest& dut) const override {
     const std::string violation = dut.apply(step);
     if (!violation.empty()) fail_with(dut, violation);
@@ -127,12 +167,13 @@ TEST(GeneratedCoprocessor, EveryBehaviourLeavesTheDaemonServingAndQuiet) {
   const rc::detail::TestParams params = suite_params();
   std::cout << "generated co-processor: seed=" << params.seed << " sequences=" << params.maxSuccess
             << " max_size=" << params.maxSize << " (RC_PARAMS=\"seed=" << params.seed << "\" reproduces)\n";
+  const Clock::time_point start = Clock::now();
   rc::detail::TestMetadata metadata;
   metadata.id = "GeneratedCoprocessor";
   metadata.description = "generated co-processor";
   const rc::detail::TestResult result = rc::detail::checkTestable(
       [] {
-        const Variant variant = *rc::gen::element(Variant::Flash, Variant::Noflash);
+        const Variant variant = *variants();
         const ProcessShape& baseline = reference_shape(variant);
         std::string error;
         DeviceUnderTest dut(variant, &error);
@@ -147,6 +188,11 @@ TEST(GeneratedCoprocessor, EveryBehaviourLeavesTheDaemonServingAndQuiet) {
   if (result.template is<rc::detail::SuccessResult>()) {
     std::cout << message.str() << "\n";
     return;
+  }
+  const auto seconds = [](Clock::duration d) { return std::chrono::duration_cast<std::chrono::seconds>(d).count(); };
+  if (first_failure) {
+    std::cout << "first failure after " << seconds(*first_failure - start) << " s, shrunk in "
+              << seconds(Clock::now() - *first_failure) << " s\n";
   }
   const std::string script = failure_dir() + "/generated-coprocessor-seed" + std::to_string(params.seed) + ".script";
   std::ifstream in(script);
@@ -168,9 +214,14 @@ TEST_P(GeneratedCoprocessorRegression, ReplaysClean) {
   ASSERT_EQ(error, "");
   for (const Step& step : script->steps) {
     const std::string violation = dut.apply(step);
-    ASSERT_EQ(violation, "") << "at step: " << show_step(step);
+    if (!violation.empty()) dut.keep_root();
+    ASSERT_EQ(violation, "") << "at step: " << show_step(step) << "; device root kept: " << dut.root();
   }
   EXPECT_EQ(dut.quiesce(&baseline), "");
+  if (HasFailure()) {
+    dut.keep_root();
+    std::cout << "device root kept for inspection: " << dut.root() << "\n";
+  }
 }
 
 std::vector<std::string> regression_scripts() {

@@ -33,8 +33,9 @@ const char* name_of(Action action) {
 std::string explain(const Step& step) {
   static const char* const kChannels[] = {"dfu", "misc", "rma"};
   static const char* const kMisc[] = {"failure status", "no answer then silence", "cut short then silence"};
-  static const char* const kHostile[] = {"wrong magic",          "wrong CRC", "length beyond the packet",
-                                         "length short of packet", "unknown command", "half a header"};
+  static const char* const kHostile[] = {
+      "wrong magic",     "wrong CRC",    "length beyond the packet", "length short of packet",
+      "unknown command", "half a header"};
   switch (step.action) {
     case Action::Wait: return std::to_string(step.arg) + " ms";
     case Action::Restart: return "offline " + std::to_string(step.arg) + " ms";
@@ -56,8 +57,8 @@ std::string explain(const Step& step) {
 }  // namespace
 
 std::string show_step(const Step& step) {
-  std::string text = std::string(name_of(step.action)) + " " + std::to_string(step.arg) + " " +
-                     std::to_string(step.detail);
+  std::string text =
+      std::string(name_of(step.action)) + " " + std::to_string(step.arg) + " " + std::to_string(step.detail);
   const std::string why = explain(step);
   return why.empty() ? text : text + "  # " + why;
 }
