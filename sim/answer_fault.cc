@@ -7,7 +7,8 @@ std::string AnswerFault::describe() const {
   switch (kind) {
     case Kind::CutShort: return "answer cut to " + std::to_string(cut_to) + " bytes, then silence" + after;
     case Kind::Silence: return "no answer, then silence" + after;
-    case Kind::ReplaceWord: return "answer word at " + std::to_string(word_offset) + " set to " + std::to_string(word) + after;
+    case Kind::ReplaceWord:
+      return "answer word at " + std::to_string(word_offset) + " set to " + std::to_string(word) + after;
     case Kind::None: break;
   }
   return "no fault";

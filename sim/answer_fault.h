@@ -26,7 +26,7 @@ struct AnswerFault {
 
 // What the channel does with one answer while a fault is armed.
 struct AnswerShaping {
-  bool send = true;       // false: the answer is not sent
+  bool send = true;        // false: the answer is not sent
   bool go_silent = false;  // no later answer on this connection is sent
   bool fault_spent = false;
 };

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -14,6 +15,7 @@
 #include <map>
 #include <sstream>
 #include <thread>
+#include <utility>
 
 #include "common/crc32.h"
 #include "sim/device_root.h"
@@ -42,6 +44,11 @@ constexpr int kQuietWindowMs = 1000;
 constexpr int kLogLandingMs = 300;
 constexpr double kMaxCoreShare = 0.05;
 constexpr long kMaxLogBytesPerSecond = 64 * 1024;
+
+// The RMA workload is between runs once it sent nothing for this long.
+constexpr int kWorkloadIdleMs = 200;
+// The daemon answers an RMA request within this, or is taken not to answer.
+constexpr int kRmaAnswerMs = 1000;
 
 constexpr const char* kResetProperty = "vendor.marlo_reset";
 
@@ -151,6 +158,12 @@ DeviceUnderTest::DeviceUnderTest(Variant variant, std::string* start_error) {
     sim::set_property(root_, "persist.vendor.zt_aon.dfu_update", "1");
   }
   device_ = std::make_unique<sim::VirtualDevice>(root_, options);
+  device_->rma().set_answer_tap([this](const sim::Bytes& answer) {
+    if (!RmaProbe::is_probe_answer(answer)) return false;
+    std::lock_guard<std::mutex> lock(answers_mutex_);
+    probe_answers_.push_back(answer);
+    return true;
+  });
   *start_error = start_daemon();
 }
 
@@ -208,7 +221,11 @@ std::string DeviceUnderTest::apply(const Step& step) {
       }
       break;
     }
+    case Action::Rma:
+      if (std::string wrong = probe_rma(step); !wrong.empty()) return wrong;
+      break;
     case Action::Relaunch: {
+      rma_probe_.forget_session();
       // A workload run the killed daemon was serving is lost with its
       // connection (the co-processor's next power-up starts another); one
       // not yet started is still owed to the new daemon.
@@ -222,6 +239,44 @@ std::string DeviceUnderTest::apply(const Step& step) {
     }
   }
   return check_running();
+}
+
+std::string DeviceUnderTest::probe_rma(const Step& step) {
+  // The daemon keeps one stored partition: the probe speaks between the
+  // workload's runs, never inside one.
+  int messages = device_->rma().status().messages;
+  wait_until(
+      [&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(kWorkloadIdleMs));
+        const int now = device_->rma().status().messages;
+        return std::exchange(messages, now) == now;
+      },
+      kResetServedMs);
+  const RmaRequest request = decode_rma_step(step);
+  const uint32_t number = static_cast<uint32_t>(script_.steps.size());
+  {
+    std::lock_guard<std::mutex> lock(answers_mutex_);
+    probe_answers_.clear();
+  }
+  const bool session = messages == workload_messages_at_connect_;
+  if (request.command == sim::kRmaConnect) workload_messages_at_connect_ = messages;
+  if (!device_->rma().inject(RmaProbe::request(request, number))) return "";  // channel not open
+  std::optional<sim::Bytes> answer;
+  wait_until(
+      [&] {
+        std::lock_guard<std::mutex> lock(answers_mutex_);
+        if (!probe_answers_.empty()) answer = probe_answers_.front();
+        return answer.has_value();
+      },
+      kRmaAnswerMs);
+  if (std::getenv("MARLO_PROPERTY_VERBOSE") != nullptr) {
+    std::printf("  %s: %s\n", describe_rma_step(step).c_str(),
+                answer ? ("answer of " + std::to_string(answer->size()) + " bytes, result word " +
+                          std::to_string(sim::get_u32(*answer, 28)))
+                             .c_str()
+                       : "no answer");
+  }
+  return rma_probe_.check(request, number, answer, session || request.command == sim::kRmaConnect);
 }
 
 std::string DeviceUnderTest::check_running() const {

@@ -7,8 +7,12 @@
 #pragma once
 
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <string>
+#include <vector>
 
+#include "rma_probe.h"
 #include "sim/daemon_process.h"
 #include "sim/virtual_device.h"
 #include "steps.h"
@@ -55,6 +59,7 @@ class DeviceUnderTest {
   std::string work_left() const;
   std::string check_quiet_window() const;
   void note_restart();
+  std::string probe_rma(const Step& step);
 
   Script script_;
   std::string root_;
@@ -67,6 +72,12 @@ class DeviceUnderTest {
   // RMA workload runs the co-processor had started before it last went
   // down; a run started after it must complete. -1: no run is owed.
   int runs_before_power_up_ = -1;
+  RmaProbe rma_probe_;
+  // Workload messages when the probe last sent CONNECT: any later one may
+  // have changed the daemon's stored partition.
+  int workload_messages_at_connect_ = -1;
+  std::mutex answers_mutex_;
+  std::vector<sim::Bytes> probe_answers_;  // guarded by answers_mutex_
 };
 
 }  // namespace marlo::property

@@ -28,6 +28,7 @@
 #include <sstream>
 
 #include "device_under_test.h"
+#include "rma_probe.h"
 #include "steps.h"
 
 namespace marlo::property {
@@ -78,8 +79,21 @@ rc::Gen<Step> next_step(Variant variant) {
       rc::gen::tuple(inRange(0, 8), misc_mode, inRange(1, 24)), [](const std::tuple<uint32_t, uint32_t, uint32_t>& t) {
         return make_step(Action::MiscAnswer, std::get<0>(t), std::get<1>(t) | std::get<2>(t) << 8);
       });
-  return rc::gen::weightedOneOf<Step>(
-      {{3, wait}, {3, restart}, {1, power_events}, {2, half_close}, {4, misc_answer}, {1, reset}, {1, relaunch}});
+  const rc::Gen<Step> rma =
+      map(rc::gen::tuple(inRange(0, 4), inRange(0, 2), inRange(0, kRmaSizeChoices), inRange(0, kRmaOffsetChoices),
+                         inRange(0, kRmaBlockChoices), rc::gen::weightedElement<bool>({{4, false}, {1, true}})),
+          [](const std::tuple<uint32_t, uint32_t, uint32_t, uint32_t, uint32_t, bool>& t) {
+            return make_rma_step(std::get<0>(t), std::get<1>(t), std::get<2>(t), std::get<3>(t), std::get<4>(t),
+                                 std::get<5>(t));
+          });
+  return rc::gen::weightedOneOf<Step>({{3, wait},
+                                       {3, restart},
+                                       {1, power_events},
+                                       {2, half_close},
+                                       {4, misc_answer},
+                                       {4, rma},
+                                       {1, reset},
+                                       {1, relaunch}});
 }
 
 // MARLO_PROPERTY_OFF names actions (as scripts spell them, separated by

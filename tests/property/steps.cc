@@ -1,5 +1,7 @@
 #include "steps.h"
 
+#include "rma_probe.h"
+
 #include <array>
 #include <sstream>
 
@@ -12,7 +14,7 @@ struct ActionName {
   const char* name;
 };
 
-constexpr std::array<ActionName, 8> kActionNames{{
+constexpr std::array<ActionName, 9> kActionNames{{
     {Action::Wait, "wait"},
     {Action::Restart, "restart"},
     {Action::PowerEvents, "power-events"},
@@ -21,6 +23,7 @@ constexpr std::array<ActionName, 8> kActionNames{{
     {Action::DfuHostile, "dfu-hostile"},
     {Action::Reset, "reset"},
     {Action::Relaunch, "relaunch"},
+    {Action::Rma, "rma"},
 }};
 
 const char* name_of(Action action) {
@@ -48,6 +51,7 @@ std::string explain(const Step& step) {
       return text;
     }
     case Action::DfuHostile: return step.arg < 6 ? kHostile[step.arg] : "?";
+    case Action::Rma: return describe_rma_step(step);
     case Action::Reset:
     case Action::Relaunch: break;
   }
