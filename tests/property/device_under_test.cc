@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <sstream>
 #include <thread>
@@ -45,6 +46,8 @@ constexpr int kLogLandingMs = 300;
 constexpr double kMaxCoreShare = 0.05;
 constexpr long kMaxLogBytesPerSecond = 64 * 1024;
 
+// A channel the daemon is about to open is waited for this long.
+constexpr int kChannelOpenMs = 1000;
 // The RMA workload is between runs once it sent nothing for this long.
 constexpr int kWorkloadIdleMs = 200;
 // The daemon answers an RMA request within this, or is taken not to answer.
@@ -207,8 +210,11 @@ std::string DeviceUnderTest::apply(const Step& step) {
       sim::send_uevent(root_, sim::marlo_uevent(sim::kEventPowerUp));
       break;
     case Action::HalfClose: {
+      // Only an open channel can be half-closed: it is given a moment to be.
       sim::ChannelServer* channels[] = {&device_->dfu(), &device_->misc(), &device_->rma()};
-      channels[step.arg % 3]->half_close_all();
+      sim::ChannelServer& channel = *channels[step.arg % 3];
+      wait_until([&] { return channel.open_connections() > 0; }, kChannelOpenMs);
+      channel.half_close_all();
       break;
     }
     case Action::MiscAnswer: device_->misc().arm_answer_fault(misc_fault(step)); break;
@@ -321,8 +327,34 @@ std::string DeviceUnderTest::work_left() const {
 
 ProcessShape DeviceUnderTest::shape() const {
   const std::string proc = "/proc/" + std::to_string(daemon_->pid());
-  return ProcessShape{count_entries(proc + "/fd"), count_entries(proc + "/task")};
+  ProcessShape shape{count_entries(proc + "/fd"), count_entries(proc + "/task"), {}};
+  std::error_code error;
+  for (std::filesystem::directory_iterator it(proc + "/fd", error), end; !error && it != end; it.increment(error)) {
+    std::error_code unreadable;
+    std::string target = std::filesystem::read_symlink(it->path(), unreadable).string();
+    // Sockets and pipes differ by inode from run to run: their kind is kept.
+    if (const size_t colon = target.find(":["); colon != std::string::npos) target.resize(colon);
+    if (const size_t root = target.find(root_); root != std::string::npos) target.erase(root, root_.size());
+    shape.targets.push_back(target);
+  }
+  std::sort(shape.targets.begin(), shape.targets.end());
+  return shape;
 }
+
+namespace {
+
+// "+x" for what `now` has beyond `then`, "-x" for what it lacks.
+std::string difference(std::vector<std::string> then, std::vector<std::string> now) {
+  std::vector<std::string> gained, lost;
+  std::set_difference(now.begin(), now.end(), then.begin(), then.end(), std::back_inserter(gained));
+  std::set_difference(then.begin(), then.end(), now.begin(), now.end(), std::back_inserter(lost));
+  std::string text;
+  for (const std::string& t : gained) text += " +" + t;
+  for (const std::string& t : lost) text += " -" + t;
+  return text;
+}
+
+}  // namespace
 
 std::string DeviceUnderTest::check_quiet_window() const {
   // The log's writer thread lands what the last work logged a few
@@ -362,10 +394,12 @@ std::string DeviceUnderTest::quiesce(const ProcessShape* baseline) {
   }
   if (baseline != nullptr) {
     const ProcessShape now = shape();
-    if (now.descriptors != baseline->descriptors || now.threads != baseline->threads) {
+    // Growth is a leak; one fewer is what a restart at the right moment of
+    // the boot leaves, and a channel left closed shows in the work left.
+    if (now.descriptors > baseline->descriptors || now.threads > baseline->threads) {
       return "descriptors/threads at quiescence " + std::to_string(now.descriptors) + "/" +
              std::to_string(now.threads) + ", baseline " + std::to_string(baseline->descriptors) + "/" +
-             std::to_string(baseline->threads);
+             std::to_string(baseline->threads) + " (descriptors:" + difference(baseline->targets, now.targets) + ")";
     }
   }
   return check_running();

@@ -23,6 +23,7 @@ namespace marlo::property {
 struct ProcessShape {
   int descriptors = -1;
   int threads = -1;
+  std::vector<std::string> targets;  // what each descriptor names, sorted
 };
 
 class DeviceUnderTest {

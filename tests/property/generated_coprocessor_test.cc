@@ -63,8 +63,12 @@ rc::Gen<Step> next_step(Variant variant) {
   const rc::Gen<Step> restart = map(inRange(10, 1200), [](uint32_t ms) { return make_step(Action::Restart, ms); });
   const rc::Gen<Step> power_events =
       map(inRange(0, 2), [](uint32_t kind) { return make_step(Action::PowerEvents, kind); });
-  const rc::Gen<Step> half_close =
-      map(inRange(0, 3), [](uint32_t channel) { return make_step(Action::HalfClose, channel); });
+  // Mostly the channel the variant keeps open.
+  const rc::Gen<uint32_t> channel =
+      variant == Variant::Flash
+          ? rc::gen::weightedElement<uint32_t>({{4, kDfuChannel}, {1, kMiscChannel}, {1, kRmaChannel}})
+          : rc::gen::weightedElement<uint32_t>({{1, kDfuChannel}, {2, kMiscChannel}, {4, kRmaChannel}});
+  const rc::Gen<Step> half_close = map(channel, [](uint32_t c) { return make_step(Action::HalfClose, c); });
   const rc::Gen<Step> reset = rc::gen::just(make_step(Action::Reset, 0));
   const rc::Gen<Step> relaunch = rc::gen::just(make_step(Action::Relaunch, 0));
   if (variant == Variant::Flash) {
@@ -127,12 +131,16 @@ std::string failure_dir() {
 // The failing script, overwritten by every failing run: shrinking only
 // keeps a failing sequence shorter than the one before, so the last one
 // written is the shortest.
-std::string record_failure(const DeviceUnderTest& dut, const std::string& violation) {
+// The first failing run is kept beside it (-first): shrinking may slip from
+// one fault to another that a shorter sequence shows.
+std::string record_failure(const DeviceUnderTest& dut, const std::string& violation, bool first) {
   std::filesystem::create_directories(failure_dir());
-  const std::string path = failure_dir() + "/generated-coprocessor-seed" +
-                           std::to_string(rc::detail::configuration().testParams.seed) + ".script";
-  std::ofstream(path) << "# " << violation << "\n" << format_script(dut.script());
-  return path;
+  const std::string path =
+      failure_dir() + "/generated-coprocessor-seed" + std::to_string(rc::detail::configuration().testParams.seed);
+  const std::string text = "# " + violation + "\n" + format_script(dut.script());
+  if (first) std::ofstream(path + "-first.script") << text;
+  std::ofstream(path + ".script") << text;
+  return path + ".script";
 }
 
 using Clock = std::chrono::steady_clock;
@@ -141,8 +149,9 @@ using Clock = std::chrono::steady_clock;
 std::optional<Clock::time_point> first_failure;
 
 void fail_with(const DeviceUnderTest& dut, const std::string& violation) {
-  if (!first_failure) first_failure = Clock::now();
-  record_failure(dut, violation);
+  const bool first = !first_failure;
+  if (first) first_failure = Clock::now();
+  record_failure(dut, violation, first);
   RC_FAIL(violation);
 }
 
@@ -218,7 +227,11 @@ TEST(GeneratedCoprocessor, EveryBehaviourLeavesTheDaemonServingAndQuiet) {
   const std::string script = failure_dir() + "/generated-coprocessor-seed" + std::to_string(params.seed) + ".script";
   std::ifstream in(script);
   const std::string shortest((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  FAIL() << message.str() << "\nshortest failing script, saved as " << script << ":\n" << shortest;
+  std::ifstream first_in(script.substr(0, script.size() - 7) + "-first.script");
+  const std::string first_found((std::istreambuf_iterator<char>(first_in)), std::istreambuf_iterator<char>());
+  FAIL() << message.str() << "\nfirst failing script:\n"
+         << first_found << "shortest failing script, saved as " << script << ":\n"
+         << shortest;
 }
 
 // Sequences the generator once found, replayed as they were shrunk.

@@ -32,8 +32,8 @@ uint8_t pattern_byte(uint32_t step_number, uint32_t i) { return static_cast<uint
 
 Step make_rma_step(uint32_t command_index, uint32_t slot, uint32_t size_index, uint32_t offset_index,
                    uint32_t block_index, bool lying) {
-  const uint32_t detail = (slot & 1) | (size_index & 7) << 1 | (offset_index & 7) << 4 | (block_index & 7) << 8 |
-                          (lying ? 1u : 0u) << 11;
+  const uint32_t detail =
+      (slot & 1) | (size_index & 7) << 1 | (offset_index & 7) << 4 | (block_index & 7) << 8 | (lying ? 1u : 0u) << 11;
   return Step{Action::Rma, command_index % 4, detail};
 }
 
@@ -127,8 +127,8 @@ std::string RmaProbe::check(const RmaRequest& r, uint32_t step_number, const std
   }
   if (result == 1) return data == 0 ? "" : "a failed DATA_READ carries data";
   if (result != 0) return "DATA_READ answer with result " + std::to_string(result);
-  if (data > r.block) return "DATA_READ answer of " + std::to_string(data) + " bytes for a block of " +
-                             std::to_string(r.block);
+  if (data > r.block)
+    return "DATA_READ answer of " + std::to_string(data) + " bytes for a block of " + std::to_string(r.block);
   // A read answered as done carries the whole block (a block no packet can
   // carry can only fail).
   if (r.block <= kLargestReadBlock && data != r.block) {

@@ -49,8 +49,7 @@ class RmaProbe {
   // against the request and the model, then updates the model. `session`
   // is false when something other than the probe may have talked to the
   // daemon since the probe's last CONNECT: then only the form is checked.
-  std::string check(const RmaRequest& r, uint32_t step_number, const std::optional<sim::Bytes>& answer,
-                    bool session);
+  std::string check(const RmaRequest& r, uint32_t step_number, const std::optional<sim::Bytes>& answer, bool session);
   // A relaunched daemon or a new workload run: the daemon's stored
   // partition is no longer the probe's.
   void forget_session() { connected_.reset(); }
