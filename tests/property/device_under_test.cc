@@ -34,6 +34,9 @@ using Clock = std::chrono::steady_clock;
 // The daemon's fixed waits (1 s per boot attempt, 2 s after misc data) kept
 // at a few milliseconds. Poll time-outs are not scaled.
 constexpr double kTimeScale = 0.01;
+// About 120 fragments of 4 ms: the image phase lasts half a second.
+constexpr uint32_t kFragmentSize = 2048;
+constexpr int kFlashWriteMs = 4;
 // A reset request is served within this (real time).
 constexpr int kResetServedMs = 5000;
 // The work a script leaves (a download, a push after a power-up) ends within
@@ -157,8 +160,12 @@ DeviceUnderTest::DeviceUnderTest(Variant variant, std::string* start_error) {
     options.running_at_start = true;
     runs_before_power_up_ = 0;
   } else {
-    // Older firmware in flash and the update flag set: a download at start.
+    // Older firmware in flash and the update flag set: a download at start,
+    // over a flash that takes its time, so that what the co-processor does
+    // next can land in the middle of it.
     sim::set_property(root_, "persist.vendor.zt_aon.dfu_update", "1");
+    options.dfu.fragment_size = kFragmentSize;
+    options.dfu.write_delay_ms = kFlashWriteMs;
   }
   device_ = std::make_unique<sim::VirtualDevice>(root_, options);
   device_->rma().set_answer_tap([this](const sim::Bytes& answer) {
