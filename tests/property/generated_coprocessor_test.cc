@@ -59,8 +59,12 @@ rc::Gen<uint32_t> any_in(uint32_t min, uint32_t max) { return rc::gen::resize(10
 rc::Gen<Step> next_step(Variant variant) {
   const auto inRange = [](uint32_t min, uint32_t max) { return any_in(min, max); };
   using rc::gen::map;
-  const rc::Gen<Step> wait = map(inRange(10, 800), [](uint32_t ms) { return make_step(Action::Wait, ms); });
-  const rc::Gen<Step> restart = map(inRange(10, 1200), [](uint32_t ms) { return make_step(Action::Restart, ms); });
+  // Times from a short list: a failure that needs a long time shrinks in a
+  // few runs instead of one run per millisecond given back.
+  const rc::Gen<Step> wait = map(rc::gen::element<uint32_t>(10, 50, 100, 200, 400, 800),
+                                 [](uint32_t ms) { return make_step(Action::Wait, ms); });
+  const rc::Gen<Step> restart = map(rc::gen::element<uint32_t>(10, 50, 150, 300, 600, 1200),
+                                    [](uint32_t ms) { return make_step(Action::Restart, ms); });
   const rc::Gen<Step> power_events =
       map(inRange(0, 2), [](uint32_t kind) { return make_step(Action::PowerEvents, kind); });
   // Mostly the channel the variant keeps open.
