@@ -24,6 +24,20 @@ constexpr int kHangUpError = POLLHUP;
 constexpr char kStopReader = 'd';
 constexpr char kReloadChannel = 'c';
 
+// A channel that hangs up again before it has brought a single packet is
+// reopened only after a delay, doubled at each such hang-up up to a limit:
+// a peer that closes every channel at once gets a few reopens a second at
+// first and one every few seconds after, never a busy loop. The first
+// hang-up after a packet (an ordinary co-processor restart) is reopened at
+// once.
+constexpr uint32_t kFirstReopenDelayUs = 250000;
+constexpr uint32_t kLongestReopenDelayUs = 4000000;
+
+uint32_t next_reopen_delay(uint32_t delay_us) {
+  if (delay_us == 0) return kFirstReopenDelayUs;
+  return delay_us >= kLongestReopenDelayUs / 2 ? kLongestReopenDelayUs : delay_us * 2;
+}
+
 // The first descriptor above standard input, output and error.
 constexpr int kFirstFreeDescriptor = 3;
 
@@ -234,6 +248,17 @@ void marlo_glink::glink_disconnect(bool join_reader) {
 }
 
 void marlo_glink::glink_thread_routine(marlo_glink* self, std::shared_ptr<reader_life> life, int wakeup_fd) {
+  // The wait before the next reopen; 0 until the channel hangs up, and again
+  // once a packet has come.
+  uint32_t reopen_delay_us = 0;
+  // A hang-up: the channel is closed and reopened, after the wait that
+  // repeated hang-ups call for. False when the reader must leave.
+  const auto hang_up = [&]() {
+    if (!self->wait_before_reopen(wakeup_fd, reopen_delay_us)) return true;  // the next pass reads the pipe
+    reopen_delay_us = next_reopen_delay(reopen_delay_us);
+    self->glink_error_handler(kHangUpError);
+    return !life->stop;
+  };
   for (;;) {
     struct pollfd fds[2] = {
         {wakeup_fd, POLLIN, 0},
@@ -258,8 +283,7 @@ void marlo_glink::glink_thread_routine(marlo_glink* self, std::shared_ptr<reader
     } else if (!(fds[1].revents & POLLIN)) {
       if (fds[1].revents & POLLHUP) {
         MARLO_LOGE("GLINK_int POLLHUP event is received, AON CLIENT SSR occured");
-        self->glink_error_handler(kHangUpError);
-        if (life->stop) return;
+        if (!hang_up()) return;
       } else {
         MARLO_LOGE("GLINK_int received unregistered pollevent = %d", fds[1].revents);
       }
@@ -268,23 +292,52 @@ void marlo_glink::glink_thread_routine(marlo_glink* self, std::shared_ptr<reader
       std::vector<uint8_t> buffer(self->_read_size, 0);
       const int result = self->glink_read(fds[1].fd, buffer, self->_read_size);
       if (result >= 1) {
+        reopen_delay_us = 0;
         MARLO_LOGD("GLINK_int waiting for _s_glink_read_mutex");
         MARLO_LOGD("calling glink response handler: ");
         self->glink_response_handler(std::move(buffer));
         if (life->stop) return;
+      } else if (result == 0) {
+        // A first read of nothing while poll says there is something: end
+        // of stream. The co-processor's end of the channel is closed (it
+        // shut down its side, or went down) and every read returns 0 at
+        // once, so it is a hang-up. The co-processor never sends an empty
+        // packet; were one sent, it would cost a reopen, not a wrong packet.
+        MARLO_LOGE("GLINK_int end of stream on fd = %d, handled as a hang-up", fds[1].fd);
+        if (!hang_up()) return;
       } else {
         MARLO_LOGE("GLINK_int read has failed with errno = %d, g_glink_err_cnt = %d", result,
                    self->g_glink_err_cnt.load());
-        if (result < 0) {
-          self->glink_error_handler(result);
-          if (life->stop) return;
-          continue;
-        }
+        self->glink_error_handler(result);
+        if (life->stop) return;
+        continue;
       }
     }
     // A pass that ended normally restarts the error count.
     if (self->g_glink_err_cnt != 0) self->g_glink_err_cnt = 0;
   }
+}
+
+// Waits `delay_us` (scaled like every sleep of the daemon) before a hang-up
+// is handled, on the wake-up pipe so that a disconnect or the destructor
+// still stops the reader at once. Requests are refused meanwhile, as while
+// the channel is reopened. False when the pipe ended the wait: the caller
+// leaves the hang-up for later and reads the pipe.
+bool marlo_glink::wait_before_reopen(int wakeup_fd, uint32_t delay_us) {
+  if (delay_us == 0) return true;
+  MARLO_LOGE("GLINK_int conn = 0x%llx hung up again before any packet came, reopening in %u ms", address_of(this),
+             delay_us / 1000);
+  _reconnecting = true;
+  const int woken = platform::usleep_or_readable(wakeup_fd, delay_us);
+  if (woken == 0) return true;
+  if (woken < 0) {
+    // Never seen on a pipe; the delay is kept all the same.
+    MARLO_LOGE("GLINK_int wait on wakeup pipe failed with errno = %d", errno);
+    platform::usleep(delay_us);
+    return true;
+  }
+  _reconnecting = false;
+  return false;
 }
 
 void marlo_glink::glink_error_handler(int error) {

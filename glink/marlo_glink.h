@@ -60,6 +60,7 @@ class marlo_glink : public glink_interface {
   void start_reader_thread();
   void stop_reader_thread();
   static void glink_thread_routine(marlo_glink* self, std::shared_ptr<reader_life> life, int wakeup_fd);
+  bool wait_before_reopen(int wakeup_fd, uint32_t delay_us);
   void glink_error_handler(int error);
   glink_data_cb data_callback();
   glink_error_cb error_callback();
@@ -70,6 +71,7 @@ class marlo_glink : public glink_interface {
   int wait_for_rest_of_packet(int fd);
   int glink_write(int fd, unsigned char* buf, unsigned int len);
   int glink_poll(int fd);
+  int glink_poll(int fd, int timeout_ms);
   void glink_response_handler(std::vector<uint8_t> packet);
 
   // Fixed when the transport is made, or (the name) written only when a

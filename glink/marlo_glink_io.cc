@@ -22,6 +22,7 @@ constexpr int MAX_GLINK_WRITE_RETRIES = 100;
 constexpr useconds_t kWriteRetryDelayUs = 5000;
 constexpr int64_t kSlowWriteNs = 2000000000LL;
 constexpr int64_t kNsPerSecond = 1000000000LL;
+constexpr int64_t kNsPerMillisecond = 1000000LL;
 
 // Where a channel's header carries the packet length, and how many bytes the
 // first read must have returned for it to be there.
@@ -216,9 +217,11 @@ int marlo_glink::send_request(unsigned char* buf, unsigned int len) {
   return result;
 }
 
-int marlo_glink::glink_poll(int fd) {
+int marlo_glink::glink_poll(int fd) { return glink_poll(fd, static_cast<int>(_poll_timeout_s * 1000)); }
+
+int marlo_glink::glink_poll(int fd, int timeout_ms) {
   struct pollfd entry = {fd, POLLIN | POLLHUP, 0};
-  if (platform::poll(&entry, 1, static_cast<int>(_poll_timeout_s * 1000)) < 1) return -1;
+  if (platform::poll(&entry, 1, timeout_ms) < 1) return -1;
   if (entry.revents & POLLIN) return 0;
   if (entry.revents & POLLHUP) MARLO_LOGE("%s: SSR detected", "glink_poll");
   return -1;
@@ -232,20 +235,30 @@ int marlo_glink::read_response(unsigned char* buf, unsigned int len) {
     MARLO_LOGD("acquiring wakelock");
     wakelock_ref = client_wakelock::reference(_wakelock);
   }
-  int result = glink_poll(fd) == 0 ? 0 : -1;
+  // One poll time-out bounds the whole answer, not only its first bytes: a
+  // co-processor that stops half-way through fails the read as one that
+  // never answered does.
+  const int64_t deadline = android::elapsedRealtimeNano() + static_cast<int64_t>(_poll_timeout_s) * kNsPerSecond;
+  int result = 0;
   // An EAGAIN's -1 is counted into `received` as an unsigned value: on the
   // first read it wraps to the largest count and ends the read as done.
   unsigned int received = 0;
   while (result == 0 && received < len) {
+    const int64_t left_ns = deadline - android::elapsedRealtimeNano();
+    if (left_ns <= 0 || glink_poll(fd, static_cast<int>((left_ns + kNsPerMillisecond - 1) / kNsPerMillisecond)) != 0) {
+      result = -1;
+      break;
+    }
     const ssize_t got = platform::read(fd, buf + received, len - received);
     if (got < 0 && errno != EAGAIN) {
       MARLO_LOGE("%s: Read error: %s, rc %d", "read_response", strerror(errno), static_cast<int>(got));
       result = -1;
     } else if (got == 0) {
+      // End of stream: the co-processor's end of the channel is closed and
+      // every further read returns 0 at once. The co-processor never sends
+      // an empty packet, so a 0 is never taken for one.
       MARLO_LOGE("%s: Zero length packet received or hardware connection went off", "read_response");
-      // Go on only if something is still to come: a closed channel reads 0
-      // for ever.
-      if (glink_poll(fd) != 0) result = -1;
+      result = -1;
     } else {
       received += static_cast<unsigned int>(got);
     }

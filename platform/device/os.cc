@@ -3,7 +3,11 @@
 #include "platform/os.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/ioctl.h>
+#include <time.h>
+
+#include <cerrno>
 
 namespace platform {
 
@@ -26,6 +30,17 @@ int pipe(int fds[2]) { return ::pipe2(fds, O_CLOEXEC); }
 int fcntl(int fd, int cmd, int arg) { return ::fcntl(fd, cmd, arg); }
 unsigned int sleep(unsigned int seconds) { return ::sleep(seconds); }
 int usleep(useconds_t usec) { return ::usleep(usec); }
+
+int usleep_or_readable(int fd, useconds_t usec) {
+  const struct timespec timeout = {static_cast<time_t>(usec / 1000000), static_cast<long>(usec % 1000000) * 1000};
+  struct pollfd entry = {fd, POLLIN, 0};
+  for (;;) {
+    const int ready = ::ppoll(&entry, 1, &timeout, nullptr);
+    if (ready >= 0) return ready > 0 ? 1 : 0;
+    if (errno != EINTR) return -1;
+  }
+}
+
 uint32_t user_word(void* p) { return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(p)); }
 
 }  // namespace platform

@@ -1,4 +1,5 @@
 // Sleeps scaled by MARLO_TIME_SCALE; clocks are never scaled.
+#include <poll.h>
 #include <time.h>
 
 #include <cerrno>
@@ -11,12 +12,19 @@
 
 namespace {
 
-void sleep_scaled(double seconds) {
+// A time of `seconds` as the sleeps take it: scaled by MARLO_TIME_SCALE.
+struct timespec scaled_time(double seconds) {
   double scaled = seconds * platform::host::time_scale();
-  if (!(scaled > 0.0)) return;
-  struct timespec req;
-  req.tv_sec = static_cast<time_t>(scaled);
-  req.tv_nsec = static_cast<long>(std::fmod(scaled, 1.0) * 1e9);
+  if (!(scaled > 0.0)) scaled = 0.0;
+  struct timespec time;
+  time.tv_sec = static_cast<time_t>(scaled);
+  time.tv_nsec = static_cast<long>(std::fmod(scaled, 1.0) * 1e9);
+  return time;
+}
+
+void sleep_scaled(double seconds) {
+  struct timespec req = scaled_time(seconds);
+  if (req.tv_sec == 0 && req.tv_nsec == 0) return;
   while (nanosleep(&req, &req) == -1 && errno == EINTR) {
   }
 }
@@ -33,6 +41,18 @@ unsigned int sleep(unsigned int seconds) {
 int usleep(useconds_t usec) {
   sleep_scaled(usec / 1e6);
   return 0;
+}
+
+// The pipe is a plain descriptor, never a device node: the system's poll
+// serves it.
+int usleep_or_readable(int fd, useconds_t usec) {
+  const struct timespec timeout = scaled_time(usec / 1e6);
+  struct pollfd entry = {fd, POLLIN, 0};
+  for (;;) {
+    const int ready = ::ppoll(&entry, 1, &timeout, nullptr);
+    if (ready >= 0) return ready > 0 ? 1 : 0;
+    if (errno != EINTR) return -1;
+  }
 }
 
 }  // namespace platform

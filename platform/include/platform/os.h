@@ -45,6 +45,11 @@ FILE* fopen(const char* path, const char* mode);
 
 unsigned int sleep(unsigned int seconds);
 int usleep(useconds_t usec);
+// Sleeps as usleep does, scaled like it, but ends early once the pipe `fd`
+// has something to read or has hung up, so that a thread waiting out a delay
+// can still be woken: 1 when the pipe ended the wait, 0 when the time
+// passed, -1 with errno set when the wait failed.
+int usleep_or_readable(int fd, useconds_t usec);
 
 // The name under which the system knows a device path, for the callers that
 // hand a path to a library rather than to one of the calls above (file
