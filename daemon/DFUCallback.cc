@@ -4,11 +4,12 @@
 #include <cutils/properties.h>
 
 #include "daemon/MarloDaemon.h"
+#include "daemon/marlo_deamon_log.h"
 
 namespace {
 
 void log_report(const char* handler, const std::string& message) {
-  __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s: %s", handler, message.c_str());
+  marlo_deamon_log::print(ANDROID_LOG_DEBUG, nullptr, "%s: %s", handler, message.c_str());
 }
 
 }  // namespace
@@ -64,8 +65,8 @@ void DFUCallback::handleSHMResponse(std::string message, Status status) {
 
 void DFUCallback::onDFUStateRecived(DFUState state) {
   if (state == INIT) {
-    __android_log_print(ANDROID_LOG_DEBUG, nullptr, "Marlo DFU in init state. We can perform firmware update.");
+    marlo_deamon_log::print(ANDROID_LOG_DEBUG, nullptr, "Marlo DFU in init state. We can perform firmware update.");
   } else if (state <= CANCEL_UPDATE_REQ) {
-    __android_log_print(ANDROID_LOG_DEBUG, nullptr, "Firmware update in progress.");
+    marlo_deamon_log::print(ANDROID_LOG_DEBUG, nullptr, "Firmware update in progress.");
   }
 }

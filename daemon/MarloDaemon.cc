@@ -17,6 +17,7 @@
 #include "daemon/DFUCallback.h"
 #include "daemon/NoFlashPsramWorker.h"
 #include "daemon/SSRHandler.h"
+#include "daemon/marlo_deamon_log.h"
 #include "fwupdater/marlo_fw_updater.h"
 #include "platform/os.h"
 #include "platform/unique_fd.h"
@@ -73,9 +74,13 @@ void MarloDaemon::startMarloDaemon() {
   g_marlo_daemon = this;
   g_daemon_state = 1;
   getMarloPILDevice();
+  // The boot-time work that can last (a flash-less push, a download) runs
+  // on its own threads, so the main thread gets here within the boot
+  // sequence's bounded control-device steps, whatever the co-processor does.
   if (initMarlo() == 0) g_daemon_state = 3;
   for (;;) {
     serviceResetProperty();
+    marlo_deamon_log::flush_repeat_summaries();
     platform::sleep(1);
   }
 }
@@ -85,6 +90,11 @@ void MarloDaemon::serviceResetProperty() {
   property_get("vendor.marlo_reset", value, nullptr);
   if (std::atoi(value) != 1) return;
   __android_log_print(ANDROID_LOG_DEBUG, nullptr, "\t***** Marlo Reset Start *****\t");
+  // The reset takes the co-processor down: the flash-less work in progress
+  // (the boot-time push included) stops first, as on a power-down, so that
+  // none of its packets races the reset. The power-up that follows the
+  // reset brings a complete push and the RMA client, as after any restart.
+  stopNoFlashPsramWork();
   MarloComHandler::getInstance()->marloReset();
   property_set("vendor.marlo_reset", "0");
 }
@@ -135,7 +145,7 @@ int MarloDaemon::getMarloPILStatus() {
   std::fseek(file.get(), 0, SEEK_SET);
   size_t ignored = std::fread(state, 1, kPilReadSize, file.get());
   (void)ignored;
-  __android_log_print(ANDROID_LOG_DEBUG, nullptr, "marlofw state: %s", state);
+  marlo_deamon_log::print(ANDROID_LOG_DEBUG, nullptr, "marlofw state: %s", state);
   if (std::strncmp(state, "running", 7) == 0) return 1;
   if (std::strncmp(state, "offline", 7) == 0) return 0;
   return 2;

@@ -48,7 +48,7 @@ class MarloDaemon {
   void changeBootmode(int mode);
   int defaultHandler();
   // Hands the flash-less co-processor's push and RMA client to the worker
-  // and waits until it is idle again (boot path, main thread).
+  // (boot path, main thread); returns without waiting for them.
   void handleNoFlashPsram();
   int startFirmwareUpdate();
   int startMiscDataFirmwareUpdate();
@@ -63,7 +63,8 @@ class MarloDaemon {
   void notifyBootProgress(int code);
 
   // One pass of the reset-property loop: resets the co-processor when
-  // "vendor.marlo_reset" is 1 and writes "0" back.
+  // "vendor.marlo_reset" is 1 and writes "0" back. The flash-less work in
+  // progress is stopped before the reset, as on a power-down.
   void serviceResetProperty();
 
   const char* pilStatePath() const { return pil_state_path; }
@@ -73,6 +74,9 @@ class MarloDaemon {
  private:
   // One job's push on the worker thread: misc data unless already pushed.
   void pushNoFlashPsramMiscData();
+  // The co-processor goes down (power-down event or reset): the worker's
+  // push in progress stops and "vendor.zt_aon.misc_update" is withdrawn.
+  void stopNoFlashPsramWork();
 
   // Shared between the main thread, the restart listener, the flash-less
   // worker and the updater's reader thread without a lock: every such field

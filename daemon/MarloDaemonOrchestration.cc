@@ -9,6 +9,7 @@
 #include "daemon/DFUCallback.h"
 #include "daemon/MarloDaemon.h"
 #include "daemon/NoFlashPsramWorker.h"
+#include "daemon/marlo_deamon_log.h"
 #include "fwupdater/marlo_fw_updater.h"
 #include "platform/os.h"
 #include "rma/marlo_rma.h"
@@ -144,14 +145,15 @@ int MarloDaemon::startMiscDataFirmwareUpdate() {
 }
 
 // The flash-less co-processor has one owner, the worker: the boot path hands
-// it the job and waits, so that the boot still ends with the misc data pushed
-// and the RMA client started, while power events that arrive meanwhile reach
-// the same worker and are handled in order with the boot's job.
+// it the job and goes on to serve the reset property, while power events
+// that arrive meanwhile reach the same worker and are handled in order with
+// the boot's job. The boot path does not wait for the job: a co-processor
+// that keeps restarting keeps the worker busy for as long as it does.
 void MarloDaemon::handleNoFlashPsram() {
   // Also on the boot path: the next power-down must withdraw a success that
   // this push reports.
   noflash_psram = true;
-  noflash_worker->runBootJob();
+  noflash_worker->requestBootJob();
 }
 
 void MarloDaemon::pushNoFlashPsramMiscData() {
@@ -167,7 +169,7 @@ void MarloDaemon::onMiscDataPushSucceeded() {
 }
 
 void MarloDaemon::on_aon_up() {
-  __android_log_print(ANDROID_LOG_INFO, nullptr, "%s: called\n", "on_aon_up");
+  marlo_deamon_log::print(ANDROID_LOG_INFO, nullptr, "%s: called\n", "on_aon_up");
   if (fw_updater->is_psram_noflash(fw_version.load()) == 0) {
     noflash_psram = true;
     // A co-processor that came up holds none of the misc data: a success of
@@ -179,9 +181,13 @@ void MarloDaemon::on_aon_up() {
 }
 
 void MarloDaemon::on_aon_down() {
-  __android_log_print(ANDROID_LOG_INFO, nullptr, "%s: called\n", "on_aon_down");
-  // The push in progress (boot path included) stops; the next power-up
-  // pushes the misc data again.
+  marlo_deamon_log::print(ANDROID_LOG_INFO, nullptr, "%s: called\n", "on_aon_down");
+  stopNoFlashPsramWork();
+}
+
+// The push in progress (boot path included) stops; the next power-up pushes
+// the misc data again.
+void MarloDaemon::stopNoFlashPsramWork() {
   noflash_worker->powerDown([this] {
     if (noflash_psram) property_set("vendor.zt_aon.misc_update", "0");
   });

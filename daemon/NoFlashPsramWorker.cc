@@ -4,6 +4,8 @@
 
 #include <android/log.h>
 
+#include "daemon/marlo_deamon_log.h"
+
 NoFlashPsramWorker::NoFlashPsramWorker(Steps steps) : steps_(std::move(steps)) {
   thread_ = std::thread(&NoFlashPsramWorker::run, this);
 }
@@ -18,11 +20,12 @@ NoFlashPsramWorker::~NoFlashPsramWorker() {
   thread_.join();
 }
 
-void NoFlashPsramWorker::runBootJob() {
-  platform::unique_lock lock(mutex_);
-  job_wanted_ = true;
+void NoFlashPsramWorker::requestBootJob() {
+  {
+    platform::lock_guard lock(mutex_);
+    job_wanted_ = true;
+  }
   changed_.notify_all();
-  while (!stopping_ && (job_wanted_ || job_running_)) lock.wait(changed_);
 }
 
 void NoFlashPsramWorker::powerUp(const std::function<void()>& under_lock) { powerEvent(true, under_lock); }
@@ -75,8 +78,8 @@ void NoFlashPsramWorker::run() {
     if (current) {
       steps_.startRma();
     } else {
-      __android_log_print(ANDROID_LOG_INFO, nullptr,
-                          "power event during the misc-data push: push abandoned, no rma connection for it");
+      marlo_deamon_log::print(ANDROID_LOG_INFO, nullptr,
+                              "power event during the misc-data push: push abandoned, no rma connection for it");
     }
 
     platform::lock_guard lock(mutex_);

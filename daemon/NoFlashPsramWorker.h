@@ -37,9 +37,9 @@ class NoFlashPsramWorker {
   NoFlashPsramWorker& operator=(const NoFlashPsramWorker&) = delete;
 
   // Boot completion found a flash-less co-processor: asks for a job and
-  // returns once the worker is idle again (the job completed, or a power
-  // event abandoned it and the worker has handled what followed).
-  void runBootJob();
+  // returns at once. The caller (the main thread) never waits for a job: a
+  // co-processor that keeps restarting would keep it waiting for ever.
+  void requestBootJob();
   // The co-processor powered up / down. `under_lock` runs with the worker's
   // lock held, after the job in progress has lost its generation: property
   // writes made there are ordered with those of runUnlessStale.

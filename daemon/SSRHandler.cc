@@ -14,6 +14,7 @@
 #include <cutils/uevent.h>
 
 #include "daemon/MarloDaemon.h"
+#include "daemon/marlo_deamon_log.h"
 #include "platform/os.h"
 
 namespace {
@@ -88,7 +89,7 @@ void SSRHandler::marloSSREventListener() {
     // A burst overran the socket's buffer: the kernel dropped uevents, the
     // socket itself is fine. Any other failure ends the listener.
     if (length < 0 && errno == ENOBUFS) {
-      __android_log_print(ANDROID_LOG_ERROR, kTag, "uevent socket overrun, events lost: re-reading marlo state");
+      marlo_deamon_log::print(ANDROID_LOG_ERROR, kTag, "uevent socket overrun, events lost: re-reading marlo state");
       recoverLostEvents();
       continue;
     }
@@ -98,7 +99,7 @@ void SSRHandler::marloSSREventListener() {
 
 void SSRHandler::handleMessage(char* buffer, ssize_t length) {
   if (length > static_cast<ssize_t>(kMaxMessage)) {
-    __android_log_print(ANDROID_LOG_ERROR, kTag, "Message length is not correct \n");
+    marlo_deamon_log::print(ANDROID_LOG_ERROR, kTag, "Message length is not correct \n");
     return;
   }
   buffer[length] = '\0';
@@ -131,11 +132,11 @@ void SSRHandler::recoverLostEvents() {
   }
   int state = daemon_->getMarloPILStatus();
   if (state == 1 && !believed_up) {
-    __android_log_print(ANDROID_LOG_ERROR, kTag, "lost power-up event: marlo is running");
+    marlo_deamon_log::print(ANDROID_LOG_ERROR, kTag, "lost power-up event: marlo is running");
     last_event_ = kPowerUp;
     handleEvent(kPowerUp);
   } else if (state == 0 && believed_up) {
-    __android_log_print(ANDROID_LOG_ERROR, kTag, "lost power-down event: marlo is offline");
+    marlo_deamon_log::print(ANDROID_LOG_ERROR, kTag, "lost power-down event: marlo is offline");
     last_event_ = kPowerDown;
     handleEvent(kPowerDown);
   }
@@ -146,9 +147,9 @@ void SSRHandler::handleEvent(int32_t event) {
   if (event == kPowerDown) {
     property_set("vendor.marlo.boot_complete", "0");
     if (daemon_ != nullptr) daemon_->on_aon_down();
-    __android_log_print(ANDROID_LOG_DEBUG, kTag, "marlo is power down");
+    marlo_deamon_log::print(ANDROID_LOG_DEBUG, kTag, "marlo is power down");
   } else if (event == kPowerUp) {
-    __android_log_print(ANDROID_LOG_DEBUG, kTag, "marlo is powered up");
+    marlo_deamon_log::print(ANDROID_LOG_DEBUG, kTag, "marlo is powered up");
     property_set("vendor.marlo.boot_complete", "1");
     if (daemon_ != nullptr) daemon_->on_aon_up();
   }

@@ -8,7 +8,14 @@
 // shows two newlines there, one in the Android log).
 //
 // The daemon core (MarloDaemon, MarloComHandler, DFUCallback, SSRHandler)
-// calls __android_log_print directly instead.
+// logs its own lines, unfiltered and unprefixed; where a peer can make it
+// repeat a line quickly it calls marlo_deamon_log::print.
+//
+// Every line that goes through print (each log statement does) passes the
+// repeat limiter (log_repeat_limiter.h): beyond the first ten identical lines
+// in one second of the daemon's clock, copies are counted and reported once
+// the second has ended as "<line> ... repeated N times". A statement that is
+// withheld writes no stderr copy either.
 #pragma once
 
 #include <cstdint>
@@ -35,19 +42,26 @@ bool get_stderr_logging();
 // Switched on by marlod's --stderr-log; off by default.
 void enable_stderr_logging();
 
+// Formats the line and writes it to the Android log with `prio` and `tag`,
+// unless the repeat limiter withholds it; returns whether it was written.
+bool print(int prio, const char* tag, const char* fmt, ...) __attribute__((format(printf, 3, 4)));
+// Writes the repeat summaries whose second has ended; the main loop calls it
+// once a second, so a summary never waits for a further line.
+void flush_repeat_summaries();
+
 }  // namespace marlo_deamon_log
 
 // The statement with the line it reports given explicitly: statements whose
 // "function:line" the device's log tools match keep that line whatever line
 // they stand on in the source.
-#define MARLO_LOG_STATEMENT_AT(level, prio, line, fmt, ...)                                                     \
-  do {                                                                                                          \
-    if (marlo_deamon_log::get_level() >= (level)) {                                                             \
-      __android_log_print((prio), marlo_deamon_log::get_tag(), "%s:%d, " fmt, __func__, static_cast<int>(line), \
-                          ##__VA_ARGS__);                                                                       \
-      if (marlo_deamon_log::get_stderr_logging())                                                               \
-        std::fprintf(stderr, "%s:%d, " fmt "\n", __func__, static_cast<int>(line), ##__VA_ARGS__);              \
-    }                                                                                                           \
+#define MARLO_LOG_STATEMENT_AT(level, prio, line, fmt, ...)                                        \
+  do {                                                                                             \
+    if (marlo_deamon_log::get_level() >= (level)) {                                                \
+      if (marlo_deamon_log::print((prio), marlo_deamon_log::get_tag(), "%s:%d, " fmt, __func__,    \
+                                  static_cast<int>(line), ##__VA_ARGS__) &&                        \
+          marlo_deamon_log::get_stderr_logging())                                                  \
+        std::fprintf(stderr, "%s:%d, " fmt "\n", __func__, static_cast<int>(line), ##__VA_ARGS__); \
+    }                                                                                              \
   } while (0)
 
 #define MARLO_LOG_STATEMENT(level, prio, fmt, ...) MARLO_LOG_STATEMENT_AT(level, prio, __LINE__, fmt, ##__VA_ARGS__)

@@ -1,9 +1,11 @@
-// Sleeps scaled by MARLO_TIME_SCALE; clocks are never scaled.
+// Sleeps scaled by MARLO_TIME_SCALE, and the daemon's clock with them; the
+// system's clocks (elapsedRealtimeNano) are never scaled.
 #include <poll.h>
 #include <time.h>
 
 #include <cerrno>
 #include <cmath>
+#include <cstdint>
 
 #include <utils/SystemClock.h>
 
@@ -27,6 +29,12 @@ void sleep_scaled(double seconds) {
   if (req.tv_sec == 0 && req.tv_nsec == 0) return;
   while (nanosleep(&req, &req) == -1 && errno == EINTR) {
   }
+}
+
+double monotonic_real_ns() {
+  struct timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<double>(ts.tv_sec) * 1e9 + static_cast<double>(ts.tv_nsec);
 }
 
 }  // namespace
@@ -53,6 +61,15 @@ int usleep_or_readable(int fd, useconds_t usec) {
     if (ready >= 0) return ready > 0 ? 1 : 0;
     if (errno != EINTR) return -1;
   }
+}
+
+// A sleep of s seconds takes s * scale of real time, so one second of the
+// daemon's clock is scale seconds of real time. Counted from the first call,
+// so that a small scale cannot take it past 64 bits.
+int64_t daemon_clock_ns() {
+  static const double origin_ns = monotonic_real_ns();
+  const double ns = (monotonic_real_ns() - origin_ns) / platform::host::time_scale();
+  return ns < 9e18 ? static_cast<int64_t>(ns) : INT64_C(9000000000000000000);
 }
 
 }  // namespace platform

@@ -8,11 +8,13 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
 
 #include "daemon/SSRHandler.h"
+#include "daemon/marlo_deamon_log.h"
 #include "support/log_capture.h"
 #include "support/test_root.h"
 #include "support/wait_until.h"
@@ -100,6 +102,19 @@ TEST_F(SSRHandlerTest, OnlyControlDeviceMessagesOfTheRightLengthCount) {
   ASSERT_TRUE(wait_for_event(3));
   ASSERT_TRUE(all_handled(100));
   EXPECT_EQ(root_.property("vendor.marlo.boot_complete"), "<unset>");
+}
+
+// A peer flooding the listener with oversized messages gets ten lines and a
+// summary, not a line per message. The test holds the daemon's clock all but
+// still (a large time scale), then lets a second of it pass at once.
+TEST_F(SSRHandlerTest, FloodOfBadMessagesIsLoggedTenTimesAndSummarised) {
+  ::setenv("MARLO_TIME_SCALE", "1000", 1);
+  for (int i = 0; i < 25; ++i) send(event("MARLO_EVENT=7") + std::string(1100, 'x'));
+  ASSERT_TRUE(all_handled(100));
+  EXPECT_EQ(log_.count("Message length is not correct"), 10);
+  ::setenv("MARLO_TIME_SCALE", "0.001", 1);
+  marlo_deamon_log::flush_repeat_summaries();
+  EXPECT_TRUE(log_.contains("Message length is not correct  ... repeated 15 times"));
 }
 
 TEST_F(SSRHandlerTest, ListenerKeepsListeningAfterAnOverrun) {

@@ -50,6 +50,10 @@ int usleep(useconds_t usec);
 // can still be woken: 1 when the pipe ended the wait, 0 when the time
 // passed, -1 with errno set when the wait failed.
 int usleep_or_readable(int fd, useconds_t usec);
+// The daemon's clock in nanoseconds: monotonic, and on the host scaled like
+// the sleeps above (MARLO_TIME_SCALE), so that one second of it passes while
+// sleep(1) does. Only differences have a meaning. 1:1 on a device.
+int64_t daemon_clock_ns();
 
 // The name under which the system knows a device path, for the callers that
 // hand a path to a library rather than to one of the calls above (file

@@ -1,0 +1,140 @@
+// The repeat limiter against a fake clock: what is written, what is counted,
+// and when the summaries come.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "daemon/log_repeat_limiter.h"
+
+namespace {
+
+constexpr int64_t kMs = 1000000;
+
+// `copies` statements of `line` at `at_ms` (all at the same instant), or a
+// flushDue() when `line` is null.
+struct Step {
+  int64_t at_ms;
+  const char* line;
+  int copies;
+  int prio = 6;
+  const char* tag = "t";
+};
+
+struct Case {
+  const char* name;
+  std::vector<Step> steps;
+  // Written lines in order, runs of one line as "<line> xN"; summaries as
+  // the limiter writes them.
+  std::vector<std::string> written;
+};
+
+void PrintTo(const Case& c, std::ostream* os) { *os << c.name; }
+
+class Recorder {
+ public:
+  void add(const std::string& text) {
+    if (!out_.empty() && out_.back().text == text) {
+      ++out_.back().count;
+    } else {
+      out_.push_back({text, 1});
+    }
+  }
+  std::vector<std::string> runs() const {
+    std::vector<std::string> runs;
+    for (const Run& run : out_) runs.push_back(run.count == 1 ? run.text : run.text + " x" + std::to_string(run.count));
+    return runs;
+  }
+
+ private:
+  struct Run {
+    std::string text;
+    int count;
+  };
+  std::vector<Run> out_;
+};
+
+const Case kCases[] = {
+    {"FloodIsCutAtTenAndSummarisedWhenTheSecondEnds",
+     {{0, "flood", 25}, {999, nullptr, 0}, {1000, nullptr, 0}},
+     {"flood x10", "flood ... repeated 15 times"}},
+    {"TenCopiesInASecondNeedNoSummary", {{0, "ten", 10}, {5000, nullptr, 0}}, {"ten x10"}},
+    {"OrdinaryRetriesAreAllWritten",
+     {{0, "retry", 3}, {400, "retry", 3}, {800, "retry", 3}, {1200, "retry", 3}, {1600, "retry", 3}},
+     {"retry x15"}},
+    {"NextWindowWritesTenAgainAfterTheSummary",
+     {{0, "again", 12}, {1000, "again", 12}, {2000, nullptr, 0}},
+     {"again x10", "again ... repeated 2 times", "again x10", "again ... repeated 2 times"}},
+    {"AnyLaterStatementWritesTheDueSummary",
+     {{0, "loud", 11}, {1500, "other", 1}},
+     {"loud x10", "loud ... repeated 1 times", "other"}},
+    {"PriorityAndTagSeparateLines",
+     {{0, "same", 10, 6, "t"},
+      {0, "same", 10, 3, "t"},
+      {0, "same", 10, 6, "u"},
+      {0, "same", 1, 6, "t"},
+      {1000, nullptr, 0}},
+     {"same x30", "same ... repeated 1 times"}},
+    {"TrailingNewlineStaysOutOfTheSummary",
+     {{0, "line\n", 11}, {1000, nullptr, 0}},
+     {"line\n x10", "line ... repeated 1 times"}},
+};
+
+class LimiterCases : public ::testing::TestWithParam<Case> {};
+
+TEST_P(LimiterCases, WritesAndSummarises) {
+  int64_t now = 0;
+  Recorder out;
+  LogRepeatLimiter limiter([&now] { return now; }, [&out](int, const char*, const char* text) { out.add(text); });
+  for (const Step& step : GetParam().steps) {
+    now = step.at_ms * kMs;
+    if (step.line == nullptr) limiter.flushDue();
+    for (int i = 0; i < step.copies; ++i) {
+      if (limiter.admit(step.prio, step.tag, step.line)) out.add(step.line);
+    }
+  }
+  EXPECT_EQ(out.runs(), GetParam().written);
+}
+
+INSTANTIATE_TEST_SUITE_P(Limiter, LimiterCases, ::testing::ValuesIn(kCases),
+                         [](const ::testing::TestParamInfo<Case>& info) { return info.param.name; });
+
+// The table is bounded: a line pushed out by newer ones reports what it
+// withheld at once, with its own priority and tag, instead of losing it.
+TEST(LogRepeatLimiter, LineLeavingTheTableWritesItsSummaryFirst) {
+  int64_t now = 0;
+  std::vector<std::string> summaries;
+  LogRepeatLimiter limiter([&now] { return now; },
+                           [&](int prio, const char* tag, const char* text) {
+                             summaries.push_back(std::to_string(prio) + " " + tag + " " + text);
+                           });
+  for (int i = 0; i < 13; ++i) limiter.admit(6, "t", "first");
+  for (size_t i = 1; i < LogRepeatLimiter::kSlots; ++i) {
+    now += kMs;
+    limiter.admit(4, "t", ("line " + std::to_string(i)).c_str());
+  }
+  EXPECT_TRUE(summaries.empty());
+  now += kMs;
+  EXPECT_TRUE(limiter.admit(4, "t", "one too many"));
+  EXPECT_EQ(summaries, std::vector<std::string>{"6 t first ... repeated 3 times"});
+  now += 2000 * kMs;
+  limiter.flushDue();
+  EXPECT_EQ(summaries.size(), 1u) << "counted once";
+}
+
+// A clock that goes back (the host's scaled clock when a test raises the
+// scale) ends every window rather than holding lines back.
+TEST(LogRepeatLimiter, ClockGoingBackEndsTheWindows) {
+  int64_t now = 5000 * kMs;
+  std::vector<std::string> summaries;
+  LogRepeatLimiter limiter([&now] { return now; },
+                           [&](int, const char*, const char* text) { summaries.push_back(text); });
+  for (int i = 0; i < 11; ++i) limiter.admit(6, "t", "x");
+  now = 0;
+  EXPECT_TRUE(limiter.admit(6, "t", "x"));
+  EXPECT_EQ(summaries, std::vector<std::string>{"x ... repeated 1 times"});
+}
+
+}  // namespace
