@@ -178,6 +178,10 @@ void MarloDaemon::on_aon_up() {
       if (property_is_one("vendor.zt_aon.misc_update")) property_set("vendor.zt_aon.misc_update", "0");
     });
   }
+  // A download whose channel was lost for good while the co-processor was
+  // down (an outage longer than the transport's reopen attempts) is taken up
+  // again now; any other download, or none, is left alone.
+  fw_updater->resumeDownloadOnPowerUp();
 }
 
 void MarloDaemon::on_aon_down() {

@@ -15,6 +15,7 @@
 
 #include "daemon/MarloDaemon.h"
 #include "daemon/marlo_deamon_log.h"
+#include "fwupdater/marlo_fw_updater.h"
 #include "platform/os.h"
 
 namespace {
@@ -139,6 +140,11 @@ void SSRHandler::recoverLostEvents() {
     marlo_deamon_log::print(ANDROID_LOG_ERROR, kTag, "lost power-down event: marlo is offline");
     last_event_ = kPowerDown;
     handleEvent(kPowerDown);
+  } else if (state == 1) {
+    // A power-down and power-up lost together leave the state as it was.
+    // Only a download's lost channel can show that restart: one is taken up
+    // as at a power-up, and an open channel is left alone.
+    daemon_->updater()->resumeDownloadOnPowerUp();
   }
 }
 

@@ -37,7 +37,9 @@ class SSRHandler {
 
   // After an overrun: compares the co-processor's remote-processor state
   // with the last power event and, where they differ, acts as the missing
-  // power-down or power-up event. Listener thread.
+  // power-down or power-up event. A running co-processor believed running
+  // may have restarted unseen: a download whose channel was lost is taken
+  // up. Listener thread.
   void recoverLostEvents();
 
   // Handles one received uevent message of `length` bytes held in a buffer

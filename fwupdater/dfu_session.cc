@@ -105,9 +105,19 @@ const marlo_fw_resource* find_image(const fw_resource_list& resources, uint32_t 
 // send again, fail again, without bound. A resume nested in a resume on the
 // same thread is therefore skipped (and logged); the outer resume has just
 // tried and the next error or request of the co-processor starts a new one.
+//
+// Reopening: the restart listener reopens the channel of an unfinished
+// download after a power-up. A failed reopen leaves the session as it is,
+// waiting for the next power-up: it is neither reported as a channel error
+// nor ended (which would also take the lock the reopen holds).
+//
+// Sending: a resume must know whether its request went out; each send
+// leaves its result here, and a resume sends one request.
 thread_local const marlo_fw_updater* t_connecting = nullptr;
 thread_local bool t_open_failed = false;
 thread_local const marlo_fw_updater* t_resuming = nullptr;
+thread_local const marlo_fw_updater* t_reopening = nullptr;
+thread_local int t_last_send = 0;
 
 class ScopedMark {
  public:
@@ -133,6 +143,11 @@ void marlo_fw_updater::reportDFU(const std::string& message, Callback::Status st
 }
 
 void marlo_fw_updater::startMarloDownloaderWithCallback(Callback* cb) {
+  platform::lock_guard session(session_lock);
+  {
+    platform::lock_guard lock(resume_lock);
+    channel_lost = false;  // a loss in an earlier session is not this one's
+  }
   callback = cb;
   // The images are loaded aside and published whole before the channel is
   // opened: a co-processor may ask for an image the moment the reader thread
@@ -161,7 +176,7 @@ void marlo_fw_updater::startMarloDownloaderWithCallback(Callback* cb) {
     if (open_failed) {
       // Ending the session empties the list; the images stay loaded after
       // it all the same, as when they were loaded after the channel.
-      endMarloDownloader();
+      endSession();
       publishFwResources(loaded);
     }
   }
@@ -332,9 +347,11 @@ int marlo_fw_updater::send_aon_request(uint32_t command_id, std::vector<uint8_t>
   put_le32(&message[DFU_HDR_CRC], crc);
   if (!glinkInterface) {
     MARLO_LOGE("glinkInterface != nullptr");
+    t_last_send = 0;
     return 0;
   }
-  return glinkInterface->send_request(message.data(), static_cast<unsigned int>(message.size()));
+  t_last_send = glinkInterface->send_request(message.data(), static_cast<unsigned int>(message.size()));
+  return t_last_send;
 }
 
 double marlo_fw_updater::timeTaken() {
@@ -346,6 +363,7 @@ double marlo_fw_updater::timeTaken() {
 void marlo_fw_updater::conn_error_cb(glink_interface_error error) {
   MARLO_LOGE("conn_error_cb =%d", static_cast<int>(error));
   if (error == GLINK_OPEN_FAILED) {
+    if (t_reopening == this) return;  // the session waits for the next power-up
     reportDFU("Marlo dfu channel open failed", Callback::STATUS_CHANNEL_ERROR);
     if (t_connecting == this) {
       t_open_failed = true;  // ended by startMarloDownloaderWithCallback once connect has returned
@@ -360,10 +378,49 @@ void marlo_fw_updater::conn_error_cb(glink_interface_error error) {
     return;
   }
   ScopedMark resuming(t_resuming, this);
+  platform::lock_guard lock(resume_lock);
+  channel_lost = !resumeSession();
+  // The transport reports a hang-up after its reopen attempts: a resume that
+  // cannot be sent means they gave up while the co-processor was down.
+  if (channel_lost) MARLO_LOGE("DFU channel is closed: the download resumes when marlo powers up");
+}
+
+bool marlo_fw_updater::resumeSession() {
+  t_last_send = 0;
   if (!resumeEraseWalk()) getCurrentDFUStateAndContinueDownload();
+  return t_last_send >= 1;
+}
+
+void marlo_fw_updater::resumeDownloadOnPowerUp() {
+  platform::lock_guard session(session_lock);
+  if (!glinkInterface || !continue_download || update_finished) {
+    MARLO_LOGD("no unfinished download, DFU channel left as it is");
+    return;
+  }
+  // An open channel refuses the connect and is left alone: the co-processor
+  // did not go down, or the transport reopened it and resumes by itself. A
+  // reopen in progress in the transport is waited for first.
+  bool reopened = false;
+  {
+    ScopedMark reopening(t_reopening, this);
+    reopened = glinkInterface->connect_interface(true) == 0;
+  }
+  if (!reopened) return;
+  platform::lock_guard lock(resume_lock);
+  // Reopened here before the transport reported its attempts: that report
+  // is still to come and resumes on this channel.
+  if (!channel_lost) return;
+  MARLO_LOGI("marlo powered up: DFU channel reopened, resuming the download");
+  ScopedMark resuming(t_resuming, this);
+  channel_lost = !resumeSession();
 }
 
 void marlo_fw_updater::endMarloDownloader() {
+  platform::lock_guard session(session_lock);
+  endSession();
+}
+
+void marlo_fw_updater::endSession() {
   MARLO_LOGD("endMarloDownloader");
   if (glinkInterface) {
     // The reader thread sends through this pointer: stop it while the

@@ -189,6 +189,13 @@ class marlo_fw_updater {
   int send_aon_request(uint32_t command_id, std::vector<uint8_t>& message);
   void endMarloDownloader();
   double timeTaken();
+  // The co-processor has powered up (restart listener thread). While a
+  // download is unfinished, reopens its DFU channel when the transport's own
+  // reopen attempts gave up during the outage, and resumes the session with a
+  // state query, as the transport's reconnect would have. A download that
+  // finished or ended, and a channel that is open, are left as they are.
+  // May wait for the transport's reopen in progress (seconds on a device).
+  void resumeDownloadOnPowerUp();
 
   // DFU special operations.
   void eraseAllRAWPartitionAndContinueDownload();
@@ -227,6 +234,11 @@ class marlo_fw_updater {
   int32_t tbxElfOffset() const { return tbx_elf_offset; }
 
  private:
+  // Takes an interrupted download up again: the erases not answered, or a
+  // state query. True when its request went out.
+  bool resumeSession() REQUIRES(resume_lock);
+  // Stops and destroys the DFU transport and releases the images.
+  void endSession() REQUIRES(session_lock);
   // Reports a step of the DFU session to the callback, if one is set.
   void reportDFU(const std::string& message, Callback::Status status);
   // Reports a step of the misc-data transfer to the callback, if one is set.
@@ -262,7 +274,20 @@ class marlo_fw_updater {
   // reader, cleared only after disconnect has joined it (the destructor
   // disconnects first too). The reader thread sends through it; so the
   // pointer never changes while that thread can read it, and needs no lock.
+  // The restart listener uses it too (to reopen the channel after a
+  // power-up): set-up, end and that use hold session_lock, so the listener
+  // never meets a transport being made or destroyed, nor connects it while
+  // the daemon's thread does. A holder may join the reader thread, whose
+  // resumes therefore take only resume_lock.
   std::unique_ptr<glink_interface> glinkInterface;
+  platform::mutex session_lock;
+  // Serialises the resumes of the reader thread (after the transport's own
+  // reconnect) and of the restart listener (after a power-up), so that one
+  // loss of the channel is resumed once. Taken after session_lock.
+  platform::mutex resume_lock;
+  // A resume found the channel closed: the transport's reconnect gave up
+  // while the co-processor was down, and only a power-up reopens it.
+  bool channel_lost GUARDED_BY(resume_lock) = false;
   // Read from the partition table on the daemon's thread while the images
   // are loaded, before they are published.
   int32_t tbx_elf_offset = 0;

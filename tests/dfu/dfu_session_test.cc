@@ -2,10 +2,13 @@
 // the co-processor on the channel's socket and checks every answer's bytes,
 // with the CRC recomputed by zlib.
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 #include <zlib.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <filesystem>
 #include <memory>
@@ -102,6 +105,31 @@ class DfuSessionTest : public ::testing::Test {
   bool silent() {
     uint8_t b[64];
     return marlo::sim::receive_packet(peer, b, sizeof(b), 100) < 0;
+  }
+  // True when an open of the channel is waiting for its status: the
+  // transport is inside an open attempt.
+  bool open_attempt_waiting(int timeout_ms = 3000) {
+    struct pollfd listening = {node.listen_fd(), POLLIN, 0};
+    return ::poll(&listening, 1, timeout_ms) == 1;
+  }
+  // Answers the next open attempt as a channel whose remote end is down.
+  void refuse_next_open() {
+    ASSERT_TRUE(open_attempt_waiting());
+    const int fd = ::accept4(node.listen_fd(), nullptr, nullptr, SOCK_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    const int32_t status = ENODEV;
+    EXPECT_TRUE(marlo::sim::send_packet(fd, &status, sizeof(status)));
+    ::close(fd);
+  }
+  // The co-processor goes down and stays down through the transport's three
+  // reopen attempts; returns once the transport has tried to resume.
+  void lose_channel_for_good() {
+    const std::string query = "### Getting Marlo DFU State. ###";
+    const int queries = cb.count(query, Status::STATUS_STARTED);
+    ::close(peer);
+    peer = -1;
+    for (int attempt = 0; attempt < 3; ++attempt) refuse_next_open();
+    ASSERT_TRUE(wait_until([&] { return cb.count(query, Status::STATUS_STARTED) > queries; }, std::chrono::seconds(3)));
   }
   // The fragment data of the answer to IMG_OFFSET_REQ(id, offset, len).
   Bytes fragment(uint32_t id, uint32_t offset, uint32_t len, size_t expected_size) {
@@ -276,6 +304,49 @@ TEST_F(DfuSessionTest, DroppedChannelResumesFromReportedStateUntilSessionEnds) {
   EXPECT_TRUE(cb.wait_for("### Marlo Firmware Update finished. ###", Status::STATUS_SUCCESS));
   restart_channel();
   EXPECT_TRUE(silent());  // after the session's end an error resumes nothing
+}
+
+// The co-processor stays down longer than the transport's reopen attempts.
+// A power-up that finds it still down leaves the session waiting, the next
+// one reopens the channel and resumes once.
+TEST_F(DfuSessionTest, PowerUpReopensAChannelTheTransportGaveUpOn) {
+  start();
+  updater->getCurrentDFUStateAndContinueDownload();
+  receive(13);
+  lose_channel_for_good();  // the transport's resume could not be sent
+  std::thread still_down([&] { updater->resumeDownloadOnPowerUp(); });
+  for (int attempt = 0; attempt < 3; ++attempt) refuse_next_open();
+  still_down.join();
+  EXPECT_EQ(cb.count("Marlo dfu channel open failed", Status::STATUS_CHANNEL_ERROR), 0);
+  EXPECT_EQ(cb.count("MarloDownloader END", Status::STATUS_ENDED), 0);
+
+  std::thread up([&] { updater->resumeDownloadOnPowerUp(); });
+  peer = node.accept_open(5000);
+  up.join();
+  ASSERT_GE(peer, 0);
+  EXPECT_EQ(receive(13), words({1, 0, 0}));
+  EXPECT_TRUE(silent()) << "resumed once";
+}
+
+// The power-up arrives while the transport's last reopen attempt is still
+// waiting: whichever of the two resumes, the session is resumed once.
+TEST_F(DfuSessionTest, PowerUpDuringTheTransportsLastReopenAttemptResumesOnce) {
+  start();
+  updater->getCurrentDFUStateAndContinueDownload();
+  receive(13);
+  ::close(peer);
+  peer = -1;
+  refuse_next_open();
+  refuse_next_open();
+  ASSERT_TRUE(open_attempt_waiting());  // the third attempt holds the transport
+  std::thread power_up([&] { updater->resumeDownloadOnPowerUp(); });
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));  // let it wait on the transport
+  refuse_next_open();
+  peer = node.accept_open(5000);
+  power_up.join();
+  ASSERT_GE(peer, 0);
+  EXPECT_EQ(receive(13), words({1, 0, 0}));
+  EXPECT_TRUE(silent()) << "resumed once";
 }
 
 // The reader thread is answering a request when the updater is destroyed:
