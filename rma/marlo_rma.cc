@@ -48,12 +48,14 @@ constexpr size_t kClientPrivOffset = 36;
 // Fixed values of the CONNECT response.
 constexpr uint32_t kConnectVersion = 3;
 constexpr uint32_t kConnectBlockSize = 4096;
-constexpr uint32_t kWriteDone = 0;
-constexpr uint32_t kWriteFailed = 1;
+// The result word of the DATA_READ and DATA_WRITE answers.
+constexpr uint32_t kResultDone = 0;
+constexpr uint32_t kResultFailed = 1;
 // A DATA_READ answer is one packet: header, five words, the block. A larger
 // block is answered as a read that failed, so that no size the co-processor
 // names makes the daemon allocate more than one packet.
 constexpr size_t kReadAnswerWords = 5;
+constexpr size_t kReadResultOffset = kHeaderSize + (kReadAnswerWords - 1) * sizeof(uint32_t);
 constexpr uint32_t kMaxReadBlock =
     marlo_glink::kMaxPacketSize - static_cast<uint32_t>(kHeaderSize + kReadAnswerWords * sizeof(uint32_t));
 
@@ -136,14 +138,65 @@ bool marlo_rma::append_block(const std::string& name, unsigned offset, unsigned 
     MARLO_LOGE("File open failed : %s", path.c_str());
     return false;
   }
-  // The block has the size that was asked for: the part of it that lies
-  // past the end of the file (or that a failed read leaves) is zeros.
+  // Only a block the file holds whole is served: zeros in place of bytes
+  // that could not be read would be taken by the co-processor as its memory.
   const size_t at = out.size();
-  out.resize(at + size, 0);
-  if (marlo::rma::read_at(file.get(), out.data() + at, size, offset) < 0) {
+  out.resize(at + size);
+  const int64_t got = marlo::rma::read_at(file.get(), out.data() + at, size, offset);
+  if (got < 0) {
     MARLO_LOGE("read of %s failed: %s", path.c_str(), strerror(errno));
+  } else if (static_cast<uint64_t>(got) < size) {
+    MARLO_LOGE("%s holds %lld bytes at %u, fewer than the %u asked", path.c_str(), static_cast<long long>(got), offset,
+               size);
+  }
+  if (got != static_cast<int64_t>(size)) {
+    out.resize(at);
+    return false;
   }
   MARLO_LOGD("read : %d", static_cast<int>(size));
+  return true;
+}
+
+bool marlo_rma::claim_partition(const std::string& name, uint32_t partition_size) {
+  const std::string path = kPartitionDir + name;
+  const marlo::rma::partition_owner owner{memory_id, second_id};
+  marlo::rma::partition_owner holder{};
+  const auto claim = claims.claim(name, owner, &holder);
+  if (claim == marlo::rma::partition_claims::claim_result::taken) {
+    MARLO_LOGE("CONNECT of memory id %u, second id %u refused: %s is claimed by memory id %u, second id %u",
+               owner.memory_id, owner.second_id, path.c_str(), holder.memory_id, holder.second_id);
+    return false;
+  }
+  if (claim == marlo::rma::partition_claims::claim_result::full) {
+    MARLO_LOGE("CONNECT of memory id %u, second id %u refused: %s would be beyond the %u partitions one run may claim",
+               owner.memory_id, owner.second_id, path.c_str(), marlo::rma::kMaxPartitions);
+    return false;
+  }
+  switch (marlo::rma::create_backing_file(name, partition_size)) {
+    case marlo::rma::create_result::exists: MARLO_LOGE("file exists %s  ", path.c_str()); return true;
+    case marlo::rma::create_result::created:
+      MARLO_LOGD("size of file %d ", static_cast<int>(partition_size));
+      return true;
+    case marlo::rma::create_result::failed: MARLO_LOGE("File opening failed"); break;
+    case marlo::rma::create_result::refused:  // logged with the policy's figures
+      break;
+  }
+  // No file: the name stays free for whichever pair can make it.
+  if (claim == marlo::rma::partition_claims::claim_result::added) claims.release(name, owner);
+  return true;
+}
+
+bool marlo_rma::may_use(const std::string& name, const char* request) const {
+  if (connect_refused) {
+    MARLO_LOGE("%s of memory id %u refused: its CONNECT was refused", request, memory_id.load());
+    return false;
+  }
+  marlo::rma::partition_owner holder{};
+  if (claims.held_by_other(name, {memory_id, second_id}, &holder)) {
+    MARLO_LOGE("%s of memory id %u, second id %u refused: %s%s is claimed by memory id %u, second id %u", request,
+               memory_id.load(), second_id.load(), kPartitionDir, name.c_str(), holder.memory_id, holder.second_id);
+    return false;
+  }
   return true;
 }
 
@@ -198,16 +251,9 @@ void marlo_rma::rma_conn_res_event_cb(const uint8_t* data, unsigned size) {
       const uint32_t partition_size = marlo::le32_at(message, kSizeOffset);
       MARLO_LOGD("memory_id received CONNECT %d,partition_sz_bytes %d, client_priv %d ", memory_id.load(),
                  partition_size, client_priv.load());
-      const std::string name = partition_name(memory_id);
-      switch (marlo::rma::create_backing_file(name, partition_size)) {
-        case marlo::rma::create_result::exists: MARLO_LOGE("file exists %s  ", (kPartitionDir + name).c_str()); break;
-        case marlo::rma::create_result::failed: MARLO_LOGE("File opening failed"); break;
-        case marlo::rma::create_result::refused:  // logged with the policy's figures
-          break;
-        case marlo::rma::create_result::created:
-          MARLO_LOGD("size of file %d ", static_cast<int>(partition_size));
-          break;
-      }
+      // A refused CONNECT is answered all the same; its partition is not
+      // served.
+      connect_refused = !claim_partition(partition_name(memory_id), partition_size);
       auto payload = words({client_priv, 0, memory_id, kConnectVersion, kConnectBlockSize, kConnectBlockSize});
       send_aon_request(RMA_CONNECT_RESP, payload.data(), static_cast<unsigned>(payload.size()));
       break;
@@ -226,12 +272,18 @@ void marlo_rma::rma_conn_res_event_cb(const uint8_t* data, unsigned size) {
       std::vector<uint8_t> answer(kHeaderSize);
       answer.reserve(kHeaderSize + kReadAnswerWords * sizeof(uint32_t));
       for (uint32_t word : {marlo::le32_at(message, kRequestWordOffset), client_priv.load(),
-                            marlo::le32_at(message, kMemoryIdOffset), block_size, 0u}) {
-        marlo::append_le32(answer, word);
+                            marlo::le32_at(message, kMemoryIdOffset), block_size, kResultDone}) {
+        marlo::append_le32(answer, word);  // the last one is the result
       }
-      // A block that cannot be read (no file, or more than one packet) is
-      // answered with the echoed words alone.
-      append_block(partition_name(memory_id), marlo::le32_at(message, kSecondIdOffset), block_size, answer);
+      // A block that cannot be read whole is answered with the echoed words,
+      // result 1 and no data, as a failed DATA_WRITE is.
+      const std::string name = partition_name(memory_id);
+      const uint32_t offset = marlo::le32_at(message, kSecondIdOffset);
+      if (!may_use(name, "DATA_READ") || !append_block(name, offset, block_size, answer)) {
+        marlo::put_le32(answer.data() + kReadResultOffset, kResultFailed);
+        MARLO_LOGE("DATA_READ of %u bytes at %u from %s%s failed: result 1, no data", block_size, offset, kPartitionDir,
+                   name.c_str());
+      }
       MARLO_LOGD("prepare DATA_READ data:");
       send_message(RMA_DATA_READ_RESP, answer);
       break;
@@ -240,15 +292,14 @@ void marlo_rma::rma_conn_res_event_cb(const uint8_t* data, unsigned size) {
       MARLO_LOGD("GLINK_int received DATA_WRITE and len %d", marlo::le32_at(message, 4));
       const uint32_t request_word = marlo::le32_at(message, kRequestWordOffset);
       const uint32_t block_size = marlo::le32_at(message, kSizeOffset);
-      uint32_t result = kWriteFailed;
+      uint32_t result = kResultFailed;
       // The block is taken only from bytes that arrived.
       if (message.size() < kBlockOffset || block_size > message.size() - kBlockOffset) {
         MARLO_LOGE("DATA_WRITE block of %u bytes is larger than the %u-byte message", block_size, size);
-      } else {
-        const std::string path = kPartitionDir + partition_name(request_word);
-        if (AppendToFile(path, marlo::le32_at(message, kSecondIdOffset), block_size,
+      } else if (const std::string name = partition_name(request_word); may_use(name, "DATA_WRITE")) {
+        if (AppendToFile(kPartitionDir + name, marlo::le32_at(message, kSecondIdOffset), block_size,
                          reinterpret_cast<const char*>(message.data() + kBlockOffset)) == 0) {
-          result = kWriteDone;
+          result = kResultDone;
         }
       }
       auto payload = words({request_word, client_priv, marlo::le32_at(message, kMemoryIdOffset), block_size, result});

@@ -26,6 +26,12 @@ inline constexpr const char* kPartitionDir = "/data/vendor/aon/";
 // creates no file; files that exist are never removed or shrunk by it.
 inline constexpr uint64_t kMaxPartitionBytes = 64ull << 20;
 inline constexpr uint64_t kMaxStorageBytes = 256ull << 20;
+// One run of the daemon serves at most kMaxPartitions backing file names
+// (made or found by a CONNECT); a CONNECT of a further name is refused. A
+// co-processor keeps a handful of partitions; the bound keeps the table of
+// claimed names (rma_partition_claims.h) and the files one run can make
+// small whatever the CONNECTs name.
+inline constexpr uint32_t kMaxPartitions = 64;
 
 // Partition names are decimal digits only, so a name with this suffix is
 // never a partition.

@@ -12,6 +12,7 @@
 
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <initializer_list>
 #include <memory>
 #include <string>
@@ -19,6 +20,7 @@
 #include <vector>
 
 #include "daemon/marlo_deamon_log.h"
+#include "rma/rma_backing_store.h"
 #include "sim/device_node.h"
 #include "support/log_capture.h"
 #include "support/test_root.h"
@@ -85,6 +87,17 @@ class RmaTest : public ::testing::Test {
     EXPECT_TRUE(sim::send_packet(peer_, message.data(), message.size()));
     return receive();
   }
+  // A restart of the co-processor: the client is started again, as on its
+  // power-up, and serves the new connection; the old one then hangs up.
+  void restart_coprocessor() {
+    int peer = -1;
+    std::thread device([&] { peer = node_->accept_open(2000); });
+    rma_->startMarloRmaConnection();
+    device.join();
+    ASSERT_GE(peer, 0);
+    ::close(peer_);
+    peer_ = peer;
+  }
   static std::vector<uint32_t> words(const Bytes& answer, size_t count) {
     std::vector<uint32_t> out;
     for (size_t i = 0; i < count; ++i) out.push_back(word_at(answer, 12 + 4 * i));
@@ -131,34 +144,56 @@ TEST_F(RmaTest, WrittenBlocksReadBackAndNeverGrowThePartition) {
   EXPECT_EQ(root_.read("/data/vendor/aon/757").size(), 4096u);
 }
 
-// A read answer carries the block size it was asked for: what lies past the
-// end of the file reads as zeros.
-TEST_F(RmaTest, ReadAnswerHasTheRequestedSizeZeroFilledPastTheEnd) {
+// A read of a block that the file holds whole is answered with its bytes;
+// any other read with the echoed words, result 1 and no data.
+TEST_F(RmaTest, ReadsOfWholeBlocksAreServedAndReadsPastTheEndFail) {
   std::string content(256, '\0');
   for (size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>(i % 250 + 1);
   root_.write("/data/vendor/aon/757", content);
   exchange(connect_request(7, 5, 256, 99));
-  const Bytes file(content.begin(), content.end());
   struct Case {
     uint32_t offset, size;
-    Bytes data;
+    bool served;
   } cases[] = {
-      {0, 400,
-       [&] {
-         Bytes b = file;
-         b.resize(400, 0);
-         return b;
-       }()},
-      {250, 10, {1, 2, 3, 4, 5, 6, 0, 0, 0, 0}},
-      {300, 16, Bytes(16, 0)},
-      {0, 0, {}},
+      {0, 256, true}, {250, 6, true}, {0, 0, true}, {256, 0, true}, {0, 400, false}, {250, 10, false}, {300, 16, false},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(testing::Message() << c.size << " bytes at " << c.offset);
     Bytes answer = exchange(data_request(256, 4, 7, c.offset, c.size));
-    EXPECT_EQ(words(answer, 5), (std::vector<uint32_t>{4, 99, 7, c.size, 0}));
-    ASSERT_EQ(answer.size(), 32u + c.size);
-    EXPECT_EQ(Bytes(answer.begin() + 32, answer.end()), c.data);
+    EXPECT_EQ(words(answer, 5), (std::vector<uint32_t>{4, 99, 7, c.size, c.served ? 0u : 1u}));
+    const Bytes expected = c.served ? Bytes(content.begin() + c.offset, content.begin() + c.offset + c.size) : Bytes{};
+    EXPECT_EQ(Bytes(answer.begin() + 32, answer.end()), expected);
+  }
+  EXPECT_EQ(log_.count("failed: result 1, no data"), 3);
+}
+
+// The backing file of a connected partition changed under the daemon.
+TEST_F(RmaTest, ReadsOfABackingFileThatCannotBeReadFail) {
+  const std::string path = "/data/vendor/aon/757";
+  struct Case {
+    const char* what;
+    std::function<void()> damage;
+    const char* logged;
+  } cases[] = {
+      {"removed", [&] { std::filesystem::remove(root_.at(path)); }, "File open failed : /data/vendor/aon/757"},
+      {"a directory",
+       [&] {
+         std::filesystem::remove(root_.at(path));
+         root_.mkdir(path);
+       },
+       "read of /data/vendor/aon/757 failed"},
+      {"truncated", [&] { std::filesystem::resize_file(root_.at(path), 100); }, "fewer than the 64 asked"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    std::filesystem::remove_all(root_.at(path));
+    exchange(connect_request(7, 5, 4096, 99));
+    ASSERT_EQ(words(exchange(data_request(256, 7, 7, 64, 64)), 5)[4], 0u);
+    c.damage();
+    Bytes answer = exchange(data_request(256, 7, 7, 64, 64));
+    EXPECT_EQ(answer.size(), 32u);
+    EXPECT_EQ(words(answer, 5), (std::vector<uint32_t>{7, 99, 7, 64, 1}));
+    EXPECT_TRUE(log_.contains(c.logged));
   }
 }
 
@@ -174,7 +209,7 @@ TEST_F(RmaTest, HostileSizesNeitherOverReadNorOverAllocate) {
   // A read of 4 GiB is answered as a failed read: the echoed words, no data.
   answer = exchange(data_request(256, 1, 7, 0, 0xFFFFFFFFu));
   EXPECT_EQ(answer.size(), 32u);
-  EXPECT_EQ(words(answer, 5), (std::vector<uint32_t>{1, 99, 7, 0xFFFFFFFFu, 0}));
+  EXPECT_EQ(words(answer, 5), (std::vector<uint32_t>{1, 99, 7, 0xFFFFFFFFu, 1}));
   EXPECT_TRUE(log_.contains("does not fit one packet"));
   // Shorter than a header (the transport pads runts to its first read, so
   // it is handed in directly): dropped; the next request is answered.
@@ -196,7 +231,7 @@ TEST_F(RmaTest, ReadAnswerIsServedUpToOnePacketAndFailsBeyond) {
   // One byte more would not fit: a failed read.
   answer = exchange(data_request(256, 3, 7, 0, kPacket - 31));
   EXPECT_EQ(answer.size(), 32u);
-  EXPECT_EQ(words(answer, 5), (std::vector<uint32_t>{3, 99, 7, kPacket - 31, 0}));
+  EXPECT_EQ(words(answer, 5), (std::vector<uint32_t>{3, 99, 7, kPacket - 31, 1}));
 }
 
 TEST_F(RmaTest, StoragePolicyRefusesPartitionsBeyondItsCapsAndKeepsExistingFiles) {
@@ -210,6 +245,7 @@ TEST_F(RmaTest, StoragePolicyRefusesPartitionsBeyondItsCapsAndKeepsExistingFiles
   EXPECT_EQ(words(exchange(data_request(512, 7, 7, 0, 1, {'x'})), 5)[4], 1u);
   answer = exchange(data_request(256, 7, 7, 0, 16));
   EXPECT_EQ(answer.size(), 32u);
+  EXPECT_EQ(words(answer, 5)[4], 1u);
 
   // Existing (sparse) files hold all but 8 KiB of the directory's cap: a
   // partition of 8 KiB fits exactly, one byte more does not.
@@ -229,6 +265,58 @@ TEST_F(RmaTest, StoragePolicyRefusesPartitionsBeyondItsCapsAndKeepsExistingFiles
     ASSERT_EQ(::stat(root_.at("/data/vendor/aon/" + std::to_string(size)).c_str(), &st), 0);
     EXPECT_EQ(static_cast<uint64_t>(st.st_size), size) << "existing files are never touched";
   }
+}
+
+// A backing file's name is three numbers with no separator: memory id 1
+// with second id 111 and memory id 11 with second id 1 both name "11111".
+// The pair that made or claimed a name first keeps it for the daemon's run,
+// across restarts of the co-processor.
+TEST_F(RmaTest, ANameClaimedByAnotherPartitionIsRefusedForTheWholeRun) {
+  const std::string shared = "/data/vendor/aon/11111";
+  const Bytes owned(64, 'A');
+  exchange(connect_request(1, 111, 64, 5));
+  ASSERT_EQ(words(exchange(data_request(512, 1, 1, 0, 64, owned)), 5)[4], 0u);
+
+  auto other_pair_is_refused = [&] {
+    EXPECT_EQ(words(exchange(connect_request(11, 1, 64, 6)), 6), (std::vector<uint32_t>{6, 0, 11, 3, 4096, 4096}));
+    EXPECT_EQ(words(exchange(data_request(512, 11, 11, 0, 64, Bytes(64, 'B'))), 5)[4], 1u);
+    Bytes answer = exchange(data_request(256, 11, 11, 0, 64));
+    EXPECT_EQ(answer.size(), 32u);
+    EXPECT_EQ(words(answer, 5), (std::vector<uint32_t>{11, 6, 11, 64, 1}));
+    EXPECT_EQ(root_.read(shared), std::string(owned.begin(), owned.end()));
+  };
+  auto owner_is_served = [&] {
+    exchange(connect_request(1, 111, 64, 5));
+    Bytes answer = exchange(data_request(256, 1, 1, 0, 64));
+    EXPECT_EQ(words(answer, 5)[4], 0u);
+    EXPECT_EQ(Bytes(answer.begin() + 32, answer.end()), owned);
+  };
+  other_pair_is_refused();
+  EXPECT_TRUE(log_.contains("/data/vendor/aon/11111 is claimed by memory id 1, second id 111"));
+  owner_is_served();
+  // Another partition whose DATA_WRITE request word makes the owner's name.
+  exchange(connect_request(1, 11, 64, 7));
+  EXPECT_EQ(words(exchange(data_request(512, 11, 1, 0, 64, Bytes(64, 'C'))), 5)[4], 1u);
+  EXPECT_EQ(root_.read(shared), std::string(owned.begin(), owned.end()));
+
+  restart_coprocessor();
+  other_pair_is_refused();
+  owner_is_served();
+}
+
+TEST_F(RmaTest, ClaimsAreBoundedByTheStoragePolicy) {
+  auto name = [](uint32_t id) { return "/data/vendor/aon/" + std::to_string(id) + "0" + std::to_string(id); };
+  // Existing files are claimed by the CONNECT that finds them.
+  for (uint32_t id = 1; id <= rma::kMaxPartitions; ++id) root_.write(name(id), "");
+  for (uint32_t id = 1; id <= rma::kMaxPartitions; ++id) exchange(connect_request(id, 0, 0, 1));
+  const uint32_t extra = rma::kMaxPartitions + 1;
+  exchange(connect_request(extra, 0, 16, 1));
+  EXPECT_FALSE(root_.exists(name(extra)));
+  EXPECT_TRUE(log_.contains("beyond the " + std::to_string(rma::kMaxPartitions) + " partitions one run may claim"));
+  EXPECT_EQ(words(exchange(data_request(256, extra, extra, 0, 0)), 5)[4], 1u);
+  // A name claimed before is still served.
+  exchange(connect_request(1, 0, 0, 1));
+  EXPECT_EQ(words(exchange(data_request(256, 1, 1, 0, 0)), 5)[4], 0u);
 }
 
 // A crash while a backing file is being created: the child running the
