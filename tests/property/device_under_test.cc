@@ -258,7 +258,13 @@ std::string DeviceUnderTest::apply(const Step& step) {
 
 std::string DeviceUnderTest::probe_rma(const Step& step) {
   // The daemon keeps one stored partition: the probe speaks between the
-  // workload's runs, never inside one.
+  // workload's runs, never inside one, and after the run a power-up owes.
+  wait_until(
+      [&] {
+        return runs_before_power_up_ < 0 ||
+               static_cast<int>(device_->rma().status().last_completed_run) > runs_before_power_up_;
+      },
+      kResetServedMs);
   int messages = device_->rma().status().messages;
   wait_until(
       [&] {
