@@ -41,6 +41,7 @@ void ChannelServer::stop() {
   for (int fd : connections_) ::close(fd);
   connections_.clear();
   hung_up_.clear();
+  silent_.clear();
 }
 
 void ChannelServer::hang_up_all() {
@@ -106,12 +107,57 @@ bool ChannelServer::send(int fd, const Bytes& packet) {
     case ReadFaultSwitch::Action::Pass: break;
     case ReadFaultSwitch::Action::Cut: {
       const Bytes cut(packet.begin(), packet.begin() + static_cast<long>(ReadFaultSwitch::cut_length(packet.size())));
-      return send_unbroken(fd, cut);
+      return send_shaped(fd, cut);
     }
     case ReadFaultSwitch::Action::HalfClose: ::shutdown(fd, SHUT_WR); return true;
     default: return true;  // the co-processor stays silent
   }
-  return send_unbroken(fd, packet);
+  return send_shaped(fd, packet);
+}
+
+void ChannelServer::arm_answer_fault(AnswerFault fault) {
+  std::lock_guard<std::mutex> lock(fault_mutex_);
+  answer_fault_ = fault;
+}
+
+void ChannelServer::half_close_all() {
+  std::unique_lock<std::mutex> capture_lock = lock_for_capture();
+  std::lock_guard<std::mutex> lock(connections_mutex_);
+  for (int fd : connections_) {
+    if (SessionCapture* capture = node_.capture()) {
+      capture->life(node_.capture_interface(), Direction::Inbound, "half-closed by co-processor");
+    }
+    ::shutdown(fd, SHUT_WR);
+  }
+}
+
+bool ChannelServer::inject(const Bytes& packet) {
+  std::unique_lock<std::mutex> capture_lock = lock_for_capture();
+  std::lock_guard<std::mutex> lock(connections_mutex_);
+  if (connections_.empty()) return false;
+  if (SessionCapture* capture = node_.capture()) {
+    capture->packet(node_.capture_interface(), Direction::Inbound, packet.data(), packet.size());
+  }
+  return send_packet(connections_.back(), packet.data(), packet.size());
+}
+
+bool ChannelServer::send_shaped(int fd, const Bytes& original) {
+  Bytes shaped;
+  const Bytes* to_send = &original;
+  {
+    std::lock_guard<std::mutex> fault_lock(fault_mutex_);
+    std::lock_guard<std::mutex> lock(connections_mutex_);
+    // A silenced co-processor answers nothing; to its handlers the answer went.
+    if (std::find(silent_.begin(), silent_.end(), fd) != silent_.end()) return true;
+    if (answer_fault_.kind != AnswerFault::Kind::None) {
+      shaped = original;
+      const AnswerShaping shaping = shape_answer(answer_fault_, shaped);
+      if (shaping.go_silent) silent_.push_back(fd);
+      if (!shaping.send) return true;
+      to_send = &shaped;
+    }
+  }
+  return send_unbroken(fd, *to_send);
 }
 
 bool ChannelServer::send_unbroken(int fd, const Bytes& packet) {
@@ -146,6 +192,7 @@ void ChannelServer::close_connection(int fd) {
   {
     std::lock_guard<std::mutex> lock(connections_mutex_);
     connections_.erase(std::remove(connections_.begin(), connections_.end(), fd), connections_.end());
+    silent_.erase(std::remove(silent_.begin(), silent_.end(), fd), silent_.end());
     auto hung_up = std::find(hung_up_.begin(), hung_up_.end(), fd);
     if (hung_up != hung_up_.end()) {
       hung_up_.erase(hung_up);

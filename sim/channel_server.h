@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "sim/answer_fault.h"
 #include "sim/device_node.h"
 #include "sim/read_fault.h"
 #include "sim/wire.h"
@@ -56,6 +57,16 @@ class ChannelServer {
   // The co-processor went down: a fault that struck is over.
   void end_read_fault() { read_fault_.end(); }
   bool read_fault_struck() const { return read_fault_.struck(); }
+  // Co-processor faults, from any thread. Arms `fault` for the channel's next
+  // answers (sim/answer_fault.h); it replaces a fault not yet applied.
+  void arm_answer_fault(AnswerFault fault);
+  // Half-closes every open connection: the co-processor's end sends nothing
+  // more but does not hang up, so the daemon reads end-of-stream for ever
+  // and sees no POLLHUP. New connections are whole again.
+  void half_close_all();
+  // Sends `packet` on the newest open connection as if the co-processor had
+  // sent it unasked; false when no connection is open.
+  bool inject(const Bytes& packet);
   // Records the node's traffic on `interface` of `capture`; call before start().
   void set_capture(std::shared_ptr<SessionCapture> capture, CaptureInterface interface) {
     node_.set_capture(std::move(capture), interface);
@@ -77,6 +88,8 @@ class ChannelServer {
 
  private:
   void run();
+  // After a read fault: the answer fault armed by arm_answer_fault, if any.
+  bool send_shaped(int fd, const Bytes& packet);
   bool send_unbroken(int fd, const Bytes& packet);
   void close_connection(int fd);
   // Records that the device hangs `fd` up, once per connection.
@@ -98,6 +111,9 @@ class ChannelServer {
   mutable std::mutex connections_mutex_;
   std::vector<int> connections_;  // in order of opening
   std::vector<int> hung_up_;      // connections the device hung up, guarded by connections_mutex_
+  std::vector<int> silent_;       // connections an answer fault silenced, guarded by connections_mutex_
+  std::mutex fault_mutex_;        // taken before connections_mutex_
+  AnswerFault answer_fault_;      // guarded by fault_mutex_
   std::mutex capture_mutex_;
   ReadFaultSwitch read_fault_;
   std::mutex observer_mutex_;

@@ -81,6 +81,10 @@ class RmaClient : public ChannelServer {
   void restart_after_messages(int messages, std::function<void()> restart);
 
   RmaStatus status() const;
+  // Requests sent beside the workload (ChannelServer::inject) get their
+  // answers here, on the channel's thread: an answer `tap` returns true for
+  // is taken from the workload's view. Set before the requests go out.
+  void set_answer_tap(std::function<bool(const Bytes&)> tap);
   // Backing file name on the host for a partition, below the root.
   static std::string backing_file(const RmaPartition& p);
   // The bytes a completed run leaves in a partition.
@@ -122,6 +126,7 @@ class RmaClient : public ChannelServer {
   std::chrono::steady_clock::time_point sent_at_;
   int restart_after_ = 0;
   std::function<void()> restart_;
+  std::function<bool(const Bytes&)> tap_;  // guarded by mutex_, called outside it
 };
 
 }  // namespace marlo::sim

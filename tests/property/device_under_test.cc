@@ -1,0 +1,433 @@
+#include "device_under_test.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <map>
+#include <sstream>
+#include <thread>
+#include <utility>
+
+#include "common/crc32.h"
+#include "sim/device_root.h"
+#include "sim/dfu_message.h"
+#include "sim/flash_check.h"
+#include "sim/uevent_sender.h"
+#include "support/wakelock_records.h"
+
+namespace marlo::property {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// The daemon's fixed waits (1 s per boot attempt, 2 s after misc data) kept
+// at a few milliseconds. Poll time-outs are not scaled.
+constexpr double kTimeScale = 0.01;
+// About 120 fragments of 4 ms: the image phase lasts half a second.
+constexpr uint32_t kFragmentSize = 2048;
+constexpr int kFlashWriteMs = 4;
+// A reset request is served within this (real time).
+constexpr int kResetServedMs = 5000;
+// The work a script leaves (a download, a push after a power-up) ends within
+// this once the co-processor stays quiet. A silent co-processor costs the
+// push five unscaled 2-second read time-outs; CI machines are loaded.
+constexpr int kSettleMs = 20000;
+// The window over which a quiet daemon's CPU time and log growth are taken.
+constexpr int kQuietWindowMs = 500;
+constexpr int kLogLandingMs = 200;
+constexpr double kMaxCoreShare = 0.05;
+constexpr long kMaxLogBytesPerSecond = 64 * 1024;
+
+// A channel the daemon is about to open is waited for this long.
+constexpr int kChannelOpenMs = 1000;
+// The RMA workload is between runs once it sent nothing for this long.
+constexpr int kWorkloadIdleMs = 200;
+// The daemon answers an RMA request within this, or is taken not to answer.
+constexpr int kRmaAnswerMs = 1000;
+
+constexpr const char* kResetProperty = "vendor.marlo_reset";
+
+bool wait_until(const std::function<bool()>& condition, int timeout_ms) {
+  const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+  while (!condition()) {
+    if (Clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return true;
+}
+
+int count_entries(const std::string& dir) {
+  std::error_code error;
+  int count = 0;
+  for (std::filesystem::directory_iterator it(dir, error), end; !error && it != end; it.increment(error)) ++count;
+  return error ? -1 : count;
+}
+
+// User and system time of the whole process (threads that ended included),
+// in seconds; negative when it cannot be read.
+double cpu_seconds(pid_t pid) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+  std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  const size_t end_of_name = text.rfind(')');
+  if (end_of_name == std::string::npos) return -1;
+  std::istringstream fields(text.substr(end_of_name + 2));
+  std::string field;
+  unsigned long long utime = 0, stime = 0;
+  // Fields from the state (3rd) on: utime and stime are the 14th and 15th.
+  for (int number = 3; number <= 15 && fields >> field; ++number) {
+    if (number == 14) utime = std::strtoull(field.c_str(), nullptr, 10);
+    if (number == 15) stime = std::strtoull(field.c_str(), nullptr, 10);
+  }
+  return static_cast<double>(utime + stime) / static_cast<double>(::sysconf(_SC_CLK_TCK));
+}
+
+long file_size(const std::string& path) {
+  struct stat st {};
+  return ::stat(path.c_str(), &st) == 0 ? static_cast<long>(st.st_size) : 0;
+}
+
+// The message logged most often in the log file from byte `from` on, with
+// its count: what a noisy daemon repeats.
+std::string most_repeated_line(const std::string& log_file, long from) {
+  std::ifstream in(log_file);
+  in.seekg(from);
+  std::map<std::string, int> counts;
+  std::string line;
+  while (std::getline(in, line)) {
+    const size_t msg = line.find("\"msg\": ");
+    if (msg != std::string::npos) ++counts[line.substr(msg + 7, 100)];
+  }
+  auto top =
+      std::max_element(counts.begin(), counts.end(), [](const auto& a, const auto& b) { return a.second < b.second; });
+  return top == counts.end() ? "" : std::to_string(top->second) + " x " + top->first;
+}
+
+sim::Bytes hostile_dfu_message(uint32_t kind) {
+  // An answer the co-processor never owes: a state answer with the words of
+  // a session in progress, then damaged as the kind says.
+  sim::Bytes m = sim::make_dfu_message(sim::kSpclOperationResp, {sim::kSpclOpGetState, sim::kStateOffsetReq, 7});
+  switch (kind) {
+    case kWrongMagic: sim::put_u32(m, 4, 0xDEADBEEF); break;
+    case kWrongCrc: sim::put_u32(m, 12, sim::get_u32(m, 12) ^ 0x5A5A5A5A); break;
+    case kLengthTooLong: sim::put_u32(m, 8, 0x7FFFFFF0); break;
+    case kLengthTooShort: sim::put_u32(m, 8, 8); break;
+    case kUnknownCommand: m = sim::make_dfu_message(0x4242, {1, 2, 3}); break;
+    case kHeaderOnlyHalf: m.resize(sim::kDfuHeaderSize / 2); break;
+    default: break;
+  }
+  return m;
+}
+
+sim::AnswerFault misc_fault(const Step& step) {
+  sim::AnswerFault fault;
+  fault.skip = static_cast<int>(step.arg);
+  switch (step.detail & 0xFF) {
+    case kMiscFailure:
+      fault.kind = sim::AnswerFault::Kind::ReplaceWord;
+      fault.word_offset = 16;  // the answer's status word
+      fault.word = static_cast<uint32_t>(-EIO);
+      break;
+    case kMiscSilence: fault.kind = sim::AnswerFault::Kind::Silence; break;
+    default:
+      fault.kind = sim::AnswerFault::Kind::CutShort;
+      fault.cut_to = step.detail >> 8;
+      break;
+  }
+  return fault;
+}
+
+}  // namespace
+
+DeviceUnderTest::DeviceUnderTest(Variant variant, std::string* start_error) {
+  script_.variant = variant;
+  root_ = sim::make_temp_root("marlo-property");
+  shipped_ = sim::VirtualDevice::build_sample_root(root_);
+  sim::DeviceOptions options;
+  if (variant == Variant::Noflash) {
+    options.variant = sim::Variant::NoflashPsram;
+    options.flash = sim::FlashContents::Empty;
+    options.running_at_start = true;
+    runs_before_power_up_ = 0;
+  } else {
+    // Older firmware in flash and the update flag set: a download at start,
+    // over a flash that takes its time, so that what the co-processor does
+    // next can land in the middle of it.
+    sim::set_property(root_, "persist.vendor.zt_aon.dfu_update", "1");
+    options.dfu.fragment_size = kFragmentSize;
+    options.dfu.write_delay_ms = kFlashWriteMs;
+  }
+  device_ = std::make_unique<sim::VirtualDevice>(root_, options);
+  device_->rma().set_answer_tap([this](const sim::Bytes& answer) {
+    if (!RmaProbe::is_probe_answer(answer)) return false;
+    std::lock_guard<std::mutex> lock(answers_mutex_);
+    probe_answers_.push_back(answer);
+    return true;
+  });
+  *start_error = start_daemon();
+}
+
+DeviceUnderTest::~DeviceUnderTest() {
+  daemon_.reset();
+  device_.reset();
+  if (keep_root_) return;
+  std::error_code ignored;
+  std::filesystem::remove_all(root_, ignored);
+}
+
+std::string DeviceUnderTest::start_daemon() {
+  const char* build = std::getenv("MARLO_BUILD_DIR");
+  const std::string marlod = std::string(build ? build : ".") + "/marlod";
+  if (::access(marlod.c_str(), X_OK) != 0) return marlod + " is not built";
+  ++starts_;
+  log_file_ = root_ + "/sim/marlod-" + std::to_string(starts_) + ".log";
+  sim::DaemonSettings settings{marlod, root_, log_file_, root_ + "/sim/marlod-" + std::to_string(starts_) + ".stderr",
+                               kTimeScale};
+  daemon_ = std::make_unique<sim::DaemonProcess>(settings);
+  std::string error;
+  return daemon_->start(&error) ? "" : error;
+}
+
+void DeviceUnderTest::note_restart() {
+  // A run in progress is abandoned when the co-processor goes down: the run
+  // that must complete is one started after this.
+  if (script_.variant == Variant::Noflash) runs_before_power_up_ = device_->rma().status().runs_started;
+}
+
+std::string DeviceUnderTest::apply(const Step& step) {
+  script_.steps.push_back(step);
+  switch (step.action) {
+    case Action::Wait: std::this_thread::sleep_for(std::chrono::milliseconds(step.arg)); break;
+    case Action::Restart:
+      note_restart();
+      device_->coprocessor().restart(static_cast<int>(step.arg));
+      break;
+    case Action::PowerEvents:
+      if (step.arg == 0) sim::send_uevent(root_, sim::marlo_uevent(sim::kEventPowerDown));
+      sim::send_uevent(root_, sim::marlo_uevent(sim::kEventPowerUp));
+      break;
+    case Action::HalfClose: {
+      // Only an open channel can be half-closed: it is given a moment to be.
+      sim::ChannelServer* channels[] = {&device_->dfu(), &device_->misc(), &device_->rma()};
+      sim::ChannelServer& channel = *channels[step.arg % 3];
+      wait_until([&] { return channel.open_connections() > 0; }, kChannelOpenMs);
+      channel.half_close_all();
+      break;
+    }
+    case Action::MiscAnswer: device_->misc().arm_answer_fault(misc_fault(step)); break;
+    case Action::DfuHostile: device_->dfu().inject(hostile_dfu_message(step.arg)); break;
+    case Action::Reset: {
+      note_restart();
+      sim::set_property(root_, kResetProperty, "1");
+      if (!wait_until([&] { return sim::get_property(root_, kResetProperty) == "0"; }, kResetServedMs)) {
+        return "the reset request was not served within " + std::to_string(kResetServedMs / 1000) + " s";
+      }
+      break;
+    }
+    case Action::Rma:
+      if (std::string wrong = probe_rma(step); !wrong.empty()) return wrong;
+      break;
+    case Action::Relaunch: {
+      rma_probe_.forget_session();
+      // A workload run the killed daemon was serving is lost with its
+      // connection (the co-processor's next power-up starts another); one
+      // not yet started is still owed to the new daemon.
+      if (runs_before_power_up_ >= 0 && device_->rma().status().runs_started > runs_before_power_up_) {
+        runs_before_power_up_ = -1;
+      }
+      daemon_.reset();
+      takes_at_relaunch_ = test::wakelock_records(sim::read_text(root_ + "/sys/power/wake_lock"));
+      releases_at_relaunch_ = test::wakelock_records(sim::read_text(root_ + "/sys/power/wake_unlock"));
+      const std::string error = start_daemon();
+      if (!error.empty()) return "marlod could not be started again: " + error;
+      break;
+    }
+  }
+  return check_running();
+}
+
+std::string DeviceUnderTest::probe_rma(const Step& step) {
+  // The daemon keeps one stored partition: the probe speaks between the
+  // workload's runs, never inside one, and after the run a power-up owes.
+  wait_until(
+      [&] {
+        return runs_before_power_up_ < 0 ||
+               static_cast<int>(device_->rma().status().last_completed_run) > runs_before_power_up_;
+      },
+      kResetServedMs);
+  int messages = device_->rma().status().messages;
+  wait_until(
+      [&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(kWorkloadIdleMs));
+        const int now = device_->rma().status().messages;
+        return std::exchange(messages, now) == now;
+      },
+      kResetServedMs);
+  const RmaRequest request = decode_rma_step(step);
+  const uint32_t number = static_cast<uint32_t>(script_.steps.size());
+  {
+    std::lock_guard<std::mutex> lock(answers_mutex_);
+    probe_answers_.clear();
+  }
+  const bool session = messages == workload_messages_at_connect_;
+  if (request.command == sim::kRmaConnect) workload_messages_at_connect_ = messages;
+  if (!device_->rma().inject(RmaProbe::request(request, number))) return "";  // channel not open
+  std::optional<sim::Bytes> answer;
+  wait_until(
+      [&] {
+        std::lock_guard<std::mutex> lock(answers_mutex_);
+        if (!probe_answers_.empty()) answer = probe_answers_.front();
+        return answer.has_value();
+      },
+      kRmaAnswerMs);
+  if (std::getenv("MARLO_PROPERTY_VERBOSE") != nullptr) {
+    std::printf("  %s: %s\n", describe_rma_step(step).c_str(),
+                answer ? ("answer of " + std::to_string(answer->size()) + " bytes, result word " +
+                          std::to_string(sim::get_u32(*answer, 28)))
+                             .c_str()
+                       : "no answer");
+  }
+  return rma_probe_.check(request, number, answer, session || request.command == sim::kRmaConnect);
+}
+
+std::string DeviceUnderTest::check_wakelock() const {
+  // The kernel keeps one lock by name: a take while it is held and a release
+  // while it is not change nothing. Within one daemon's life the takes and
+  // releases alternate; a killed daemon's lock is released by the next
+  // daemon's first release.
+  const size_t takes = test::wakelock_records(sim::read_text(root_ + "/sys/power/wake_lock"));
+  const size_t releases = test::wakelock_records(sim::read_text(root_ + "/sys/power/wake_unlock"));
+  const bool released_since = releases > releases_at_relaunch_;
+  const size_t own_takes = released_since ? takes - takes_at_relaunch_ : takes;
+  const size_t own_releases = released_since ? releases - releases_at_relaunch_ : releases;
+  if (own_takes > own_releases) {
+    return "the kernel wakelock is held at quiescence (" + std::to_string(takes) + " takes, " +
+           std::to_string(releases) + " releases)";
+  }
+  return "";
+}
+
+std::string DeviceUnderTest::check_running() const {
+  int status = 0;
+  if (!daemon_->alive(&status)) {
+    return "marlod ended (wait status " + std::to_string(status) + "); its log is " + log_file_;
+  }
+  const sim::DfuStatus dfu = device_->dfu().status();
+  if (dfu.crc_errors + dfu.protocol_errors > 0) {
+    return "the daemon sent " + std::to_string(dfu.crc_errors) + " DFU message(s) with a wrong CRC and " +
+           std::to_string(dfu.protocol_errors) + " out of protocol";
+  }
+  const sim::MiscStatus misc = device_->misc().status();
+  if (!misc.problems.empty()) return "misc data the co-processor rejected: " + misc.problems.front();
+  const sim::RmaStatus rma = device_->rma().status();
+  if (rma.bad_answers > 0) {
+    return "bad RMA answer(s): " + (rma.problems.empty() ? std::string("?") : rma.problems.front());
+  }
+  return "";
+}
+
+std::string DeviceUnderTest::work_left() const {
+  if (script_.variant == Variant::Flash) {
+    const sim::DfuStatus dfu = device_->dfu().status();
+    if (dfu.sessions_completed < 1) return "the firmware download never completed";
+    if (!device_->coprocessor().running()) return "the co-processor was left down";
+    if (device_->coprocessor().boot_mode() != sim::kBootModeFlash) return "the co-processor was left in HOST mode";
+    const std::vector<std::string> problems =
+        sim::verify_flash(device_->flash(), shipped_, sim::expected_platform_block(sim::RootOptions{}));
+    if (!problems.empty()) return "the flash is not exact after the download: " + problems.front();
+    return "";
+  }
+  if (device_->misc().open_connections() > 0) return "the misc-data push never ended (its channel stays open)";
+  if (device_->rma().open_connections() < 1) return "no RMA client serves the co-processor";
+  const sim::RmaStatus rma = device_->rma().status();
+  if (runs_before_power_up_ >= 0 && static_cast<int>(rma.last_completed_run) <= runs_before_power_up_) {
+    return "the RMA workload after the last power-up never completed (runs started " +
+           std::to_string(rma.runs_started) + ", completed " + std::to_string(rma.runs_completed) + ")";
+  }
+  return "";
+}
+
+ProcessShape DeviceUnderTest::shape() const {
+  const std::string proc = "/proc/" + std::to_string(daemon_->pid());
+  ProcessShape shape{count_entries(proc + "/fd"), count_entries(proc + "/task"), {}};
+  std::error_code error;
+  for (std::filesystem::directory_iterator it(proc + "/fd", error), end; !error && it != end; it.increment(error)) {
+    std::error_code unreadable;
+    std::string target = std::filesystem::read_symlink(it->path(), unreadable).string();
+    // Sockets and pipes differ by inode from run to run: their kind is kept.
+    if (const size_t colon = target.find(":["); colon != std::string::npos) target.resize(colon);
+    if (const size_t root = target.find(root_); root != std::string::npos) target.erase(root, root_.size());
+    shape.targets.push_back(target);
+  }
+  std::sort(shape.targets.begin(), shape.targets.end());
+  return shape;
+}
+
+namespace {
+
+// "+x" for what `now` has beyond `then`, "-x" for what it lacks.
+std::string difference(std::vector<std::string> then, std::vector<std::string> now) {
+  std::vector<std::string> gained, lost;
+  std::set_difference(now.begin(), now.end(), then.begin(), then.end(), std::back_inserter(gained));
+  std::set_difference(then.begin(), then.end(), now.begin(), now.end(), std::back_inserter(lost));
+  std::string text;
+  for (const std::string& t : gained) text += " +" + t;
+  for (const std::string& t : lost) text += " -" + t;
+  return text;
+}
+
+}  // namespace
+
+std::string DeviceUnderTest::check_quiet_window() const {
+  // The log's writer thread lands what the last work logged a few
+  // milliseconds late: that is not the quiet daemon's.
+  std::this_thread::sleep_for(std::chrono::milliseconds(kLogLandingMs));
+  const pid_t pid = daemon_->pid();
+  const double cpu_before = cpu_seconds(pid);
+  const long log_before = file_size(log_file_);
+  const auto start = Clock::now();
+  std::this_thread::sleep_for(std::chrono::milliseconds(kQuietWindowMs));
+  const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  const double share = (cpu_seconds(pid) - cpu_before) / seconds;
+  const double log_rate = static_cast<double>(file_size(log_file_) - log_before) / seconds;
+  std::ostringstream out;
+  if (share >= kMaxCoreShare) out << "a quiet daemon uses " << static_cast<int>(share * 100) << "% of a core";
+  if (log_rate >= kMaxLogBytesPerSecond) {
+    out << (out.tellp() > 0 ? "; " : "") << "a quiet daemon logs " << static_cast<long>(log_rate / 1024)
+        << " KiB a second";
+  }
+  if (out.tellp() > 0) out << " (most logged: " << most_repeated_line(log_file_, log_before) << ")";
+  return out.str();
+}
+
+std::string DeviceUnderTest::quiesce(const ProcessShape* baseline) {
+  if (std::string broken = check_running(); !broken.empty()) return broken;
+  wait_until([&] { return work_left().empty(); }, kSettleMs);
+  const std::string noisy = check_quiet_window();
+  if (std::string left = work_left(); !left.empty()) return noisy.empty() ? left : left + "; " + noisy;
+  if (!noisy.empty()) return noisy;
+  if (std::string held = check_wakelock(); !held.empty()) return held;
+  if (baseline != nullptr) {
+    const ProcessShape now = shape();
+    // Growth is a leak; one fewer is what a restart at the right moment of
+    // the boot leaves, and a channel left closed shows in the work left.
+    if (now.descriptors > baseline->descriptors || now.threads > baseline->threads) {
+      return "descriptors/threads at quiescence " + std::to_string(now.descriptors) + "/" +
+             std::to_string(now.threads) + ", baseline " + std::to_string(baseline->descriptors) + "/" +
+             std::to_string(baseline->threads) + " (descriptors:" + difference(baseline->targets, now.targets) + ")";
+    }
+  }
+  return check_running();
+}
+
+}  // namespace marlo::property

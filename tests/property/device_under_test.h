@@ -1,0 +1,89 @@
+// The unmodified daemon (build/marlod) against a virtual device whose
+// co-processor does what a script's steps say, with the invariants that
+// must hold after every step and at quiescence. Every check returns an
+// empty string when it holds and a one-line description of the violation
+// otherwise, so that the generated property and the replayed regression
+// cases report alike.
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "rma_probe.h"
+#include "sim/daemon_process.h"
+#include "sim/virtual_device.h"
+#include "steps.h"
+
+namespace marlo::property {
+
+// Descriptors and threads of the daemon at quiescence.
+struct ProcessShape {
+  int descriptors = -1;
+  int threads = -1;
+  std::vector<std::string> targets;  // what each descriptor names, sorted
+};
+
+class DeviceUnderTest {
+ public:
+  // A fresh root, its device and a started daemon. `start_error` is set when
+  // either could not be started.
+  DeviceUnderTest(Variant variant, std::string* start_error);
+  ~DeviceUnderTest();
+  DeviceUnderTest(const DeviceUnderTest&) = delete;
+  DeviceUnderTest& operator=(const DeviceUnderTest&) = delete;
+
+  // Does what the step says, then checks the invariants that hold at every
+  // moment (the daemon is alive, what it sent is well-formed, a reset
+  // request was served).
+  std::string apply(const Step& step);
+  // Waits, within a bound, for the work the steps left the daemon to do, and
+  // checks the invariants of a quiet daemon: the work is done (a download
+  // left the flash exact, a power-up was followed by the push and the RMA
+  // workload), the wakelock is released, the descriptors and threads are
+  // `baseline`'s (when given), and over a window the daemon uses under 5% of
+  // a core and logs under 64 KiB a second.
+  std::string quiesce(const ProcessShape* baseline);
+  ProcessShape shape() const;
+
+  const Script& script() const { return script_; }
+  const std::string& log_file() const { return log_file_; }
+  // Keeps the root on disk after destruction (for a failure's inspection).
+  void keep_root() { keep_root_ = true; }
+  const std::string& root() const { return root_; }
+
+ private:
+  std::string start_daemon();
+  std::string check_running() const;
+  std::string work_left() const;
+  std::string check_quiet_window() const;
+  void note_restart();
+  std::string check_wakelock() const;
+  std::string probe_rma(const Step& step);
+
+  Script script_;
+  std::string root_;
+  sim::FirmwareSet shipped_;
+  std::unique_ptr<sim::VirtualDevice> device_;
+  std::unique_ptr<sim::DaemonProcess> daemon_;
+  std::string log_file_;
+  int starts_ = 0;
+  bool keep_root_ = false;
+  // RMA workload runs the co-processor had started before it last went
+  // down; a run started after it must complete. -1: no run is owed.
+  int runs_before_power_up_ = -1;
+  // The kernel files' records when the daemon was last killed: a lock the
+  // killed daemon held is the kernel's until some release follows.
+  size_t takes_at_relaunch_ = 0;
+  size_t releases_at_relaunch_ = 0;
+  RmaProbe rma_probe_;
+  // Workload messages when the probe last sent CONNECT: any later one may
+  // have changed the daemon's stored partition.
+  int workload_messages_at_connect_ = -1;
+  std::mutex answers_mutex_;
+  std::vector<sim::Bytes> probe_answers_;  // guarded by answers_mutex_
+};
+
+}  // namespace marlo::property
