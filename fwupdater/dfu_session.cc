@@ -118,7 +118,7 @@ void marlo_fw_updater::startMarloDownloaderWithCallback(Callback* cb) {
     glink_conn_config config;
     config.channel_name = kDfuChannel;
     config.read_size = static_cast<uint32_t>(DFU_RX_BUFFER_SIZE);
-    glinkInterface.reset(new marlo_glink(config));
+    glinkInterface = std::make_unique<marlo_glink>(config);
     MARLO_LOGD("About to register callbacks with glinkInterface %p", static_cast<void*>(glinkInterface.get()));
     glinkInterface->register_cb([this](uint8_t* data, uint32_t length) { conn_res_event_cb(data, length); },
                                 [this](glink_interface_error error) { conn_error_cb(error); });

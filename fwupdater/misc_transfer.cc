@@ -75,7 +75,7 @@ void marlo_fw_updater::startMarloSHMUpdater(Callback* cb) {
     glink_conn_config config;
     config.channel_name = kMiscDataChannel;
     config.read_size = kMiscReadSize;
-    miscGlinkInterface.reset(new marlo_glink(config));
+    miscGlinkInterface = std::make_unique<marlo_glink>(config);
     MARLO_LOGD("About to connect with glinkInterface %p without callback",
                static_cast<void*>(miscGlinkInterface.get()));
     // No callbacks are registered, so a failed open is only seen here; the
