@@ -67,7 +67,7 @@ ensure_armhf_packages() {
   fi
   ensure_packages --no-install-recommends g++-arm-linux-gnueabihf qemu-user file \
     libc6:armhf libstdc++6:armhf libtinyxml2-dev:armhf libgtest-dev:armhf libgmock-dev:armhf zlib1g:armhf \
-    android-liblog-dev:armhf android-libcutils-dev:armhf android-libutils-dev:armhf
+    librapidcheck-dev:armhf android-liblog-dev:armhf android-libcutils-dev:armhf android-libutils-dev:armhf
 }
 
 # tshark, for the wire tests. Debconf is told beforehand that non-root users may
