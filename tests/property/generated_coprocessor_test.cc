@@ -9,9 +9,11 @@
 // once it is copied to tests/property/regressions/.
 //
 // MARLO_PROPERTY_VARIANT and MARLO_PROPERTY_OFF narrow the generation (see
-// below); MARLO_PROPERTY_VERBOSE prints every sequence and its outcome. Budget: kSuiteSequences sequences of at most
-// kSuiteSize steps unless RC_PARAMS says otherwise ("seed=N" reproduces a run; scripts/explore.sh runs long
-// explorations with random seeds).
+// below), MARLO_PROPERTY_EARLY=1 starts a sequence before the daemon's boot
+// is complete (device_under_test.cc), MARLO_PROPERTY_VERBOSE prints every
+// sequence and its outcome. Budget: kSuiteSequences sequences of at most
+// kSuiteSize steps unless RC_PARAMS says otherwise ("seed=N" reproduces a
+// run; scripts/explore.sh runs long explorations with random seeds).
 #include <gtest/gtest.h>
 #include <rapidcheck.h>
 #include <rapidcheck/state.h>
