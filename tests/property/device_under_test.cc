@@ -213,6 +213,14 @@ void DeviceUnderTest::note_restart() {
   // A run in progress is abandoned when the co-processor goes down: the run
   // that must complete is one started after this.
   if (script_.variant == Variant::Noflash) runs_before_power_up_ = device_->rma().status().runs_started;
+  note_power_up();
+}
+
+// Every power-up owes a misc-data push: the work is not done before one has
+// reached the co-processor after it (a push abandoned by the power event
+// closes its channel before the next one opens it again).
+void DeviceUnderTest::note_power_up() {
+  if (script_.variant == Variant::Noflash) misc_packets_before_power_up_ = device_->misc().status().packets;
 }
 
 std::string DeviceUnderTest::apply(const Step& step) {
@@ -224,6 +232,7 @@ std::string DeviceUnderTest::apply(const Step& step) {
       device_->coprocessor().restart(static_cast<int>(step.arg));
       break;
     case Action::PowerEvents:
+      note_power_up();
       if (step.arg == 0) sim::send_uevent(root_, sim::marlo_uevent(sim::kEventPowerDown));
       sim::send_uevent(root_, sim::marlo_uevent(sim::kEventPowerUp));
       break;
@@ -357,6 +366,9 @@ std::string DeviceUnderTest::work_left() const {
         sim::verify_flash(device_->flash(), shipped_, sim::expected_platform_block(sim::RootOptions{}));
     if (!problems.empty()) return "the flash is not exact after the download: " + problems.front();
     return "";
+  }
+  if (device_->misc().status().packets <= misc_packets_before_power_up_) {
+    return "no misc-data push reached the co-processor after the last power-up";
   }
   if (device_->misc().open_connections() > 0) return "the misc-data push never ended (its channel stays open)";
   if (device_->rma().open_connections() < 1) return "no RMA client serves the co-processor";

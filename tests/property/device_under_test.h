@@ -60,6 +60,7 @@ class DeviceUnderTest {
   std::string work_left() const;
   std::string check_quiet_window() const;
   void note_restart();
+  void note_power_up();
   std::string check_wakelock() const;
   std::string probe_rma(const Step& step);
 
@@ -74,6 +75,7 @@ class DeviceUnderTest {
   // RMA workload runs the co-processor had started before it last went
   // down; a run started after it must complete. -1: no run is owed.
   int runs_before_power_up_ = -1;
+  int misc_packets_before_power_up_ = -1;  // misc-data packets received before the last power-up
   // The kernel files' records when the daemon was last killed: a lock the
   // killed daemon held is the kernel's until some release follows.
   size_t takes_at_relaunch_ = 0;
