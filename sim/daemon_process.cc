@@ -120,4 +120,19 @@ bool log_contains(const std::string& log_file, const std::string& text) {
   return false;
 }
 
+std::unique_ptr<DaemonProcess> start_built_marlod(const std::string& root, int start, double time_scale,
+                                                  std::string* log_file, std::string* error) {
+  const char* build = std::getenv("MARLO_BUILD_DIR");
+  const std::string marlod = std::string(build != nullptr ? build : ".") + "/marlod";
+  if (::access(marlod.c_str(), X_OK) != 0) {
+    *error = marlod + " is not built";
+    return nullptr;
+  }
+  const std::string base = root + "/sim/marlod-" + std::to_string(start);
+  *log_file = base + ".log";
+  auto daemon = std::make_unique<DaemonProcess>(DaemonSettings{marlod, root, *log_file, base + ".stderr", time_scale});
+  if (!daemon->start(error)) return nullptr;
+  return daemon;
+}
+
 }  // namespace marlo::sim

@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -46,6 +47,13 @@ class DaemonProcess {
 
 // The path of marlod next to this program's executable.
 std::string default_marlod_path();
+
+// The test suite's marlod (MARLO_BUILD_DIR/marlod, else ./marlod), started
+// against `root` as its `start`th start there: its log in
+// root/sim/marlod-<start>.log (put in `log_file`), its standard error beside
+// it. Null, with `error` set, when it is not built or does not start.
+std::unique_ptr<DaemonProcess> start_built_marlod(const std::string& root, int start, double time_scale,
+                                                  std::string* log_file, std::string* error);
 
 // Whether the JSON log file has an entry whose text contains `text`.
 bool log_contains(const std::string& log_file, const std::string& text);

@@ -61,16 +61,9 @@ void E2e::start_device(sim::DeviceOptions options) {
 }
 
 void E2e::start_daemon() {
-  const char* build = std::getenv("MARLO_BUILD_DIR");
-  std::string marlod = std::string(build ? build : ".") + "/marlod";
-  ASSERT_EQ(::access(marlod.c_str(), X_OK), 0) << marlod << " is not built";
-  ++starts_;
-  log_file_ = root_ + "/sim/marlod-" + std::to_string(starts_) + ".log";
-  sim::DaemonSettings settings{marlod, root_, log_file_, root_ + "/sim/marlod-" + std::to_string(starts_) + ".stderr",
-                               kTimeScale};
-  daemon_ = std::make_unique<sim::DaemonProcess>(settings);
   std::string error;
-  ASSERT_TRUE(daemon_->start(&error)) << error;
+  daemon_ = sim::start_built_marlod(root_, ++starts_, kTimeScale, &log_file_, &error);
+  ASSERT_NE(daemon_, nullptr) << error;
 }
 
 bool E2e::wait_for(const std::function<bool()>& condition, int timeout_ms) {

@@ -53,7 +53,9 @@ class Noflash : public E2e {
     const std::string log = root_ + "/sim/marlod-" + std::to_string(starts_ + 1) + ".log";
     device_->misc().set_packet_hook([root, log, with_power_down, hang_up](int packets) {
       if (packets != 2) return true;
-      if (with_power_down) EXPECT_TRUE(send_when_listening(root, sim::kEventPowerDown));
+      if (with_power_down) {
+        EXPECT_TRUE(send_when_listening(root, sim::kEventPowerDown));
+      }
       EXPECT_TRUE(send_when_listening(root, sim::kEventPowerUp));
       EXPECT_TRUE(test::wait_until([&] { return sim::log_contains(log, "on_aon_up: called"); }, 15s));
       return !hang_up;
@@ -106,7 +108,9 @@ TEST_F(Noflash, PowerUpDuringADownloadLeavesTheDfuChannelToTheDownload) {
   auto fragments = std::make_shared<std::atomic<int>>(0);
   options.dfu.on_fragment = [this, fragments](const sim::FragmentTiming&) {
     const int fragment = ++*fragments;
-    if (fragment == 3) EXPECT_TRUE(send_when_listening(root_, sim::kEventPowerUp));
+    if (fragment == 3) {
+      EXPECT_TRUE(send_when_listening(root_, sim::kEventPowerUp));
+    }
     // The download waits here for the push beside it, so that the switch to
     // FLASH mode at the download's end cannot cut a slow push short.
     if (fragment == 4) wait_for([this] { return device_->misc().status().finishes >= 1; });

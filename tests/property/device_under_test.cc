@@ -197,16 +197,9 @@ DeviceUnderTest::~DeviceUnderTest() {
 }
 
 std::string DeviceUnderTest::start_daemon() {
-  const char* build = std::getenv("MARLO_BUILD_DIR");
-  const std::string marlod = std::string(build ? build : ".") + "/marlod";
-  if (::access(marlod.c_str(), X_OK) != 0) return marlod + " is not built";
-  ++starts_;
-  log_file_ = root_ + "/sim/marlod-" + std::to_string(starts_) + ".log";
-  sim::DaemonSettings settings{marlod, root_, log_file_, root_ + "/sim/marlod-" + std::to_string(starts_) + ".stderr",
-                               kTimeScale};
-  daemon_ = std::make_unique<sim::DaemonProcess>(settings);
   std::string error;
-  return daemon_->start(&error) ? "" : error;
+  daemon_ = sim::start_built_marlod(root_, ++starts_, kTimeScale, &log_file_, &error);
+  return error;
 }
 
 void DeviceUnderTest::note_restart() {
