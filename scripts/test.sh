@@ -12,7 +12,8 @@
 # (scripts/sanitize.sh) and a short run of every fuzzer (scripts/fuzz.sh).
 # MARLO_QUICK=1 runs the suite only.
 #
-# The output ends with the closing lines of the normal suite's ctest run,
+# The output ends with the closing lines of the normal suite's ctest run and
+# the suite's size against the code (scripts/test-ratio.sh),
 # repeated after the sanitizer and fuzzer summary; the exit status is 0 only
 # when everything passed.
 set -euo pipefail
@@ -21,6 +22,8 @@ scripts/setup.sh
 echo "== running the test suite"
 suite_log=build/ctest.log
 ctest --test-dir build --output-on-failure -j "$(nproc)" --timeout 120 2>&1 | tee "$suite_log"
+ratio_line=$(scripts/test-ratio.sh || true)
+echo "$ratio_line" | tee -a "$suite_log"
 [ "${MARLO_QUICK:-0}" = 1 ] && exit 0
 
 format=0
