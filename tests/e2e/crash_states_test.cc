@@ -43,21 +43,5 @@ TEST(CrashStates, UnsyncedWritesAndDirectoryChangesMayBeLostOrTornAndAnswersAreT
   })) << "the answered block torn at 512";
 }
 
-TEST(CrashStates, SyncedDataAndDirectoryAreNeverLost) {
-  const std::vector<FileOp> ops{op(FileOp::Create, "1.tmp"), write("1.tmp", 0, 1024, 0),
-                                op(FileOp::Sync, "1.tmp"),   op(FileOp::Rename, "1.tmp", "1"),
-                                op(FileOp::Sync, ""),        write("1", 0, 1024, 7),
-                                op(FileOp::Sync, "1"),       op(FileOp::Answered, "")};
-  size_t generated = 0;
-  for (const CrashState& state : crash_states(ops, 512, &generated)) {
-    if (state.cut < 5) continue;  // the directory is synced from here on
-    ASSERT_EQ(state.files.size(), 1u) << state.how;
-    ASSERT_EQ(state.files.at("1").size(), 1024u) << state.how;
-    if (state.cut >= 7) {
-      EXPECT_EQ(state.files.at("1"), sim::Bytes(1024, 7)) << state.how;
-    }
-  }
-}
-
 }  // namespace
 }  // namespace marlo::e2e

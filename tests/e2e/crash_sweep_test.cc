@@ -16,7 +16,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <functional>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -24,7 +23,6 @@
 #include "crash_states.h"
 #include "e2e_fixture.h"
 #include "sim/device_root.h"
-#include "sim/flash_check.h"
 #include "support/wait_until.h"
 
 namespace marlo::e2e {
@@ -61,23 +59,15 @@ std::vector<int> cut_points(int total) {
 
 enum class Cut { KillDaemon, RestartCoprocessor };
 
+// A session swept: how the device is made, when the session to count is
+// over, and what is still wrong with its end state (empty once converged).
 class CrashSweep : public E2e {
  protected:
-  // A new device root for the next run of a sweep; the one of a run that
-  // failed is kept for inspection.
-  void fresh_root(bool keep_old = false) {
-    stop_daemon();
-    device_.reset();
-    std::error_code ignored;
-    if (keep_old) {
-      std::fprintf(stderr, "device root of the failed run kept: %s\n", root_.c_str());
-    } else {
-      fs::remove_all(root_, ignored);
-    }
-    root_ = sim::make_temp_root("marlo-sweep");
-    shipped_ = sim::VirtualDevice::build_sample_root(root_);
-    starts_ = 0;
-  }
+  virtual void prepare() = 0;
+  virtual bool finished() = 0;
+  virtual std::string converged() = 0;
+  // What the device does at power-up before the daemon starts.
+  virtual void after_power_cycle() {}
 
   // Arms the cut at packet `n` of a device already started, then starts the
   // daemon. A kill lands before the co-processor handles the packet: the
@@ -85,36 +75,21 @@ class CrashSweep : public E2e {
   void start_daemon_cut_at(int n, Cut cut) {
     victim_ = 0;
     cut_done_ = false;
-    if (cut == Cut::KillDaemon) {
-      device_->at_packet(n, [this] {
-        pid_t pid;
-        while ((pid = victim_.load()) == 0) std::this_thread::yield();
-        ::kill(pid, SIGKILL);
-        siginfo_t info;
-        ::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT);
-        cut_done_ = true;
-        return false;
-      });
-    } else {
-      device_->at_packet(n, [this] {
+    device_->at_packet(n, [this, cut] {
+      if (cut == Cut::RestartCoprocessor) {
         cut_done_ = true;
         return device_->restart_on_packet();
-      });
-    }
+      }
+      pid_t pid;
+      while ((pid = victim_.load()) == 0) std::this_thread::yield();
+      ::kill(pid, SIGKILL);
+      siginfo_t info;
+      ::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT);
+      cut_done_ = true;
+      return false;
+    });
     start_daemon();
     victim_ = daemon_->pid();
-  }
-
-  // Waits for the cut, or for the session to converge without it (a
-  // session may take fewer packets than the one counted: an answer late
-  // under load is asked for again, and the count includes that). A killed
-  // daemon is reaped, the device power cycled and a new daemon started.
-  // False when the cut never came.
-  bool recover_from(Cut cut, const std::function<std::string()>& converged) {
-    test::wait_until([&] { return cut_done_.load() || converged().empty(); }, std::chrono::seconds(20));
-    if (!cut_done_) return false;
-    if (cut == Cut::KillDaemon) power_cycle_and_restart_daemon();
-    return true;
   }
 
   void power_cycle_and_restart_daemon() {
@@ -124,72 +99,63 @@ class CrashSweep : public E2e {
     start_daemon();
   }
 
-  // What the device does at power-up before the daemon starts.
-  virtual void after_power_cycle() {}
-
-  struct Tally {
-    int packets = 0;
-    int runs = 0;
-    int converged_in_place = 0;      // without a power cycle after a restart
-    int converged_after_reboot = 0;  // a restart the daemon did not take up; the next boot did
-    int not_reached = 0;             // the session ended before the cut point
-    std::vector<std::string> failures;
-  };
+  // Waits up to `ms` for convergence; `why` gets what is still wrong.
+  bool converges_within(int ms, std::string* why) {
+    return test::wait_until(
+        [&] {
+          *why = converged();
+          return why->empty();
+        },
+        std::chrono::milliseconds(ms));
+  }
 
   // Runs the session once to count its packets, then once per cut point
-  // with the cut. `converged` says what is still wrong (empty once done).
-  // After a co-processor restart the running daemon gets `in_place_ms` to
-  // converge; when it does not, the device is power cycled and the next
-  // daemon must (`reboot_allowed`), else the run failed.
-  Tally sweep(const std::function<void()>& prepare, const std::function<bool()>& finished,
-              const std::function<std::string()>& converged, Cut cut, bool reboot_allowed, int in_place_ms) {
+  // with the cut. A killed daemon is followed by a power cycle and a new
+  // daemon. After a co-processor restart the running daemon gets
+  // `in_place_ms` to converge; when it does not, the device is power cycled
+  // and the next daemon must (`reboot_allowed`), else the run failed.
+  void run(Cut cut, bool reboot_allowed, int in_place_ms) {
     prepare();
     start_daemon();
-    EXPECT_TRUE(wait_for(finished)) << "the session to count did not finish";
-    Tally tally;
-    tally.packets = device_->packets_received();
-    size_t failed_before = 0;
-    for (int n : cut_points(tally.packets)) {
-      fresh_root(tally.failures.size() > failed_before);
-      failed_before = tally.failures.size();
+    ASSERT_TRUE(wait_for([&] { return finished(); })) << "the session to count did not finish";
+    const int packets = device_->packets_received();
+    int runs = 0, after_reboot = 0, not_reached = 0, failures = 0;
+    bool failed = false;
+    for (int n : cut_points(packets)) {
+      renew_root(failed);
       prepare();
       start_daemon_cut_at(n, cut);
-      if (!recover_from(cut, converged)) {
-        ++tally.not_reached;
+      // A session may take fewer packets than the one counted (an answer
+      // late under load is asked for again, and the count includes that).
+      std::string why;
+      test::wait_until([&] { return cut_done_.load() || converged().empty(); }, std::chrono::seconds(20));
+      if (!cut_done_) {
+        ++not_reached;
+        failed = false;
         device_->at_packet(0, nullptr);
         continue;
       }
-      std::string why;
-      auto wait_converged = [&](int ms) {
-        return test::wait_until(
-            [&] {
-              why = converged();
-              return why.empty();
-            },
-            std::chrono::milliseconds(ms));
-      };
-      ++tally.runs;
-      const std::string at = "cut at packet " + std::to_string(n) + " of " + std::to_string(tally.packets) + ": ";
-      if (wait_converged(cut == Cut::KillDaemon ? 20000 : in_place_ms)) {
-        ++tally.converged_in_place;
-      } else if (cut == Cut::RestartCoprocessor && reboot_allowed) {
+      ++runs;
+      if (cut == Cut::KillDaemon) power_cycle_and_restart_daemon();
+      failed = !converges_within(cut == Cut::KillDaemon ? 20000 : in_place_ms, &why);
+      if (failed && cut == Cut::RestartCoprocessor && reboot_allowed) {
         const std::string in_place = why;
         power_cycle_and_restart_daemon();
-        if (wait_converged(20000)) {
-          ++tally.converged_after_reboot;
-        } else {
-          tally.failures.push_back(at + why + " (before the power cycle: " + in_place + ")");
-        }
-      } else {
-        tally.failures.push_back(at + why);
+        failed = !converges_within(20000, &why);
+        why += " (before the power cycle: " + in_place + ")";
+        after_reboot += failed ? 0 : 1;
+      }
+      if (failed) {
+        ++failures;
+        ADD_FAILURE() << "cut at packet " << n << " of " << packets << ": " << why;
       }
     }
     std::printf(
-        "[ sweep    ] %d packets, %d runs: %d converged in place, %d after a power cycle, %zu failed, %d cut points "
-        "past the session's end\n",
-        tally.packets, tally.runs, tally.converged_in_place, tally.converged_after_reboot, tally.failures.size(),
-        tally.not_reached);
-    return tally;
+        "[ sweep    ] %d packets, %d runs: %d converged after a power cycle, %d failed, %d cut points past "
+        "the session's end\n",
+        packets, runs, after_reboot, failures, not_reached);
+    EXPECT_GT(runs, 0);
+    EXPECT_LE(not_reached, 2);
   }
 
   std::atomic<pid_t> victim_{0};
@@ -200,7 +166,7 @@ class CrashSweep : public E2e {
 
 class DownloadSweep : public CrashSweep {
  protected:
-  void prepare() {
+  void prepare() override {
     set_property("persist.vendor.zt_aon.dfu_update", "1");
     sim::DeviceOptions options;
     options.dfu.fragment_size = 8192;  // a modest packet count for the sample set
@@ -208,29 +174,17 @@ class DownloadSweep : public CrashSweep {
     start_device(options);
   }
 
+  bool finished() override { return update_finished(); }
+
   // The shipped firmware byte for byte in flash and running from it, and
   // the update property set.
-  std::string converged() {
-    std::vector<std::string> problems =
-        sim::verify_flash(device_->flash(), shipped_, sim::expected_platform_block(sim::RootOptions{}));
-    if (!problems.empty()) return problems.front();
+  std::string converged() override {
+    if (std::string flash = flash_problem(); !flash.empty()) return flash;
     std::optional<sim::FirmwareManifest> running = device_->coprocessor().running_firmware();
     if (!running || running->apps != shipped_.versions.apps) return "the shipped firmware does not run";
     if (device_->coprocessor().boot_mode() != sim::kBootModeFlash) return "not booted from flash";
     const std::string update = property("persist.vendor.zt_aon.dfu_update");
-    if (update != "1") return "persist.vendor.zt_aon.dfu_update is " + update;
-    return "";
-  }
-
-  // A restart during a download of the flash variant is not taken up by
-  // the running daemon (a power-up acts only for the flash-less variant):
-  // the download must then complete at the next boot.
-  void run(Cut cut) {
-    Tally tally = sweep([&] { prepare(); }, [&] { return update_finished(); }, [&] { return converged(); }, cut,
-                        /*reboot_allowed=*/true, /*in_place_ms=*/1000);
-    EXPECT_GT(tally.runs, 0);
-    EXPECT_LE(tally.not_reached, 2);
-    for (const std::string& failure : tally.failures) ADD_FAILURE() << failure;
+    return update == "1" ? "" : "persist.vendor.zt_aon.dfu_update is " + update;
   }
 };
 
@@ -241,7 +195,7 @@ class DownloadSweep : public CrashSweep {
 TEST_F(DownloadSweep, EraseLostWithAHangUpIsAskedForAgain) {
   for (int lost : {1, 2}) {
     SCOPED_TRACE("erase request " + std::to_string(lost) + " lost");
-    fresh_root();
+    renew_root();
     prepare();
     device_->at_packet(lost, [this] {
       device_->dfu().hang_up_all();
@@ -254,21 +208,25 @@ TEST_F(DownloadSweep, EraseLostWithAHangUpIsAskedForAgain) {
   }
 }
 
-TEST_F(DownloadSweep, DaemonKilledAtEachPacketConvergesAfterPowerCycle) { run(Cut::KillDaemon); }
+TEST_F(DownloadSweep, DaemonKilledAtEachPacketConvergesAfterPowerCycle) { run(Cut::KillDaemon, false, 0); }
 
-TEST_F(DownloadSweep, CoprocessorRestartedAtEachPacketConverges) { run(Cut::RestartCoprocessor); }
+// A restart during a download of the flash variant may be left to the next
+// boot: the download must then complete there.
+TEST_F(DownloadSweep, CoprocessorRestartedAtEachPacketConverges) { run(Cut::RestartCoprocessor, true, 1000); }
 
 // ---- the flash-less session ---------------------------------------------
 
 class NoflashSweep : public CrashSweep {
  protected:
-  void prepare() {
+  void prepare() override {
     sim::DeviceOptions options = noflash_options();
     options.restart_offline_ms = 20;
     options.misc_max_payload = 4096;      // a modest packet count
     options.rma.answer_timeout_ms = 500;  // a lost request is asked again soon
     start_device(options);
   }
+
+  bool finished() override { return device_->rma().status().runs_completed >= 1; }
 
   // The kernel loads a co-processor without flash in HOST mode as the
   // device starts, as when the device was created.
@@ -279,7 +237,7 @@ class NoflashSweep : public CrashSweep {
 
   // The misc data complete as shipped, and a whole RMA run since the cut:
   // every block written, answered 0 and read back as written.
-  std::string converged() {
+  std::string converged() override {
     const sim::MiscStatus misc = device_->misc().status();
     if (misc.stored.size() != 2 || !misc.problems.empty()) return "misc data incomplete";
     const std::string bt = sim::read_text(root_ + sim::kBtFirmwarePath);
@@ -293,23 +251,15 @@ class NoflashSweep : public CrashSweep {
     if (rma.runs_completed < 1) return "no RMA run completed";
     return device_->rma().verify_backing_files();
   }
-
-  void run(Cut cut) {
-    Tally tally = sweep([&] { prepare(); }, [&] { return device_->rma().status().runs_completed >= 1; },
-                        [&] { return converged(); }, cut, /*reboot_allowed=*/false, /*in_place_ms=*/20000);
-    EXPECT_GT(tally.runs, 0);
-    EXPECT_LE(tally.not_reached, 2);
-    for (const std::string& failure : tally.failures) ADD_FAILURE() << failure;
-  }
 };
 
-TEST_F(NoflashSweep, DaemonKilledAtEachPacketConvergesAfterPowerCycle) { run(Cut::KillDaemon); }
+TEST_F(NoflashSweep, DaemonKilledAtEachPacketConvergesAfterPowerCycle) { run(Cut::KillDaemon, false, 0); }
 
-TEST_F(NoflashSweep, CoprocessorRestartedAtEachPacketConverges) { run(Cut::RestartCoprocessor); }
+TEST_F(NoflashSweep, CoprocessorRestartedAtEachPacketConverges) { run(Cut::RestartCoprocessor, false, 20000); }
 
 // ---- the backing files across a power loss ------------------------------
 
-class BackingFileSweep : public CrashSweep {
+class BackingFileSweep : public E2e {
  protected:
   static sim::DeviceOptions noflash(bool read_only) {
     sim::DeviceOptions options = noflash_options();
@@ -353,7 +303,7 @@ class BackingFileSweep : public CrashSweep {
   // Puts `state` on a fresh device and serves it with a fresh daemon whose
   // co-processor reads every block back; what is wrong with it.
   std::vector<std::string> check(const CrashState& state) {
-    fresh_root();
+    renew_root();
     std::vector<std::string> problems;
     const std::vector<sim::RmaPartition> partitions = sim::RmaConfig{}.partitions;
     for (const auto& [name, data] : state.files) {

@@ -1,8 +1,9 @@
-// A co-processor without flash: misc data pushed once and RMA served; power
-// events that land in the middle of its misc-data push or of a download, and
-// power events lost in a uevent socket overrun. The interleavings are forced
-// by hooks of the virtual co-processor. Restarts at every packet of the
-// session are the crash sweeps' (crash_sweep_test.cc).
+// A co-processor without flash: misc data pushed once and RMA served; a
+// power-up in the middle of its misc-data push or of a download, and power
+// events lost in a uevent socket overrun. The interleavings are forced by
+// hooks of the virtual co-processor. Restarts at every packet of the session
+// are the crash sweeps' (crash_sweep_test.cc); restarts, resets and power
+// events at any moment, the generated co-processor's (tests/property).
 #include <atomic>
 #include <filesystem>
 #include <memory>
@@ -43,24 +44,6 @@ class Noflash : public E2e {
     EXPECT_EQ(device_->rma().verify_backing_files(), "");
     EXPECT_TRUE(device_->rma().status().problems.empty());
   }
-
-  // Holds the boot push's second packet unanswered, sends the given power
-  // events and waits until the daemon has seen the power-up; then answers
-  // the packet, or hangs its connection up as a restart does.
-  void power_events_at_second_packet(bool with_power_down, bool hang_up) {
-    // Runs on the channel's thread: it uses copies, not the fixture's fields.
-    const std::string root = root_;
-    const std::string log = root_ + "/sim/marlod-" + std::to_string(starts_ + 1) + ".log";
-    device_->misc().set_packet_hook([root, log, with_power_down, hang_up](int packets) {
-      if (packets != 2) return true;
-      if (with_power_down) {
-        EXPECT_TRUE(send_when_listening(root, sim::kEventPowerDown));
-      }
-      EXPECT_TRUE(send_when_listening(root, sim::kEventPowerUp));
-      EXPECT_TRUE(test::wait_until([&] { return sim::log_contains(log, "on_aon_up: called"); }, 15s));
-      return !hang_up;
-    });
-  }
 };
 
 TEST_F(Noflash, BootPushesMiscDataOnceAndServesRma) {
@@ -73,32 +56,48 @@ TEST_F(Noflash, BootPushesMiscDataOnceAndServesRma) {
   EXPECT_TRUE(wait_for([&] { return wakelock_released(); })) << "a wakelock reference was kept";
 }
 
-TEST_F(Noflash, MiscDataAlreadyPushedIsSkippedButRmaIsServed) {
-  set_property("vendor.zt_aon.misc_update", "1");
-  start_device(noflash_options());
-  start_daemon();
-  ASSERT_TRUE(wait_for([&] { return device_->rma().status().runs_completed >= 1; }));
-  EXPECT_EQ(device_->misc().status().finishes, 0);
-  EXPECT_EQ(request_index("BOOT_STATUS", 2), -1) << "no misc-data update started";
-  EXPECT_EQ(property("vendor.zt_aon.misc_update"), "1");
-}
-
-TEST_F(Noflash, RestartDuringTheBootPushEndsInOneCompletePushAfterThePowerUp) {
-  start_device(noflash_options());
-  power_events_at_second_packet(true, true);
-  start_daemon();
-  expect_one_complete_push_and_one_rma_client(1);
-  EXPECT_EQ(log_count("starting rma connection"), 1);
-  EXPECT_EQ(property("vendor.marlo.boot_complete"), "1");
-}
-
 TEST_F(Noflash, PowerUpDuringTheBootPushRestartsItAndStartsOneRmaClient) {
   start_device(noflash_options());
-  power_events_at_second_packet(false, false);
+  // The boot push's second packet is held unanswered until the daemon has
+  // seen a power-up. The hook runs on the channel's thread: copies only.
+  const std::string root = root_;
+  const std::string log = root_ + "/sim/marlod-1.log";
+  device_->misc().set_packet_hook([root, log](int packets) {
+    if (packets == 2) {
+      EXPECT_TRUE(send_when_listening(root, sim::kEventPowerUp));
+      EXPECT_TRUE(test::wait_until([&] { return sim::log_contains(log, "on_aon_up: called"); }, 15s));
+    }
+    return true;
+  });
   start_daemon();
   expect_one_complete_push_and_one_rma_client(1);
   EXPECT_EQ(log_count("starting rma connection"), 1);
   EXPECT_EQ(property("vendor.zt_aon.misc_update"), "0") << "a push whose finish returned bytes reports no success";
+}
+
+// The reset is served while the boot push waits for an answer (the boot does
+// not wait for its push): the push is abandoned before the reset goes out,
+// as on a power-down, and the power-up that follows the reset brings one
+// complete push and one RMA client.
+TEST_F(Noflash, ResetDuringTheBootPushEndsItAsARestartDoes) {
+  start_device(noflash_options());
+  const std::string root = root_;
+  const std::string log = root_ + "/sim/marlod-1.log";
+  device_->misc().set_packet_hook([root, log](int packets) {
+    if (packets != 2) return true;
+    sim::set_property(root, "vendor.marlo_reset", "1");
+    EXPECT_TRUE(test::wait_until([&] { return sim::get_property(root, "vendor.marlo_reset", "") == "0"; }, 15s));
+    EXPECT_TRUE(test::wait_until([&] { return sim::log_contains(log, "on_aon_up: called"); }, 15s));
+    return true;
+  });
+  start_daemon();
+  expect_one_complete_push_and_one_rma_client(1);
+  const int reset = request_index("RESET", -1);
+  ASSERT_GE(reset, 0);
+  EXPECT_EQ(request_index("RESET", -1, static_cast<size_t>(reset) + 1), -1) << "one RESET for one request";
+  EXPECT_EQ(log_count("push abandoned, no rma connection for it"), 1);
+  EXPECT_EQ(log_count("starting rma connection"), 1);
+  EXPECT_EQ(property("vendor.marlo.boot_complete"), "1");
 }
 
 TEST_F(Noflash, PowerUpDuringADownloadLeavesTheDfuChannelToTheDownload) {

@@ -1,9 +1,5 @@
 #include "device_under_test.h"
 
-#include <dirent.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -11,25 +7,20 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <iterator>
 #include <map>
 #include <sstream>
 #include <thread>
 #include <utility>
 
-#include "common/crc32.h"
 #include "sim/device_root.h"
 #include "sim/dfu_message.h"
-#include "sim/flash_check.h"
 #include "sim/uevent_sender.h"
-#include "support/wakelock_records.h"
+#include "support/wait_until.h"
 
 namespace marlo::property {
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 // The daemon's fixed waits (1 s per boot attempt, 2 s after misc data) kept
 // at a few milliseconds. Poll time-outs are not scaled.
@@ -38,23 +29,23 @@ constexpr double kTimeScale = 0.01;
 constexpr uint32_t kFragmentSize = 2048;
 constexpr int kFlashWriteMs = 4;
 // A reset request is served within this (real time).
-constexpr int kResetServedMs = 5000;
+constexpr std::chrono::milliseconds kResetServed{5000};
 // The work a script leaves (a download, a push after a power-up) ends within
 // this once the co-processor stays quiet. A silent co-processor costs the
 // push five unscaled 2-second read time-outs; CI machines are loaded.
-constexpr int kSettleMs = 20000;
+constexpr std::chrono::milliseconds kSettle{20000};
 // The window over which a quiet daemon's CPU time and log growth are taken.
-constexpr int kQuietWindowMs = 500;
-constexpr int kLogLandingMs = 200;
+constexpr std::chrono::milliseconds kQuietWindow{500};
+constexpr std::chrono::milliseconds kLogLanding{200};
 constexpr double kMaxCoreShare = 0.05;
 constexpr long kMaxLogBytesPerSecond = 64 * 1024;
 
 // A channel the daemon is about to open is waited for this long.
-constexpr int kChannelOpenMs = 1000;
+constexpr std::chrono::milliseconds kChannelOpen{1000};
 // The RMA workload is between runs once it sent nothing for this long.
-constexpr int kWorkloadIdleMs = 200;
+constexpr std::chrono::milliseconds kWorkloadIdle{200};
 // The daemon answers an RMA request within this, or is taken not to answer.
-constexpr int kRmaAnswerMs = 1000;
+constexpr std::chrono::milliseconds kRmaAnswer{1000};
 
 constexpr const char* kResetProperty = "vendor.marlo_reset";
 // Sequences start once the daemon has found the co-processor running and
@@ -63,45 +54,13 @@ constexpr const char* kResetProperty = "vendor.marlo_reset";
 // record, later power-ups do nothing): a known open fault, left to the
 // exploration (MARLO_PROPERTY_EARLY=1) until the boot takes a restart.
 constexpr const char* kBootCompleteProperty = "vendor.marlo.boot_complete";
-constexpr int kBootCompleteMs = 10000;
-
-bool wait_until(const std::function<bool()>& condition, int timeout_ms) {
-  const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
-  while (!condition()) {
-    if (Clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return true;
-}
+constexpr std::chrono::milliseconds kBootComplete{10000};
 
 int count_entries(const std::string& dir) {
   std::error_code error;
   int count = 0;
   for (std::filesystem::directory_iterator it(dir, error), end; !error && it != end; it.increment(error)) ++count;
   return error ? -1 : count;
-}
-
-// User and system time of the whole process (threads that ended included),
-// in seconds; negative when it cannot be read.
-double cpu_seconds(pid_t pid) {
-  std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-  std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  const size_t end_of_name = text.rfind(')');
-  if (end_of_name == std::string::npos) return -1;
-  std::istringstream fields(text.substr(end_of_name + 2));
-  std::string field;
-  unsigned long long utime = 0, stime = 0;
-  // Fields from the state (3rd) on: utime and stime are the 14th and 15th.
-  for (int number = 3; number <= 15 && fields >> field; ++number) {
-    if (number == 14) utime = std::strtoull(field.c_str(), nullptr, 10);
-    if (number == 15) stime = std::strtoull(field.c_str(), nullptr, 10);
-  }
-  return static_cast<double>(utime + stime) / static_cast<double>(::sysconf(_SC_CLK_TCK));
-}
-
-long file_size(const std::string& path) {
-  struct stat st {};
-  return ::stat(path.c_str(), &st) == 0 ? static_cast<long>(st.st_size) : 0;
 }
 
 // The message logged most often in the log file from byte `from` on, with
@@ -156,15 +115,11 @@ sim::AnswerFault misc_fault(const Step& step) {
 
 }  // namespace
 
-DeviceUnderTest::DeviceUnderTest(Variant variant, std::string* start_error) {
+DeviceUnderTest::DeviceUnderTest(Variant variant, std::string* start_error) : DaemonRig(kTimeScale) {
   script_.variant = variant;
-  root_ = sim::make_temp_root("marlo-property");
-  shipped_ = sim::VirtualDevice::build_sample_root(root_);
   sim::DeviceOptions options;
   if (variant == Variant::Noflash) {
-    options.variant = sim::Variant::NoflashPsram;
-    options.flash = sim::FlashContents::Empty;
-    options.running_at_start = true;
+    options = e2e::noflash_options();
     runs_before_power_up_ = 0;
   } else {
     // Older firmware in flash and the update flag set: a download at start,
@@ -174,32 +129,18 @@ DeviceUnderTest::DeviceUnderTest(Variant variant, std::string* start_error) {
     options.dfu.fragment_size = kFragmentSize;
     options.dfu.write_delay_ms = kFlashWriteMs;
   }
-  device_ = std::make_unique<sim::VirtualDevice>(root_, options);
+  start_device(options);
   device_->rma().set_answer_tap([this](const sim::Bytes& answer) {
     if (!RmaProbe::is_probe_answer(answer)) return false;
     std::lock_guard<std::mutex> lock(answers_mutex_);
     probe_answers_.push_back(answer);
     return true;
   });
-  *start_error = start_daemon();
+  *start_error = launch_daemon();
   if (start_error->empty() && std::getenv("MARLO_PROPERTY_EARLY") == nullptr &&
-      !wait_until([this] { return sim::get_property(root_, kBootCompleteProperty) == "1"; }, kBootCompleteMs)) {
+      !test::wait_until([this] { return sim::get_property(root_, kBootCompleteProperty) == "1"; }, kBootComplete)) {
     *start_error = "marlod did not report its boot complete";
   }
-}
-
-DeviceUnderTest::~DeviceUnderTest() {
-  daemon_.reset();
-  device_.reset();
-  if (keep_root_) return;
-  std::error_code ignored;
-  std::filesystem::remove_all(root_, ignored);
-}
-
-std::string DeviceUnderTest::start_daemon() {
-  std::string error;
-  daemon_ = sim::start_built_marlod(root_, ++starts_, kTimeScale, &log_file_, &error);
-  return error;
 }
 
 void DeviceUnderTest::note_restart() {
@@ -233,7 +174,7 @@ std::string DeviceUnderTest::apply(const Step& step) {
       // Only an open channel can be half-closed: it is given a moment to be.
       sim::ChannelServer* channels[] = {&device_->dfu(), &device_->misc(), &device_->rma()};
       sim::ChannelServer& channel = *channels[step.arg % 3];
-      wait_until([&] { return channel.open_connections() > 0; }, kChannelOpenMs);
+      test::wait_until([&] { return channel.open_connections() > 0; }, kChannelOpen);
       channel.half_close_all();
       break;
     }
@@ -242,8 +183,8 @@ std::string DeviceUnderTest::apply(const Step& step) {
     case Action::Reset: {
       note_restart();
       sim::set_property(root_, kResetProperty, "1");
-      if (!wait_until([&] { return sim::get_property(root_, kResetProperty) == "0"; }, kResetServedMs)) {
-        return "the reset request was not served within " + std::to_string(kResetServedMs / 1000) + " s";
+      if (!test::wait_until([&] { return sim::get_property(root_, kResetProperty) == "0"; }, kResetServed)) {
+        return "the reset request was not served within " + std::to_string(kResetServed.count() / 1000) + " s";
       }
       break;
     }
@@ -259,9 +200,9 @@ std::string DeviceUnderTest::apply(const Step& step) {
         runs_before_power_up_ = -1;
       }
       daemon_.reset();
-      takes_at_relaunch_ = test::wakelock_records(sim::read_text(root_ + "/sys/power/wake_lock"));
-      releases_at_relaunch_ = test::wakelock_records(sim::read_text(root_ + "/sys/power/wake_unlock"));
-      const std::string error = start_daemon();
+      takes_at_relaunch_ = wakelock_takes();
+      releases_at_relaunch_ = wakelock_releases();
+      const std::string error = launch_daemon();
       if (!error.empty()) return "marlod could not be started again: " + error;
       break;
     }
@@ -272,20 +213,20 @@ std::string DeviceUnderTest::apply(const Step& step) {
 std::string DeviceUnderTest::probe_rma(const Step& step) {
   // The daemon keeps one stored partition: the probe speaks between the
   // workload's runs, never inside one, and after the run a power-up owes.
-  wait_until(
+  test::wait_until(
       [&] {
         return runs_before_power_up_ < 0 ||
                static_cast<int>(device_->rma().status().last_completed_run) > runs_before_power_up_;
       },
-      kResetServedMs);
+      kResetServed);
   int messages = device_->rma().status().messages;
-  wait_until(
+  test::wait_until(
       [&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(kWorkloadIdleMs));
+        std::this_thread::sleep_for(kWorkloadIdle);
         const int now = device_->rma().status().messages;
         return std::exchange(messages, now) == now;
       },
-      kResetServedMs);
+      kResetServed);
   const RmaRequest request = decode_rma_step(step);
   const uint32_t number = static_cast<uint32_t>(script_.steps.size());
   {
@@ -296,13 +237,13 @@ std::string DeviceUnderTest::probe_rma(const Step& step) {
   if (request.command == sim::kRmaConnect) workload_messages_at_connect_ = messages;
   if (!device_->rma().inject(RmaProbe::request(request, number))) return "";  // channel not open
   std::optional<sim::Bytes> answer;
-  wait_until(
+  test::wait_until(
       [&] {
         std::lock_guard<std::mutex> lock(answers_mutex_);
         if (!probe_answers_.empty()) answer = probe_answers_.front();
         return answer.has_value();
       },
-      kRmaAnswerMs);
+      kRmaAnswer);
   if (std::getenv("MARLO_PROPERTY_VERBOSE") != nullptr) {
     std::printf("  %s: %s\n", describe_rma_step(step).c_str(),
                 answer ? ("answer of " + std::to_string(answer->size()) + " bytes, result word " +
@@ -318,8 +259,8 @@ std::string DeviceUnderTest::check_wakelock() const {
   // while it is not change nothing. Within one daemon's life the takes and
   // releases alternate; a killed daemon's lock is released by the next
   // daemon's first release.
-  const size_t takes = test::wakelock_records(sim::read_text(root_ + "/sys/power/wake_lock"));
-  const size_t releases = test::wakelock_records(sim::read_text(root_ + "/sys/power/wake_unlock"));
+  const size_t takes = wakelock_takes();
+  const size_t releases = wakelock_releases();
   const bool released_since = releases > releases_at_relaunch_;
   const size_t own_takes = released_since ? takes - takes_at_relaunch_ : takes;
   const size_t own_releases = released_since ? releases - releases_at_relaunch_ : releases;
@@ -355,10 +296,8 @@ std::string DeviceUnderTest::work_left() const {
     if (dfu.sessions_completed < 1) return "the firmware download never completed";
     if (!device_->coprocessor().running()) return "the co-processor was left down";
     if (device_->coprocessor().boot_mode() != sim::kBootModeFlash) return "the co-processor was left in HOST mode";
-    const std::vector<std::string> problems =
-        sim::verify_flash(device_->flash(), shipped_, sim::expected_platform_block(sim::RootOptions{}));
-    if (!problems.empty()) return "the flash is not exact after the download: " + problems.front();
-    return "";
+    const std::string flash = flash_problem();
+    return flash.empty() ? "" : "the flash is not exact after the download: " + flash;
   }
   if (device_->misc().status().packets <= misc_packets_before_power_up_) {
     return "no misc-data push reached the co-processor after the last power-up";
@@ -407,28 +346,23 @@ std::string difference(std::vector<std::string> then, std::vector<std::string> n
 std::string DeviceUnderTest::check_quiet_window() const {
   // The log's writer thread lands what the last work logged a few
   // milliseconds late: that is not the quiet daemon's.
-  std::this_thread::sleep_for(std::chrono::milliseconds(kLogLandingMs));
-  const pid_t pid = daemon_->pid();
-  const double cpu_before = cpu_seconds(pid);
-  const long log_before = file_size(log_file_);
-  const auto start = Clock::now();
-  std::this_thread::sleep_for(std::chrono::milliseconds(kQuietWindowMs));
-  const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-  const double share = (cpu_seconds(pid) - cpu_before) / seconds;
-  const double log_rate = static_cast<double>(file_size(log_file_) - log_before) / seconds;
+  std::this_thread::sleep_for(kLogLanding);
+  const Activity window = activity_over(kQuietWindow);
+  const double share = window.core_share;
+  const double log_rate = window.log_bytes_per_second;
   std::ostringstream out;
   if (share >= kMaxCoreShare) out << "a quiet daemon uses " << static_cast<int>(share * 100) << "% of a core";
   if (log_rate >= kMaxLogBytesPerSecond) {
     out << (out.tellp() > 0 ? "; " : "") << "a quiet daemon logs " << static_cast<long>(log_rate / 1024)
         << " KiB a second";
   }
-  if (out.tellp() > 0) out << " (most logged: " << most_repeated_line(log_file_, log_before) << ")";
+  if (out.tellp() > 0) out << " (most logged: " << most_repeated_line(log_file_, window.log_from) << ")";
   return out.str();
 }
 
 std::string DeviceUnderTest::quiesce(const ProcessShape* baseline) {
   if (std::string broken = check_running(); !broken.empty()) return broken;
-  wait_until([&] { return work_left().empty(); }, kSettleMs);
+  test::wait_until([&] { return work_left().empty(); }, kSettle);
   const std::string noisy = check_quiet_window();
   if (std::string left = work_left(); !left.empty()) return noisy.empty() ? left : left + "; " + noisy;
   if (!noisy.empty()) return noisy;

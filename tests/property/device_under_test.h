@@ -12,9 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "e2e/e2e_fixture.h"
 #include "rma_probe.h"
-#include "sim/daemon_process.h"
-#include "sim/virtual_device.h"
 #include "steps.h"
 
 namespace marlo::property {
@@ -26,14 +25,11 @@ struct ProcessShape {
   std::vector<std::string> targets;  // what each descriptor names, sorted
 };
 
-class DeviceUnderTest {
+class DeviceUnderTest : public e2e::DaemonRig {
  public:
   // A fresh root, its device and a started daemon. `start_error` is set when
   // either could not be started.
   DeviceUnderTest(Variant variant, std::string* start_error);
-  ~DeviceUnderTest();
-  DeviceUnderTest(const DeviceUnderTest&) = delete;
-  DeviceUnderTest& operator=(const DeviceUnderTest&) = delete;
 
   // Does what the step says, then checks the invariants that hold at every
   // moment (the daemon is alive, what it sent is well-formed, a reset
@@ -49,13 +45,8 @@ class DeviceUnderTest {
   ProcessShape shape() const;
 
   const Script& script() const { return script_; }
-  const std::string& log_file() const { return log_file_; }
-  // Keeps the root on disk after destruction (for a failure's inspection).
-  void keep_root() { keep_root_ = true; }
-  const std::string& root() const { return root_; }
 
  private:
-  std::string start_daemon();
   std::string check_running() const;
   std::string work_left() const;
   std::string check_quiet_window() const;
@@ -65,13 +56,6 @@ class DeviceUnderTest {
   std::string probe_rma(const Step& step);
 
   Script script_;
-  std::string root_;
-  sim::FirmwareSet shipped_;
-  std::unique_ptr<sim::VirtualDevice> device_;
-  std::unique_ptr<sim::DaemonProcess> daemon_;
-  std::string log_file_;
-  int starts_ = 0;
-  bool keep_root_ = false;
   // RMA workload runs the co-processor had started before it last went
   // down; a run started after it must complete. -1: no run is owed.
   int runs_before_power_up_ = -1;

@@ -266,13 +266,13 @@ TEST_P(GeneratedCoprocessorRegression, ReplaysClean) {
   ASSERT_EQ(error, "");
   for (const Step& step : script->steps) {
     const std::string violation = dut.apply(step);
-    if (!violation.empty()) dut.keep_root();
-    ASSERT_EQ(violation, "") << "at step: " << show_step(step) << "; device root kept: " << dut.root();
+    if (!violation.empty()) dut.keep_root_ = true;
+    ASSERT_EQ(violation, "") << "at step: " << show_step(step) << "; device root kept: " << dut.root_;
   }
   EXPECT_EQ(dut.quiesce(&baseline), "");
   if (HasFailure()) {
-    dut.keep_root();
-    std::cout << "device root kept for inspection: " << dut.root() << "\n";
+    dut.keep_root_ = true;
+    std::cout << "device root kept for inspection: " << dut.root_ << "\n";
   }
 }
 
