@@ -22,9 +22,6 @@ namespace marlo::property {
 
 namespace {
 
-// The daemon's fixed waits (1 s per boot attempt, 2 s after misc data) kept
-// at a few milliseconds. Poll time-outs are not scaled.
-constexpr double kTimeScale = 0.01;
 // About 120 fragments of 4 ms: the image phase lasts half a second.
 constexpr uint32_t kFragmentSize = 2048;
 constexpr int kFlashWriteMs = 4;
@@ -115,7 +112,9 @@ sim::AnswerFault misc_fault(const Step& step) {
 
 }  // namespace
 
-DeviceUnderTest::DeviceUnderTest(Variant variant, std::string* start_error) : DaemonRig(kTimeScale) {
+// The rig's time scale keeps the daemon's fixed waits (1 s per boot attempt,
+// 2 s after misc data) at a few milliseconds; poll time-outs are not scaled.
+DeviceUnderTest::DeviceUnderTest(Variant variant, std::string* start_error) {
   script_.variant = variant;
   sim::DeviceOptions options;
   if (variant == Variant::Noflash) {
