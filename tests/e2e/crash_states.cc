@@ -126,31 +126,23 @@ struct Model {
     std::vector<std::pair<std::string, std::vector<Piece>>> choices;
     auto whole = [&](size_t p) { return Piece{p, 0, ops[p].length}; };
     const size_t n = pending.size();
-    std::vector<std::vector<bool>> subsets;
-    if (n <= 8) {
-      for (uint32_t mask = 0; mask < (1u << n); ++mask) {
-        std::vector<bool> keep(n);
-        for (size_t j = 0; j < n; ++j) keep[j] = (mask >> j) & 1u;
-        subsets.push_back(keep);
-      }
-    } else {
-      for (size_t j = 0; j <= n; ++j) {
-        std::vector<bool> prefix(n, false), all_but(n, true);
-        std::fill(prefix.begin(), prefix.begin() + static_cast<long>(j), true);
-        subsets.push_back(prefix);
-        if (j < n) all_but[j] = false;
-        subsets.push_back(all_but);
-      }
-    }
-    for (const std::vector<bool>& keep : subsets) {
+    const auto add_kept = [&](auto kept) {
       std::vector<Piece> pieces;
       std::string how = "kept:";
       for (size_t j = 0; j < n; ++j) {
-        if (!keep[j]) continue;
+        if (!kept(j)) continue;
         pieces.push_back(whole(pending[j]));
         how += " " + std::to_string(pending[j]);
       }
       choices.emplace_back(how, pieces);
+    };
+    if (n <= 8) {
+      for (uint32_t mask = 0; mask < (1u << n); ++mask) add_kept([&](size_t j) { return ((mask >> j) & 1u) != 0; });
+    } else {
+      for (size_t j = 0; j <= n; ++j) {
+        add_kept([&](size_t k) { return k < j; });   // a prefix
+        add_kept([&](size_t k) { return k != j; });  // all but one (all, for j == n)
+      }
     }
     for (size_t j = 0; j < n; ++j) {
       const FileOp& op = ops[pending[j]];
