@@ -500,7 +500,8 @@ std::optional<Break> first_break(const CaptureFile& capture) {
   return std::nullopt;
 }
 
-// "frame N at S s (UTC time)" for record `index`, or after the last one.
+// "from frame N at S s (UTC time)" for record `index`; "after frame N ..."
+// past the last one.
 std::string point(const CaptureFile& capture, size_t index) {
   const auto& packets = capture.packets;
   if (packets.empty()) return "at the start";
@@ -512,8 +513,8 @@ std::string point(const CaptureFile& capture, size_t index) {
   struct tm utc {};
   gmtime_r(&seconds, &utc);
   std::strftime(absolute, sizeof(absolute), "%Y-%m-%d %H:%M:%S UTC", &utc);
-  return (index < packets.size() ? "frame " : "after frame ") + std::to_string(shown + 1) + " at " + relative + " (" +
-         absolute + ")";
+  return (index < packets.size() ? "from frame " : "after frame ") + std::to_string(shown + 1) + " at " + relative +
+         " (" + absolute + ")";
 }
 
 }  // namespace
@@ -537,8 +538,7 @@ int run_replay(const ReplayOptions& options, FILE* out) {
   std::vector<CapturedPacket> records = capture.packets;
   std::optional<Break> stop = first_break(capture);
   if (stop) {
-    std::fprintf(out, "replay: not replayable from %s: %s\n", point(capture, stop->index).c_str(),
-                 stop->reason.c_str());
+    std::fprintf(out, "replay: not replayable %s: %s\n", point(capture, stop->index).c_str(), stop->reason.c_str());
     if (!options.prefix) {
       std::fprintf(out, "replay: --prefix replays the %zu records before it\n", stop->index);
       return 2;

@@ -85,8 +85,9 @@ bool build_root_from_images(const std::string& root, const std::string& images, 
                             std::vector<std::string>* notes, std::string* error) {
   std::error_code failure;
   if (!fs::is_regular_file(fs::path(images) / "firmware_mnt/image/partition_table.xml", failure)) {
-    *error = images + " holds no firmware_mnt/image/partition_table.xml (give the device's /vendor firmware "
-                      "directories: firmware_mnt/ and bt_firmware/)";
+    *error = images +
+             " holds no firmware_mnt/image/partition_table.xml (give the device's /vendor firmware "
+             "directories: firmware_mnt/ and bt_firmware/)";
     return false;
   }
   const std::vector<Request> requests = control_requests(capture);
@@ -110,8 +111,8 @@ bool build_root_from_images(const std::string& root, const std::string& images, 
     notes->push_back("no bt_firmware/image in " + images + ": the daemon finds no misc-data files");
   }
 
-  notes->push_back(std::string("TWM exit ") + (twm_exit ? "pending (TWM_EXIT recorded before the first GET_BOOT_MODE)"
-                                                        : "not pending"));
+  notes->push_back(std::string("TWM exit ") +
+                   (twm_exit ? "pending (TWM_EXIT recorded before the first GET_BOOT_MODE)" : "not pending"));
   bool running = false;
   if (first_mode == requests.size()) {
     notes->push_back("no GET_BOOT_MODE recorded: platform_subtype_id 1 (unsupported)");
@@ -134,8 +135,9 @@ bool build_root_from_images(const std::string& root, const std::string& images, 
     }
   }
   write_text_atomic(root + kRemoteprocState, running ? "running\n" : "offline\n");
-  notes->push_back("assumed: hw_platform WDP, dload_mode mini, "
-                   "ro.vendor.zt_aon_presence=1 and no other property, RMA backing files empty");
+  notes->push_back(
+      "assumed: hw_platform WDP, dload_mode mini, "
+      "ro.vendor.zt_aon_presence=1 and no other property, RMA backing files empty");
   return true;
 }
 

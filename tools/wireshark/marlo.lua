@@ -3,6 +3,8 @@
 --   USER0 control-device requests and answers   USER1 DFU channel     USER2 misc-data channel
 --   USER3 RMA channel                           USER4 uevents
 -- Directions come from the packet flags: outbound = daemon -> device, inbound = device -> daemon.
+-- Every record of a device-node connection carries its stream (epb_queue, the connections of a node numbered
+-- from 1), shown as marlo.stream; control requests are paired with the answer on their own connection.
 --
 -- Use:  tshark -X lua_script:tools/wireshark/marlo.lua -r session.pcapng
 --       wireshark -X lua_script:tools/wireshark/marlo.lua session.pcapng
@@ -75,6 +77,7 @@ field("response_in", ProtoField.framenum("marlo.response_in", "Answered in", bas
 field("response_to", ProtoField.framenum("marlo.response_to", "Answer to", base.NONE, frametype.REQUEST))
 field("time", ProtoField.relative_time("marlo.time", "Time since request"))
 field("event", ProtoField.string("marlo.event", "Channel event"))
+field("stream", ProtoField.uint32("marlo.stream", "Connection stream", base.DEC))
 -- DFU channel.
 field("dfu", ProtoField.none("marlo.dfu", "DFU message"))
 field("dfu_cmd", ProtoField.uint32("marlo.dfu.cmd", "Command", u32, dfu_cmds))
@@ -172,6 +175,13 @@ local E = {
 marlo.experts = { E.crc, E.length, E.short, E.cmd, E.magic, E.dir, E.seq, E.status, E.unanswered, E.life }
 
 local frame_comment = Field.new("frame.comment")
+local frame_queue = Field.new("frame.interface_queue")
+
+-- The frame's connection stream, nil when the capture gives none.
+local function stream_of()
+  local q = frame_queue()
+  return q and q.value ~= 0 and q.value or nil
+end
 
 -- Per-file state, built on the first pass ------------------------------------------------------------------
 -- Results are kept per frame and read on later passes (pinfo.visited). They are not dropped in the protocol's
@@ -558,6 +568,14 @@ local function dissect_block(tree, tvb, off)
   return v, cmd
 end
 
+-- The control requests waiting for an answer: per connection when the capture gives streams.
+local function ctl_queue(stream)
+  if not stream then return pending.ctl end
+  local key = "ctl stream " .. stream
+  pending[key] = pending[key] or {}
+  return pending[key]
+end
+
 local function dissect_ctl(tvb, pinfo, root)
   pinfo.cols.protocol = "MARLO CTL"
   local len = tvb:len()
@@ -586,7 +604,8 @@ local function dissect_ctl(tvb, pinfo, root)
     if request == 0xc0205609 and cmd == 5 then info = info .. " " .. name_of(boot_modes, value, "mode")
     elseif request == 0xc0205609 and cmd == 8 then info = info .. " " .. value end
     if not pinfo.visited then
-      table.insert(pending.ctl, { frame = pinfo.number, time = pinfo.rel_ts, name = name })
+      local queue = ctl_queue(stream_of())
+      table.insert(queue, { frame = pinfo.number, time = pinfo.rel_ts, name = name })
     end
     show_pairing(pinfo, tree)
     pinfo.cols.info = info
@@ -600,7 +619,7 @@ local function dissect_ctl(tvb, pinfo, root)
   end
   if not pinfo.visited then
     -- Each ioctl is a request and its answer on one connection; answers come in the order of the requests.
-    local p = table.remove(pending.ctl, 1)
+    local p = table.remove(ctl_queue(stream_of()), 1)
     if p then
       pairs_of[p.frame] = { response_in = pinfo.number }
       pairs_of[pinfo.number] = { response_to = p.frame, delta = pinfo.rel_ts - p.time, name = p.name }
@@ -672,7 +691,10 @@ function marlo.dissector(tvb, pinfo, tree)
   local ends = ends_of[encap.value]
   if pinfo.p2p_dir == OUTBOUND then pinfo.cols.src, pinfo.cols.dst = "marlod", ends
   elseif pinfo.p2p_dir == INBOUND then pinfo.cols.src, pinfo.cols.dst = ends, "marlod" end
-  fn(tvb, pinfo, tree:add(marlo, tvb()))
+  local subtree = tree:add(marlo, tvb())
+  local stream = stream_of()
+  if stream then subtree:add(F.stream, stream):set_generated() end
+  fn(tvb, pinfo, subtree)
   return tvb:len()
 end
 
