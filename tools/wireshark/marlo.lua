@@ -245,7 +245,7 @@ end
 
 local function name_of(names, v, what) return names[v] or string.format("%s %d", what, v) end
 
--- Zero-length messages carry the channel's life in their comment ("open", "closed by daemon", ...).
+-- Zero-length messages carry the channel's life in their comment ("open stream 2", "closed by daemon stream 2", ...).
 -- Requests still waiting on the channel are not answered across its closing or opening.
 local function channel_event(pinfo, tree, channel, label)
   if not pinfo.visited and pending[channel] then
@@ -254,7 +254,8 @@ local function channel_event(pinfo, tree, channel, label)
   end
   local comment = frame_comment()
   local text = comment and tostring(comment.value) or "empty message"
-  local item = tree:add(F.event, text):set_generated()
+  -- The field holds the event alone ("open", "closed by daemon"); the stream is marlo.stream.
+  local item = tree:add(F.event, (text:gsub(" stream %d+$", ""))):set_generated()
   item:add_proto_expert_info(E.life, label .. " " .. text)
   pinfo.cols.info = "[" .. text .. "]"
 end
