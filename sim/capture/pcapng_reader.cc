@@ -13,8 +13,10 @@ namespace {
 
 using namespace pcapng;
 
-// Larger than any message of the virtual device (1 MiB) plus its framing.
-constexpr uint32_t kMaxBlock = (1u << 20) + 4096;
+// The largest message of the virtual device, and a block holding it with
+// its framing.
+constexpr uint32_t kMaxMessage = 1u << 20;
+constexpr uint32_t kMaxBlock = kMaxMessage + 4096;
 
 uint16_t u16_at(const std::vector<uint8_t>& b, size_t offset) {
   return static_cast<uint16_t>(b[offset] | b[offset + 1] << 8);
@@ -109,7 +111,7 @@ bool read_capture(const std::string& path, CaptureFile* capture, std::string* er
       uint32_t captured = get_le32(&file[body + 12]);
       p.original_length = std::max(captured, get_le32(&file[body + 16]));
       size_t padded = (static_cast<size_t>(captured) + 3) & ~static_cast<size_t>(3);
-      if (p.interface >= capture->interfaces.size() || padded > end - body - 20) {
+      if (p.interface >= capture->interfaces.size() || padded > end - body - 20 || p.original_length > kMaxMessage) {
         *error = "bad packet block at byte " + std::to_string(at);
         return false;
       }

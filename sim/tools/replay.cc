@@ -338,6 +338,7 @@ class Player {
   void check_message(int node, int fd, const Bytes& message) {
     last_sender_[node] = fd;
     Connection* c = connection(node, fd);
+    if (c == nullptr) return;  // not one of the node's connections
     uint32_t stream = stream_of_message(node, *c, message);
     auto it = next_action(node, stream);
     if (it == expected_[node].end() || records_[*it].data.empty()) {
@@ -379,6 +380,7 @@ class Player {
   void check_close(int node, int fd) {
     auto& connections = connections_[node];
     auto gone = std::find_if(connections.begin(), connections.end(), [fd](const Connection& c) { return c.fd == fd; });
+    if (gone == connections.end()) return;
     Connection c = *gone;
     connections.erase(gone);
     ::close(fd);
