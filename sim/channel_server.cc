@@ -38,7 +38,10 @@ void ChannelServer::stop() {
   }
   if (thread_.joinable()) thread_.join();
   std::lock_guard<std::mutex> lock(connections_mutex_);
-  for (int fd : connections_) ::close(fd);
+  for (int fd : connections_) {
+    node_.forget(fd);
+    ::close(fd);
+  }
   connections_.clear();
   hung_up_.clear();
   silent_.clear();
@@ -57,7 +60,7 @@ void ChannelServer::record_hang_up(int fd) {
   if (std::find(hung_up_.begin(), hung_up_.end(), fd) != hung_up_.end()) return;
   hung_up_.push_back(fd);
   if (SessionCapture* capture = node_.capture()) {
-    capture->life(node_.capture_interface(), Direction::Inbound, "closed by co-processor");
+    capture->life(node_.capture_interface(), Direction::Inbound, "closed by co-processor", node_.stream_of(fd));
   }
 }
 
@@ -125,7 +128,7 @@ void ChannelServer::half_close_all() {
   std::lock_guard<std::mutex> lock(connections_mutex_);
   for (int fd : connections_) {
     if (SessionCapture* capture = node_.capture()) {
-      capture->life(node_.capture_interface(), Direction::Inbound, "half-closed by co-processor");
+      capture->life(node_.capture_interface(), Direction::Inbound, "half-closed by co-processor", node_.stream_of(fd));
     }
     ::shutdown(fd, SHUT_WR);
   }
@@ -136,7 +139,8 @@ bool ChannelServer::inject(const Bytes& packet) {
   std::lock_guard<std::mutex> lock(connections_mutex_);
   if (connections_.empty()) return false;
   if (SessionCapture* capture = node_.capture()) {
-    capture->packet(node_.capture_interface(), Direction::Inbound, packet.data(), packet.size());
+    capture->packet(node_.capture_interface(), Direction::Inbound, packet.data(), packet.size(),
+                    node_.stream_of(connections_.back()));
   }
   return send_packet(connections_.back(), packet.data(), packet.size());
 }
@@ -169,7 +173,9 @@ bool ChannelServer::send_unbroken(int fd, const Bytes& packet) {
       std::lock_guard<std::mutex> lock(connections_mutex_);
       hung_up = std::find(hung_up_.begin(), hung_up_.end(), fd) != hung_up_.end();
     }
-    if (!hung_up) capture->packet(node_.capture_interface(), Direction::Inbound, packet.data(), packet.size());
+    if (!hung_up) {
+      capture->packet(node_.capture_interface(), Direction::Inbound, packet.data(), packet.size(), node_.stream_of(fd));
+    }
   }
   return send_packet(fd, packet.data(), packet.size());
 }
@@ -197,11 +203,47 @@ void ChannelServer::close_connection(int fd) {
     if (hung_up != hung_up_.end()) {
       hung_up_.erase(hung_up);
     } else if (SessionCapture* capture = node_.capture()) {
-      capture->life(node_.capture_interface(), Direction::Outbound, "closed by daemon");
+      capture->life(node_.capture_interface(), Direction::Outbound, "closed by daemon", node_.stream_of(fd));
     }
   }
   on_closed(fd);
+  node_.forget(fd);
   ::close(fd);
+}
+
+bool ChannelServer::serve_connection(int fd, short revents, Bytes& packet) {
+  uint8_t first_byte;
+  const bool packet_waiting = ::recv(fd, &first_byte, 1, MSG_PEEK | MSG_DONTWAIT) > 0;
+  const ReadFaultSwitch::Action fault = packet_waiting ? read_fault_.on_receive() : ReadFaultSwitch::Action::Pass;
+  if (fault == ReadFaultSwitch::Action::Reset) {
+    {
+      std::unique_lock<std::mutex> capture_lock = lock_for_capture();
+      std::lock_guard<std::mutex> lock(connections_mutex_);
+      record_hang_up(fd);
+    }
+    close_connection(fd);  // with the daemon's packet unread
+    return false;
+  }
+  long n = receive_message(fd, packet, 0);
+  if (n > 0 && fault == ReadFaultSwitch::Action::Drop) return true;
+  if (n > 0) {
+    if (SessionCapture* capture = node_.capture()) {
+      capture->packet(node_.capture_interface(), Direction::Outbound, packet.data(), packet.size(),
+                      node_.stream_of(fd));
+    }
+    std::function<bool()> observer;
+    {
+      std::lock_guard<std::mutex> lock(observer_mutex_);
+      observer = observer_;
+    }
+    if (!observer || !observer()) on_packet(fd, packet);
+    return true;
+  }
+  if (n == 0 || (revents & (POLLHUP | POLLERR))) {
+    close_connection(fd);
+    return false;
+  }
+  return true;
 }
 
 void ChannelServer::run() {
@@ -218,7 +260,19 @@ void ChannelServer::run() {
     int ready = ::poll(fds.data(), fds.size(), kTickMs);
     if (!running_.load()) break;
     if (ready > 0) {
-      if (fds[1].revents & POLLIN) {
+      // The open connections first: poll looks at them after the listening
+      // socket, so a connection the daemon closed before it opened the one
+      // waiting shows its hang-up here. Its last packets and its close are
+      // taken now, and recorded before the newer open.
+      const bool open_waiting = (fds[1].revents & POLLIN) != 0;
+      for (size_t i = 2; i < fds.size(); ++i) {
+        if (fds[i].revents == 0) continue;
+        bool open = serve_connection(fds[i].fd, fds[i].revents, packet);
+        if (open_waiting && (fds[i].revents & POLLHUP)) {
+          while (open) open = serve_connection(fds[i].fd, fds[i].revents, packet);
+        }
+      }
+      if (open_waiting) {
         int fd = node_.accept_open(0);
         if (fd >= 0) {
           {
@@ -227,36 +281,6 @@ void ChannelServer::run() {
           }
           if (read_fault_.half_close_new_connection()) ::shutdown(fd, SHUT_WR);
           on_open(fd);
-        }
-      }
-      for (size_t i = 2; i < fds.size(); ++i) {
-        if (fds[i].revents == 0) continue;
-        uint8_t first_byte;
-        const bool packet_waiting = ::recv(fds[i].fd, &first_byte, 1, MSG_PEEK | MSG_DONTWAIT) > 0;
-        const ReadFaultSwitch::Action fault = packet_waiting ? read_fault_.on_receive() : ReadFaultSwitch::Action::Pass;
-        if (fault == ReadFaultSwitch::Action::Reset) {
-          {
-            std::unique_lock<std::mutex> capture_lock = lock_for_capture();
-            std::lock_guard<std::mutex> lock(connections_mutex_);
-            record_hang_up(fds[i].fd);
-          }
-          close_connection(fds[i].fd);  // with the daemon's packet unread
-          continue;
-        }
-        long n = receive_message(fds[i].fd, packet, 0);
-        if (n > 0 && fault == ReadFaultSwitch::Action::Drop) continue;
-        if (n > 0) {
-          if (SessionCapture* capture = node_.capture()) {
-            capture->packet(node_.capture_interface(), Direction::Outbound, packet.data(), packet.size());
-          }
-          std::function<bool()> observer;
-          {
-            std::lock_guard<std::mutex> lock(observer_mutex_);
-            observer = observer_;
-          }
-          if (!observer || !observer()) on_packet(fds[i].fd, packet);
-        } else if (n == 0 || (fds[i].revents & (POLLHUP | POLLERR))) {
-          close_connection(fds[i].fd);
         }
       }
     }

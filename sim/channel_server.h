@@ -88,6 +88,9 @@ class ChannelServer {
 
  private:
   void run();
+  // Reads one packet of `fd` and hands it on, or closes `fd` at its end;
+  // false once `fd` is closed.
+  bool serve_connection(int fd, short revents, Bytes& packet);
   // After a read fault: the answer fault armed by arm_answer_fault, if any.
   bool send_shaped(int fd, const Bytes& packet);
   bool send_unbroken(int fd, const Bytes& packet);

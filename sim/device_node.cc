@@ -51,14 +51,32 @@ int DeviceNode::accept_open(int timeout_ms) {
     } else if (refusal_errno_.load() != 0) {
       status = refusal_errno_.load();
     }
+    uint32_t stream;
+    {
+      std::lock_guard<std::mutex> lock(streams_mutex_);
+      stream = ++last_stream_;
+      if (status == 0) streams_[fd] = stream;
+    }
     if (capture_) {
       capture_->life(capture_interface_, Direction::Outbound,
-                     status == 0 ? "open" : "open refused errno " + std::to_string(status));
+                     status == 0 ? "open" : "open refused errno " + std::to_string(status), stream);
     }
     bool sent = send_packet(fd, &status, sizeof(status));
     if (sent && status == 0) return fd;
+    forget(fd);
     ::close(fd);
   }
+}
+
+uint32_t DeviceNode::stream_of(int fd) const {
+  std::lock_guard<std::mutex> lock(streams_mutex_);
+  auto it = streams_.find(fd);
+  return it == streams_.end() ? 0 : it->second;
+}
+
+void DeviceNode::forget(int fd) {
+  std::lock_guard<std::mutex> lock(streams_mutex_);
+  streams_.erase(fd);
 }
 
 bool send_packet(int fd, const void* data, size_t length) {

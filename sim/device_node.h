@@ -5,7 +5,9 @@
 
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -39,6 +41,14 @@ class DeviceNode {
   // Number of connections accepted so far, failed opens included.
   int opens_seen() const { return opens_seen_.load(); }
 
+  // The stream of a connection accept_open returned: the connections of
+  // the node numbered from 1 in the order they were opened, refused opens
+  // included (the capture's connection identity). 0 for an unknown one.
+  uint32_t stream_of(int fd) const;
+  // Forgets a connection that is about to be closed (its number may be
+  // reused by the next one).
+  void forget(int fd);
+
   // Records every open's outcome on `interface` of `capture`; set before the
   // node is served, fixed afterwards.
   void set_capture(std::shared_ptr<SessionCapture> capture, CaptureInterface interface) {
@@ -57,6 +67,9 @@ class DeviceNode {
   std::atomic<int> refusal_errno_{0};
   std::shared_ptr<SessionCapture> capture_;
   CaptureInterface capture_interface_ = CaptureInterface::Control;
+  mutable std::mutex streams_mutex_;
+  uint32_t last_stream_ = 0;         // guarded by streams_mutex_
+  std::map<int, uint32_t> streams_;  // descriptor -> stream, guarded by streams_mutex_
 };
 
 // Sends one packet; true when it was sent whole.

@@ -151,6 +151,10 @@ bool VirtualDevice::restart_on_packet() {
   return true;
 }
 
-void VirtualDevice::power_cycle() { coprocessor_->power_cycle(); }
+void VirtualDevice::power_cycle() {
+  // The daemon's run ends with the device's: a replay stops here.
+  if (capture_) capture_->life(CaptureInterface::Control, Direction::Inbound, "device power cycle");
+  coprocessor_->power_cycle();
+}
 
 }  // namespace marlo::sim

@@ -1,5 +1,6 @@
 #include "sim/capture/pcapng_reader.h"
 
+#include <algorithm>
 #include <fstream>
 #include <iterator>
 
@@ -12,8 +13,10 @@ namespace {
 
 using namespace pcapng;
 
-// Larger than any message of the virtual device (1 MiB) plus its framing.
-constexpr uint32_t kMaxBlock = (1u << 20) + 4096;
+// The largest message of the virtual device, and a block holding it with
+// its framing.
+constexpr uint32_t kMaxMessage = 1u << 20;
+constexpr uint32_t kMaxBlock = kMaxMessage + 4096;
 
 uint16_t u16_at(const std::vector<uint8_t>& b, size_t offset) {
   return static_cast<uint16_t>(b[offset] | b[offset + 1] << 8);
@@ -51,12 +54,20 @@ bool read_capture(const std::string& path, CaptureFile* capture, std::string* er
   };
   size_t at = 0;
   bool have_section = false;
+  size_t interface_base = 0;  // interface numbers restart with every section
+  int sections = 1;
   while (at < file.size()) {
+    uint32_t length = file.size() - at >= 8 ? get_le32(&file[at + 4]) : 0;
+    if (have_section && !capture->interfaces.empty() &&
+        (file.size() - at < 12 || (length <= kMaxBlock && length > file.size() - at))) {
+      capture->truncated = "the file ends inside the block at byte " + std::to_string(at);
+      break;
+    }
     if (file.size() - at < 12) {
       *error = "truncated block at byte " + std::to_string(at);
       return false;
     }
-    uint32_t type = get_le32(&file[at]), length = get_le32(&file[at + 4]);
+    uint32_t type = get_le32(&file[at]);
     if (length < 12 || length % 4 != 0 || length > kMaxBlock || length > file.size() - at ||
         get_le32(&file[at + length - 4]) != length) {
       *error = "bad block length " + std::to_string(length) + " at byte " + std::to_string(at);
@@ -72,6 +83,8 @@ bool read_capture(const std::string& path, CaptureFile* capture, std::string* er
         *error = "not a little-endian pcapng section";
         return false;
       }
+      if (have_section && sections++ == 1) capture->second_section_at = capture->packets.size();
+      if (have_section) interface_base = capture->interfaces.size();
       have_section = true;
       bool ok = for_each_option(file, body + 16, end, [&](uint16_t code, size_t v, size_t n) {
         if (code == 4) capture->application = text(v, n);
@@ -93,11 +106,12 @@ bool read_capture(const std::string& path, CaptureFile* capture, std::string* er
     } else if (type == kEpbType) {
       if (end - body < 20) return fail(text_error);
       CapturedPacket p;
-      p.interface = get_le32(&file[body]);
+      p.interface = static_cast<uint32_t>(interface_base + get_le32(&file[body]));
       p.timestamp_us = static_cast<uint64_t>(get_le32(&file[body + 4])) << 32 | get_le32(&file[body + 8]);
       uint32_t captured = get_le32(&file[body + 12]);
+      p.original_length = std::max(captured, get_le32(&file[body + 16]));
       size_t padded = (static_cast<size_t>(captured) + 3) & ~static_cast<size_t>(3);
-      if (p.interface >= capture->interfaces.size() || padded > end - body - 20) {
+      if (p.interface >= capture->interfaces.size() || padded > end - body - 20 || p.original_length > kMaxMessage) {
         *error = "bad packet block at byte " + std::to_string(at);
         return false;
       }
@@ -106,6 +120,7 @@ bool read_capture(const std::string& path, CaptureFile* capture, std::string* er
       bool ok = for_each_option(file, body + 20 + padded, end, [&](uint16_t code, size_t v, size_t n) {
         if (code == 1) p.comment = text(v, n);
         if (code == 2 && n == 4) p.flags = get_le32(&file[v]);
+        if (code == 6 && n == 4) p.stream = get_le32(&file[v]);
       });
       if (!ok) return fail(text_error);
       capture->packets.push_back(std::move(p));
@@ -116,6 +131,7 @@ bool read_capture(const std::string& path, CaptureFile* capture, std::string* er
     *error = "empty capture";
     return false;
   }
+  if (sections == 1) capture->second_section_at = capture->packets.size();
   return true;
 }
 

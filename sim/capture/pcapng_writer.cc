@@ -1,5 +1,7 @@
 #include "sim/capture/pcapng_writer.h"
 
+#include <algorithm>
+
 #include "common/le32.h"
 #include "sim/capture/pcapng_format.h"
 
@@ -55,14 +57,14 @@ void PcapngWriter::interface_description(uint16_t link_type, const std::vector<O
 }
 
 void PcapngWriter::enhanced_packet(uint32_t interface, uint64_t timestamp_us, const uint8_t* data, size_t length,
-                                   const std::vector<Option>& options) {
+                                   const std::vector<Option>& options, size_t original_length) {
   std::vector<uint8_t> body;
   body.reserve(20 + length + 3);
   append_le32(body, interface);
   append_le32(body, static_cast<uint32_t>(timestamp_us >> 32));
   append_le32(body, static_cast<uint32_t>(timestamp_us));
   append_le32(body, static_cast<uint32_t>(length));
-  append_le32(body, static_cast<uint32_t>(length));
+  append_le32(body, static_cast<uint32_t>(std::max(length, original_length)));
   if (length > 0) body.insert(body.end(), data, data + length);
   pad4(body);
   write_block(kEpbType, body, options);

@@ -23,6 +23,7 @@ class PcapngWriter {
   static constexpr uint16_t kShbUserAppl = 4;
   static constexpr uint16_t kIfName = 2;
   static constexpr uint16_t kEpbFlags = 2;
+  static constexpr uint16_t kEpbQueue = 6;
 
   struct Option {
     uint16_t code;
@@ -42,8 +43,10 @@ class PcapngWriter {
   void section_header(const std::vector<Option>& options);
   // Interfaces are numbered in the order they are described, from 0.
   void interface_description(uint16_t link_type, const std::vector<Option>& options);
+  // `length` bytes of `data` are recorded; `original_length`, when larger,
+  // is the length the message had before it was cut.
   void enhanced_packet(uint32_t interface, uint64_t timestamp_us, const uint8_t* data, size_t length,
-                       const std::vector<Option>& options);
+                       const std::vector<Option>& options, size_t original_length = 0);
 
  private:
   void write_block(uint32_t type, const std::vector<uint8_t>& body, const std::vector<Option>& options);

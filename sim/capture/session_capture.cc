@@ -1,12 +1,15 @@
 #include "sim/capture/session_capture.h"
 
 #include <chrono>
+#include <cstring>
 #include <map>
 #include <stdexcept>
 
 namespace marlo::sim {
 
 namespace {
+
+constexpr const char* kStreamSuffix = " stream ";
 
 uint64_t now_us() {
   return static_cast<uint64_t>(
@@ -48,17 +51,33 @@ SessionCapture::SessionCapture(const std::string& path, const std::string& setup
   }
 }
 
-void SessionCapture::packet(CaptureInterface interface, Direction direction, const uint8_t* data, size_t length) {
+void SessionCapture::packet(CaptureInterface interface, Direction direction, const uint8_t* data, size_t length,
+                            uint32_t stream) {
+  std::vector<PcapngWriter::Option> options{
+      PcapngWriter::u32_option(PcapngWriter::kEpbFlags, static_cast<uint32_t>(direction))};
+  if (stream != 0) options.push_back(PcapngWriter::u32_option(PcapngWriter::kEpbQueue, stream));
   std::lock_guard<std::mutex> lock(mutex_);
-  writer_.enhanced_packet(static_cast<uint32_t>(interface), now_us(), data, length,
-                          {PcapngWriter::u32_option(PcapngWriter::kEpbFlags, static_cast<uint32_t>(direction))});
+  writer_.enhanced_packet(static_cast<uint32_t>(interface), now_us(), data, length, options);
 }
 
-void SessionCapture::life(CaptureInterface interface, Direction direction, const std::string& comment) {
+void SessionCapture::life(CaptureInterface interface, Direction direction, const std::string& event, uint32_t stream) {
+  std::vector<PcapngWriter::Option> options{
+      PcapngWriter::text_option(PcapngWriter::kOptComment,
+                                stream == 0 ? event : event + kStreamSuffix + std::to_string(stream)),
+      PcapngWriter::u32_option(PcapngWriter::kEpbFlags, static_cast<uint32_t>(direction))};
+  if (stream != 0) options.push_back(PcapngWriter::u32_option(PcapngWriter::kEpbQueue, stream));
   std::lock_guard<std::mutex> lock(mutex_);
-  writer_.enhanced_packet(static_cast<uint32_t>(interface), now_us(), nullptr, 0,
-                          {PcapngWriter::text_option(PcapngWriter::kOptComment, comment),
-                           PcapngWriter::u32_option(PcapngWriter::kEpbFlags, static_cast<uint32_t>(direction))});
+  writer_.enhanced_packet(static_cast<uint32_t>(interface), now_us(), nullptr, 0, options);
+}
+
+LifeEvent parse_life(const std::string& comment) {
+  size_t at = comment.rfind(kStreamSuffix);
+  size_t digits = at == std::string::npos ? 0 : at + std::strlen(kStreamSuffix);
+  if (at == std::string::npos || digits == comment.size() ||
+      comment.find_first_not_of("0123456789", digits) != std::string::npos || comment.size() - digits > 9) {
+    return LifeEvent{comment, 0};
+  }
+  return LifeEvent{comment.substr(0, at), static_cast<uint32_t>(std::stoul(comment.substr(digits)))};
 }
 
 void attach_capture(const std::string& root, std::shared_ptr<SessionCapture> capture) {

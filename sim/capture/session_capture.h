@@ -20,16 +20,26 @@
 //   daemon). Timestamp: wall clock when the device received the message, or
 //   just before it sent it.
 //   Life of a device node connection (channels and the control device): a
-//   zero-length EPB on its interface with an opt_comment (1):
-//     "open"                    outbound: the daemon's open succeeded
-//     "open refused errno N"    outbound: the daemon's open failed with N
-//     "closed by co-processor"  inbound: the device hung the connection up
-//     "closed by daemon"        outbound: the daemon closed its descriptor
-//   The open-status word itself is not recorded.
+//   zero-length EPB on its interface with an opt_comment (1), the event and
+//   the connection's stream:
+//     "open stream S"                 outbound: the daemon's open succeeded
+//     "open refused errno N stream S" outbound: the daemon's open failed with N
+//     "closed by co-processor stream S"       inbound: the device hung the connection up
+//     "half-closed by co-processor stream S"  inbound: the device stopped sending
+//     "closed by daemon stream S"     outbound: the daemon closed its descriptor
+//   The open-status word itself is not recorded. Streams number the
+//   connections of one node from 1 in the order they were opened (refused
+//   opens count); every record of a connection, messages included, carries
+//   its stream in epb_queue (6, u32) as well. Records without epb_queue
+//   (uevents, older captures) belong to no particular connection.
+//   "device power cycle" (inbound, control interface): the whole device
+//   rebooted here, the daemon with it.
 //
 // Inbound messages are recorded before they are sent, outbound ones when
-// they are received, so the file order never puts a message before its
-// cause. All methods are safe from any thread (one mutex around the writer).
+// they are received, and a node's connection is recorded closed before a
+// newer one of the same node is recorded open, so the file order never puts
+// a message before its cause. All methods are safe from any thread (one
+// mutex around the writer).
 #pragma once
 
 #include <cstdint>
@@ -47,6 +57,14 @@ constexpr int kCaptureInterfaces = 5;
 // epb_flags direction bits.
 enum class Direction : uint32_t { Inbound = 1, Outbound = 2 };
 
+// A life record's comment split into its event ("open", "closed by daemon",
+// ...) and its stream (0 when the comment names none).
+struct LifeEvent {
+  std::string event;
+  uint32_t stream = 0;
+};
+LifeEvent parse_life(const std::string& comment);
+
 // The node path (relative to the root) and link type of an interface.
 const char* capture_node(CaptureInterface interface);
 uint16_t capture_link_type(CaptureInterface interface);
@@ -57,9 +75,10 @@ class SessionCapture {
   // comment) and the five interfaces; throws when the file cannot be made.
   SessionCapture(const std::string& path, const std::string& setup);
 
-  void packet(CaptureInterface interface, Direction direction, const uint8_t* data, size_t length);
-  // A zero-length packet carrying `comment` (connection life).
-  void life(CaptureInterface interface, Direction direction, const std::string& comment);
+  // `stream` 0: the record belongs to no connection (uevents).
+  void packet(CaptureInterface interface, Direction direction, const uint8_t* data, size_t length, uint32_t stream = 0);
+  // A zero-length packet carrying `event` and the stream (connection life).
+  void life(CaptureInterface interface, Direction direction, const std::string& event, uint32_t stream = 0);
 
  private:
   std::mutex mutex_;

@@ -15,6 +15,8 @@
 #include <thread>
 #include <vector>
 
+#include "sim/capture/device_capture.h"
+#include "sim/capture/pcapng_reader.h"
 #include "sim/daemon_process.h"
 #include "sim/device_root.h"
 #include "sim/tools/control_socket.h"
@@ -49,10 +51,19 @@ const char kUsage[] =
     "      serve it until interrupted, printing what the device does. With\n"
     "      --marlod the daemon is started against it as well. Commands reach a\n"
     "      running serve through <root>/sim/control.sock (see below).\n"
-    "  replay CAPTURE [--marlod PATH] [--time-scale X]\n"
+    "  replay CAPTURE [--images DIR] [--prefix] [--marlod PATH] [--time-scale X]\n"
     "      Rebuild the device root of a captured session, run marlod against it,\n"
     "      play the device's side as recorded and check every message marlod\n"
-    "      sends byte for byte. Exit status 1 at the first difference.\n"
+    "      sends byte for byte. Exit status 1 at the first difference, 2 when\n"
+    "      the capture cannot be replayed (it names the first point).\n"
+    "      --images DIR: a capture made on a device; DIR holds the device's\n"
+    "      /vendor firmware directories (firmware_mnt/, bt_firmware/).\n"
+    "      --prefix: replay what comes before the first point that cannot be\n"
+    "      replayed (lost messages, a power cycle, a cut-short file).\n"
+    "  as-device CAPTURE OUT [--full]\n"
+    "      Write a host capture as the daemon records it on a device: no setup,\n"
+    "      and unless --full, the data of DFU fragments, misc-data packets and\n"
+    "      RMA blocks cut (the \"headers\" level).\n"
     "  status --root DIR                  state of a running serve\n"
     "  requests --root DIR                control-device requests received so far\n"
     "  restart --root DIR                 subsystem restart: MARLO_EVENT=1, then 4\n"
@@ -76,7 +87,9 @@ struct Args {
   std::vector<std::string> positional;
 };
 
-bool is_flag(const std::string& name) { return name == "--keep-root" || name == "--running" || name == "--help"; }
+bool is_flag(const std::string& name) {
+  return name == "--keep-root" || name == "--running" || name == "--help" || name == "--prefix" || name == "--full";
+}
 
 bool parse(int argc, char** argv, Args* args) {
   if (argc < 2) return false;
@@ -189,7 +202,19 @@ int run(const Args& a) {
     r.capture = a.positional[0];
     r.marlod = option(a, "--marlod", default_marlod_path());
     r.time_scale = std::stod(option(a, "--time-scale", "0.01"));
+    r.images = option(a, "--images");
+    r.prefix = a.options.count("--prefix") != 0;
     return run_replay(r, stdout);
+  }
+  if (c == "as-device" && a.positional.size() == 2) {
+    CaptureFile capture;
+    std::string error;
+    if (!read_capture(a.positional[0], &capture, &error) ||
+        !write_capture(as_device_capture(capture, a.options.count("--full") == 0), a.positional[1], &error)) {
+      std::fprintf(stderr, "marlo-sim: %s\n", error.c_str());
+      return 1;
+    }
+    return 0;
   }
   if (c == "status" || c == "requests" || c == "restart" || c == "power-cycle") return remote(a, c);
   if (c == "fault") {

@@ -3,6 +3,8 @@
 --   USER0 control-device requests and answers   USER1 DFU channel     USER2 misc-data channel
 --   USER3 RMA channel                           USER4 uevents
 -- Directions come from the packet flags: outbound = daemon -> device, inbound = device -> daemon.
+-- Every record of a device-node connection carries its stream (epb_queue, the connections of a node numbered
+-- from 1), shown as marlo.stream; control requests are paired with the answer on their own connection.
 --
 -- Use:  tshark -X lua_script:tools/wireshark/marlo.lua -r session.pcapng
 --       wireshark -X lua_script:tools/wireshark/marlo.lua session.pcapng
@@ -75,6 +77,8 @@ field("response_in", ProtoField.framenum("marlo.response_in", "Answered in", bas
 field("response_to", ProtoField.framenum("marlo.response_to", "Answer to", base.NONE, frametype.REQUEST))
 field("time", ProtoField.relative_time("marlo.time", "Time since request"))
 field("event", ProtoField.string("marlo.event", "Channel event"))
+field("stream", ProtoField.uint32("marlo.stream", "Connection stream", base.DEC))
+field("cut", ProtoField.uint32("marlo.cut", "Bytes cut from the capture", base.DEC))
 -- DFU channel.
 field("dfu", ProtoField.none("marlo.dfu", "DFU message"))
 field("dfu_cmd", ProtoField.uint32("marlo.dfu.cmd", "Command", u32, dfu_cmds))
@@ -172,6 +176,13 @@ local E = {
 marlo.experts = { E.crc, E.length, E.short, E.cmd, E.magic, E.dir, E.seq, E.status, E.unanswered, E.life }
 
 local frame_comment = Field.new("frame.comment")
+local frame_queue = Field.new("frame.interface_queue")
+
+-- The frame's connection stream, nil when the capture gives none.
+local function stream_of()
+  local q = frame_queue()
+  return q and q.value ~= 0 and q.value or nil
+end
 
 -- Per-file state, built on the first pass ------------------------------------------------------------------
 -- Results are kept per frame and read on later passes (pinfo.visited). They are not dropped in the protocol's
@@ -234,7 +245,7 @@ end
 
 local function name_of(names, v, what) return names[v] or string.format("%s %d", what, v) end
 
--- Zero-length messages carry the channel's life in their comment ("open", "closed by daemon", ...).
+-- Zero-length messages carry the channel's life in their comment ("open stream 2", "closed by daemon stream 2", ...).
 -- Requests still waiting on the channel are not answered across its closing or opening.
 local function channel_event(pinfo, tree, channel, label)
   if not pinfo.visited and pending[channel] then
@@ -243,7 +254,8 @@ local function channel_event(pinfo, tree, channel, label)
   end
   local comment = frame_comment()
   local text = comment and tostring(comment.value) or "empty message"
-  local item = tree:add(F.event, text):set_generated()
+  -- The field holds the event alone ("open", "closed by daemon"); the stream is marlo.stream.
+  local item = tree:add(F.event, (text:gsub(" stream %d+$", ""))):set_generated()
   item:add_proto_expert_info(E.life, label .. " " .. text)
   pinfo.cols.info = "[" .. text .. "]"
 end
@@ -271,21 +283,26 @@ local function dissect_dfu(tvb, pinfo, root)
   local cmd_item = tree:add_le(F.dfu_cmd, tvb(0, 4))
   local magic_item = tree:add_le(F.dfu_magic, tvb(4, 4))
   if tvb(4, 4):le_uint() ~= 0x0A0B0C0D then magic_item:add_proto_expert_info(E.magic) end
-  local total = tvb(8, 4):le_uint()
+  local total, full = tvb(8, 4):le_uint(), tvb:reported_len()
   local length_item = tree:add_le(F.dfu_length, tvb(8, 4))
-  if total ~= len then
-    length_item:add_proto_expert_info(E.length, string.format("Length word says %d, packet holds %d", total, len))
+  if total ~= full then
+    length_item:add_proto_expert_info(E.length, string.format("Length word says %d, packet holds %d", total, full))
   end
   local crc = tvb(12, 4):le_uint()
   local crc_item = tree:add_le(F.dfu_crc, tvb(12, 4))
   local calc = crc_of[pinfo.number]
-  if not calc then
+  if full > len then
+    calc = crc  -- a message cut in the capture: its CRC cannot be checked
+    crc_item:append_text(" [not checked: the message is cut]")
+  elseif not calc then
     calc = crc_update(crc_update(CRC_INIT, tvb:raw(0, 12)), "\0\0\0\0")
     calc = crc_final(crc_update(calc, len > 16 and tvb:raw(16, len - 16) or ""))
     crc_of[pinfo.number] = calc
   end
-  crc_item:add(F.dfu_crc_calc, calc):set_generated()
-  crc_item:add(F.dfu_crc_status, calc == crc and 1 or 0):set_generated()
+  if full == len then
+    crc_item:add(F.dfu_crc_calc, calc):set_generated()
+    crc_item:add(F.dfu_crc_status, calc == crc and 1 or 0):set_generated()
+  end
   if calc ~= crc then crc_item:add_proto_expert_info(E.crc, string.format("CRC 0x%08x, computed 0x%08x", crc, calc)) end
 
   local name = dfu_cmds[cmd]
@@ -351,7 +368,7 @@ local function dissect_dfu(tvb, pinfo, root)
   end
   if len > total and total >= 16 then tree:add(F.dfu_extra, tvb(total, len - total)) end
   if calc ~= crc then info = info .. " [BAD CRC]" end
-  if total ~= len then info = info .. " [BAD LENGTH]" end
+  if total ~= full then info = info .. " [BAD LENGTH]" end
 
   if name then
     take_answer(pinfo, "dfu", cmd)
@@ -396,15 +413,16 @@ local function dissect_misc(tvb, pinfo, root)
     if kind == 0 and max then info = info .. " max_payload=" .. max end
     take_answer(pinfo, "misc", "answer")
   else
-    if not pinfo.visited and kind == 0 then misc_state = { type = type_, seq = 1, crc = CRC_INIT } end
+    if not pinfo.visited and kind == 0 then misc_state = { type = type_, seq = 1, crc = CRC_INIT, cut = false } end
     local st = misc_state
     if kind == 0 then
       info = info .. string.format(" type=%d size=%d", type_, length)
       if len ~= 16 then length_item:add_proto_expert_info(E.length, "Start packet is 16 bytes") end
     elseif kind == 1 or kind == 2 then
       info = info .. string.format(" type=%d seq=%d len=%d", type_, seq, length)
-      if length ~= len - 16 then
-        length_item:add_proto_expert_info(E.length, string.format("Length word says %d, packet carries %d", length, len - 16))
+      if length ~= tvb:reported_len() - 16 then
+        length_item:add_proto_expert_info(E.length, string.format("Length word says %d, packet carries %d", length,
+                                                                   tvb:reported_len() - 16))
       end
       if len > 16 then tree:add(F.misc_data, tvb(16, len - 16)) end
       if not pinfo.visited then
@@ -412,6 +430,7 @@ local function dissect_misc(tvb, pinfo, root)
         if st then
           st.seq = seq + 1
           st.crc = crc_update(st.crc, len > 16 and tvb:raw(16, len - 16) or "")
+          st.cut = st.cut or tvb:reported_len() > len
         end
         misc_result[pinfo.number] = r
       end
@@ -424,7 +443,8 @@ local function dissect_misc(tvb, pinfo, root)
       local sum = add_le32(tree, F.misc_checksum, tvb, len, 16)
       if len ~= 20 or length ~= 4 then length_item:add_proto_expert_info(E.length, "CRC packet is 20 bytes, length 4") end
       if not pinfo.visited then
-        misc_result[pinfo.number] = { crc = st and crc_final(st.crc) }
+        -- Data cut from the capture leaves the checksum unchecked.
+        misc_result[pinfo.number] = { crc = st and not st.cut and crc_final(st.crc) or nil }
         misc_state = nil
       end
       local calc = misc_result[pinfo.number] and misc_result[pinfo.number].crc
@@ -460,15 +480,21 @@ local function dissect_rma(tvb, pinfo, root)
     return
   end
   local crc, total, cmd = tvb(0, 4):le_uint(), tvb(4, 4):le_uint(), tvb(8, 4):le_uint()
+  local full = tvb:reported_len()
   local crc_item = tree:add_le(F.rma_crc, tvb(0, 4))
-  local calc = crc_of[pinfo.number] or crc_final(crc_update(CRC_INIT, tvb:raw(4, len - 4)))
-  crc_of[pinfo.number] = calc
-  crc_item:add(F.rma_crc_calc, calc):set_generated()
-  crc_item:add(F.rma_crc_status, calc == crc and 1 or 0):set_generated()
+  local calc = crc
+  if full > len then
+    crc_item:append_text(" [not checked: the message is cut]")
+  else
+    calc = crc_of[pinfo.number] or crc_final(crc_update(CRC_INIT, tvb:raw(4, len - 4)))
+    crc_of[pinfo.number] = calc
+    crc_item:add(F.rma_crc_calc, calc):set_generated()
+    crc_item:add(F.rma_crc_status, calc == crc and 1 or 0):set_generated()
+  end
   if calc ~= crc then crc_item:add_proto_expert_info(E.crc, string.format("CRC 0x%08x, computed 0x%08x", crc, calc)) end
   local length_item = tree:add_le(F.rma_length, tvb(4, 4))
-  if total ~= len then
-    length_item:add_proto_expert_info(E.length, string.format("Length word says %d, packet holds %d", total, len))
+  if total ~= full then
+    length_item:add_proto_expert_info(E.length, string.format("Length word says %d, packet holds %d", total, full))
   end
   local cmd_item = tree:add_le(F.rma_cmd, tvb(8, 4))
   local name = rma_cmds[cmd]
@@ -526,7 +552,7 @@ local function dissect_rma(tvb, pinfo, root)
     end
   end
   if calc ~= crc then info = info .. " [BAD CRC]" end
-  if total ~= len then info = info .. " [BAD LENGTH]" end
+  if total ~= full then info = info .. " [BAD LENGTH]" end
   if name then
     take_answer(pinfo, "rma", cmd)
     if rma_answer_of[cmd] then expect_answer(pinfo, "rma", rma_answer_of[cmd]) end
@@ -558,6 +584,14 @@ local function dissect_block(tree, tvb, off)
   return v, cmd
 end
 
+-- The control requests waiting for an answer: per connection when the capture gives streams.
+local function ctl_queue(stream)
+  if not stream then return pending.ctl end
+  local key = "ctl stream " .. stream
+  pending[key] = pending[key] or {}
+  return pending[key]
+end
+
 local function dissect_ctl(tvb, pinfo, root)
   pinfo.cols.protocol = "MARLO CTL"
   local len = tvb:len()
@@ -586,7 +620,8 @@ local function dissect_ctl(tvb, pinfo, root)
     if request == 0xc0205609 and cmd == 5 then info = info .. " " .. name_of(boot_modes, value, "mode")
     elseif request == 0xc0205609 and cmd == 8 then info = info .. " " .. value end
     if not pinfo.visited then
-      table.insert(pending.ctl, { frame = pinfo.number, time = pinfo.rel_ts, name = name })
+      local queue = ctl_queue(stream_of())
+      table.insert(queue, { frame = pinfo.number, time = pinfo.rel_ts, name = name })
     end
     show_pairing(pinfo, tree)
     pinfo.cols.info = info
@@ -600,7 +635,7 @@ local function dissect_ctl(tvb, pinfo, root)
   end
   if not pinfo.visited then
     -- Each ioctl is a request and its answer on one connection; answers come in the order of the requests.
-    local p = table.remove(pending.ctl, 1)
+    local p = table.remove(ctl_queue(stream_of()), 1)
     if p then
       pairs_of[p.frame] = { response_in = pinfo.number }
       pairs_of[pinfo.number] = { response_to = p.frame, delta = pinfo.rel_ts - p.time, name = p.name }
@@ -672,7 +707,14 @@ function marlo.dissector(tvb, pinfo, tree)
   local ends = ends_of[encap.value]
   if pinfo.p2p_dir == OUTBOUND then pinfo.cols.src, pinfo.cols.dst = "marlod", ends
   elseif pinfo.p2p_dir == INBOUND then pinfo.cols.src, pinfo.cols.dst = ends, "marlod" end
-  fn(tvb, pinfo, tree:add(marlo, tvb()))
+  local subtree = tree:add(marlo, tvb())
+  local stream = stream_of()
+  if stream then subtree:add(F.stream, stream):set_generated() end
+  -- A "headers" capture cuts private data from some messages: what is missing is shown, never read.
+  local cut = tvb:reported_len() - tvb:len()
+  if cut > 0 then subtree:add(F.cut, cut):set_generated() end
+  fn(tvb, pinfo, subtree)
+  if cut > 0 then pinfo.cols.info:append(string.format(" [cut: %d of %d bytes recorded]", tvb:len(), tvb:reported_len())) end
   return tvb:len()
 end
 
