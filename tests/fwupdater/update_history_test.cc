@@ -1,0 +1,116 @@
+// The update history on its files alone: one line per attempt with its
+// counts, JSON strings escaped, the last records kept, and a damaged file
+// left from before handled without a crash.
+#include "fwupdater/update_history.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "support/log_capture.h"
+#include "support/test_root.h"
+
+namespace marlo::test {
+namespace {
+
+using history::attempt_kind;
+
+history::attempt_facts facts(const std::string& decision) {
+  history::attempt_facts f;
+  f.decision = decision;
+  f.why = "why";
+  f.boot_mode = 1;
+  f.reported = history::version_texts{"A\"1", "", "bt"};
+  f.shipped = {"B2", "D2", "bt"};
+  return f;
+}
+
+class UpdateHistoryTest : public ::testing::Test {
+ protected:
+  UpdateHistoryTest() { root.mkdir("/data/vendor/marlod/"); }
+  std::vector<std::string> records() const {
+    std::vector<std::string> lines;
+    std::istringstream in(root.read(history::kHistoryFile));
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+  }
+
+  TestRoot root;
+  LogCapture log;
+};
+
+TEST(UpdateHistoryJson, StringsAreEscapedToPrintableAscii) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"v 1.2-x", R"("v 1.2-x")"},
+      {"a\"b\\c/", R"("a\"b\\c/")"},
+      {"l1\nl2\r\t", R"("l1\nl2\r\t")"},
+      {std::string("a\0b\x1f\x7f\xff", 6), R"("a\u0000b\u001f\u007f\u00ff")"},
+  };
+  for (const auto& [text, json] : cases) EXPECT_EQ(history::json_string(text), json);
+}
+
+TEST_F(UpdateHistoryTest, AnAttemptIsOneLineFromItsStartToItsOutcome) {
+  history::update_history h;
+  h.begin(attempt_kind::dfu, facts("download"));
+  ASSERT_EQ(records().size(), 1u);
+  EXPECT_NE(records()[0].find(R"("boot_mode":"FLASH","decision":"download","why":"why","reported":{"apps":"A\"1",)"),
+            std::string::npos)
+      << records()[0];
+  EXPECT_NE(records()[0].find(R"("outcome":"running")"), std::string::npos);
+
+  h.served_image(attempt_kind::dfu, 3);
+  h.served_image(attempt_kind::dfu, 3);
+  h.served_image(attempt_kind::dfu, 4);
+  h.served_fragment(attempt_kind::dfu, 100);
+  h.served_fragment(attempt_kind::dfu, 50);
+  h.resumed(attempt_kind::dfu);
+  h.hung_up(attempt_kind::dfu);
+  h.restarted();
+  h.served_fragment(attempt_kind::misc_data, 7);  // no push open
+  h.finish(attempt_kind::dfu, "done");
+  h.finish(attempt_kind::dfu, "failed: late");  // nothing open any more
+
+  const std::vector<std::string> lines = records();
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_NE(lines[0].find(R"("outcome":"done","images":2,"bytes":150,"fragments":2,"resumptions":1,"restarts":1,)"
+                          R"("hang_ups":1,"capture":null})"),
+            std::string::npos)
+      << lines[0];
+  EXPECT_EQ(log.count("update record: dfu download (why): done after"), 1);
+  EXPECT_FALSE(root.exists(history::kHistoryTemporary));
+}
+
+TEST_F(UpdateHistoryTest, KeepsTheLastRecordsAndDropsWhatItCannotTrust) {
+  // Left by earlier runs: 70 records, a line cut short, garbage, and an
+  // attempt that a daemon stop cut short.
+  std::string old;
+  for (int i = 0; i < 70; ++i) old += "{\"n\":" + std::to_string(i) + "}\n";
+  old += "{\"cut\n\x01garbage}\n{\"kind\":\"dfu\",\"outcome\":\"running\"}\n";
+  root.write(history::kHistoryFile, old);
+  history::update_history h;
+  h.record(attempt_kind::misc_data, facts("skip"), "done");
+  std::vector<std::string> lines = records();
+  ASSERT_EQ(lines.size(), history::kMaxRecords);
+  EXPECT_EQ(lines[0], "{\"n\":8}");
+  EXPECT_EQ(lines[62], R"({"kind":"dfu","outcome":"abandoned: daemon stopped"})");
+  EXPECT_NE(lines[63].find(R"("kind":"misc-data","boot_mode":"FLASH","decision":"skip")"), std::string::npos);
+  EXPECT_EQ(log.count("2 corrupt lines and 7 lines beyond the last 64 dropped"), 1);
+
+  // A file above the cap is not read; a directory that is gone is logged.
+  root.write(history::kHistoryFile, std::string(history::kMaxFileBytes + 1, '{'));
+  history::update_history after_cap;
+  after_cap.record(attempt_kind::dfu, facts("up-to-date"), "done");
+  EXPECT_EQ(records().size(), 1u);
+  EXPECT_EQ(log.count("its records are dropped"), 1);
+  std::filesystem::remove_all(root.at("/data/vendor/marlod/"));
+  history::update_history gone;
+  gone.record(attempt_kind::dfu, facts("up-to-date"), "done");
+  EXPECT_EQ(log.count("update history: creating /data/vendor/marlod/updates.jsonl.tmp failed"), 1);
+}
+
+}  // namespace
+}  // namespace marlo::test
