@@ -38,8 +38,7 @@ const char* mode_name(int mode) {
 std::string utc_now() {
   const auto now = std::chrono::system_clock::now();
   const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
-  const long long ms =
-      std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
+  const long long ms = std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
   std::tm utc{};
   gmtime_r(&seconds, &utc);
   char date[24] = {};
@@ -172,8 +171,8 @@ std::string update_history::summary(const attempt& a, const std::string& outcome
                 kind_name(a.kind), a.facts.decision.c_str(), a.facts.why.c_str(), outcome.c_str(),
                 static_cast<long long>((now_ns - a.start_ns) / 1000000), mode != nullptr ? mode : "unknown",
                 a.image_ids.size(), static_cast<unsigned long long>(a.bytes), a.fragments, a.resumptions, a.restarts,
-                a.hang_ups, a.facts.reported ? a.facts.reported->apps.c_str() : "unknown",
-                a.facts.shipped.apps.c_str(), a.capture.empty() ? "none" : a.capture.c_str());
+                a.hang_ups, a.facts.reported ? a.facts.reported->apps.c_str() : "unknown", a.facts.shipped.apps.c_str(),
+                a.capture.empty() ? "none" : a.capture.c_str());
   return text;
 }
 
@@ -270,11 +269,6 @@ void update_history::checkpoint() {
   rewrite();
 }
 
-bool update_history::is_open(attempt_kind kind) const {
-  platform::lock_guard lock(state_lock_);
-  return open_[static_cast<int>(kind)].has_value();
-}
-
 void update_history::rewrite() {
   platform::lock_guard file(file_lock_);
   if (!loaded_) {
@@ -307,9 +301,8 @@ std::deque<std::string> update_history::load() {
     case platform::read_status::read: break;
     case platform::read_status::not_opened: return {};
     case platform::read_status::too_large:
-      MARLO_LOGE("update history: %s of %llu bytes is above the %llu bytes kept, its records are dropped",
-                 kHistoryFile, static_cast<unsigned long long>(info.size),
-                 static_cast<unsigned long long>(kMaxFileBytes));
+      MARLO_LOGE("update history: %s of %llu bytes is above the %llu bytes kept, its records are dropped", kHistoryFile,
+                 static_cast<unsigned long long>(info.size), static_cast<unsigned long long>(kMaxFileBytes));
       return {};
   }
   std::deque<std::string> lines;
@@ -333,8 +326,8 @@ std::deque<std::string> update_history::load() {
   const size_t beyond = lines.size() > kMaxRecords ? lines.size() - kMaxRecords : 0;
   lines.erase(lines.begin(), lines.begin() + static_cast<std::ptrdiff_t>(beyond));
   if (corrupt != 0 || beyond != 0) {
-    MARLO_LOGE("update history: %s: %zu corrupt lines and %zu lines beyond the last %zu dropped", kHistoryFile,
-               corrupt, beyond, kMaxRecords);
+    MARLO_LOGE("update history: %s: %zu corrupt lines and %zu lines beyond the last %zu dropped", kHistoryFile, corrupt,
+               beyond, kMaxRecords);
   }
   return lines;
 }

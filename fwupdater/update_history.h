@@ -62,9 +62,9 @@ struct version_texts {
 
 // What is known as an attempt begins.
 struct attempt_facts {
-  std::string decision;  // "download", "resume", "fallback", "up-to-date", "push", ...
-  std::string why;       // one phrase for a person
-  int boot_mode = -1;    // HOST 0, FLASH 1, -1 unknown
+  std::string decision;                   // "download", "resume", "fallback", "up-to-date", "push", ...
+  std::string why;                        // one phrase for a person
+  int boot_mode = -1;                     // HOST 0, FLASH 1, -1 unknown
   std::optional<version_texts> reported;  // by the co-processor; none when not queried
   version_texts shipped;                  // the version files on the device
 };
@@ -89,8 +89,7 @@ class update_history {
   void begin(attempt_kind kind, attempt_facts facts) EXCLUDES(state_lock_, file_lock_);
   // A decision that starts no transfer: begun and ended with `outcome` in
   // one rewrite.
-  void record(attempt_kind kind, attempt_facts facts, const std::string& outcome)
-      EXCLUDES(state_lock_, file_lock_);
+  void record(attempt_kind kind, attempt_facts facts, const std::string& outcome) EXCLUDES(state_lock_, file_lock_);
   // Ends the open attempt of `kind` with `outcome` ("done", "failed: ...",
   // "abandoned: ..."), logs its summary and rewrites the file. Nothing
   // happens when none is open.
@@ -103,7 +102,6 @@ class update_history {
   void hung_up(attempt_kind kind) EXCLUDES(state_lock_);
   // The co-processor went down or was reset: counted in every open attempt.
   void restarted() EXCLUDES(state_lock_);
-  bool is_open(attempt_kind kind) const EXCLUDES(state_lock_);
   // Rewrites the file when an open attempt's counts changed and the last
   // rewrite is kCheckpointSeconds old. The main thread's poll calls it.
   void checkpoint() EXCLUDES(state_lock_, file_lock_);
@@ -139,7 +137,7 @@ class update_history {
   bool loaded_ GUARDED_BY(file_lock_) = false;
   std::deque<std::string> lines_ GUARDED_BY(file_lock_);  // ended attempts, oldest first
 
-  mutable platform::mutex state_lock_;
+  platform::mutex state_lock_;
   std::optional<attempt> open_[2] GUARDED_BY(state_lock_);
   // Ended since the last rewrite, which moves them to lines_.
   std::vector<std::string> ended_ GUARDED_BY(state_lock_);

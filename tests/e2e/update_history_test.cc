@@ -109,73 +109,75 @@ const std::string kNew = quoted(sim::shipped_versions().apps);
 
 INSTANTIATE_TEST_SUITE_P(
     Scenarios, UpdateHistory,
-    ::testing::Values(
-        Story{"ResumedDownload",
-              [](UpdateHistory& t) {
-                t.update_from_flash();
-                t.device_->drop_dfu_after(7);
-                t.start_daemon();
-              },
-              {{{"kind", "\"dfu\""},
-                {"decision", "\"download\""},
-                {"boot_mode", "\"FLASH\""},
-                {"outcome", "\"done\""},
-                {"apps", kOld},
-                {"fragments", "> 7"},
-                {"resumptions", "1"},
-                {"hang_ups", "1"},
-                {"restarts", "0"},
-                {"capture", "null"}}}},
-        Story{"RestartDuringDownload",
-              [](UpdateHistory& t) {
-                t.update_from_flash([](sim::DeviceOptions& o) { o.restart_offline_ms = 20; });
-                t.device_->at_packet(10, [&t] { return t.device_->restart_on_packet(); });
-                t.start_daemon();
-              },
-              {{{"decision", "\"download\""},
-                {"outcome", "\"done\""},
-                {"restarts", "1"},
-                {"hang_ups", "> 0"},
-                {"resumptions", "> 0"}}}},
-        Story{"FailedDownload",
-              [](UpdateHistory& t) {
-                t.update_from_flash();
-                std::filesystem::resize_file(t.root_ + "/vendor/firmware_mnt/image/flash.bin", 0);
-                t.start_daemon();
-              },
-              {{{"decision", "\"download\""},
-                {"outcome", "\"failed: flash image empty or missing\""},
-                {"fragments", "0"}}}},
-        Story{"DaemonStoppedMidDownloadThenResumed",
-              [](UpdateHistory& t) {
-                t.update_from_flash([](sim::DeviceOptions& o) { o.dfu.write_delay_ms = 10; });
-                t.start_daemon();
-                // Stopped once a checkpoint has written the download's progress.
-                ASSERT_TRUE(t.wait_for([&] {
-                  const std::vector<std::string> lines = t.records();
-                  return !lines.empty() && field(lines[0], "fragments") != "0";
-                }));
-                t.stop_daemon();
-                t.device_->power_cycle();
-                t.start_daemon();
-              },
-              {{{"decision", "\"download\""}, {"outcome", "\"abandoned: daemon stopped\""}, {"apps", kOld}, {"fragments", "> 0"}},
-               {{"decision", "\"resume\""},
-                {"outcome", "\"done\""},
-                {"reported", "null"},
-                {"shipped", "{\"apps\":" + kNew}}}},
-        Story{"FlashlessPush",
-              [](UpdateHistory& t) {
-                t.start_device(noflash_options());
-                t.start_daemon();
-              },
-              {{{"kind", "\"misc-data\""},
-                {"decision", "\"push\""},
-                {"boot_mode", "\"HOST\""},
-                {"outcome", "\"done\""},
-                {"images", "2"},
-                {"bytes", "11234"},
-                {"resumptions", "0"}}}}),
+    ::testing::Values(Story{"ResumedDownload",
+                            [](UpdateHistory& t) {
+                              t.update_from_flash();
+                              t.device_->drop_dfu_after(7);
+                              t.start_daemon();
+                            },
+                            {{{"kind", "\"dfu\""},
+                              {"decision", "\"download\""},
+                              {"boot_mode", "\"FLASH\""},
+                              {"outcome", "\"done\""},
+                              {"apps", kOld},
+                              {"fragments", "> 7"},
+                              {"resumptions", "1"},
+                              {"hang_ups", "1"},
+                              {"restarts", "0"},
+                              {"capture", "null"}}}},
+                      Story{"RestartDuringDownload",
+                            [](UpdateHistory& t) {
+                              t.update_from_flash([](sim::DeviceOptions& o) { o.restart_offline_ms = 20; });
+                              t.device_->at_packet(10, [&t] { return t.device_->restart_on_packet(); });
+                              t.start_daemon();
+                            },
+                            {{{"decision", "\"download\""},
+                              {"outcome", "\"done\""},
+                              {"restarts", "1"},
+                              {"hang_ups", "> 0"},
+                              {"resumptions", "> 0"}}}},
+                      Story{"FailedDownload",
+                            [](UpdateHistory& t) {
+                              t.update_from_flash();
+                              std::filesystem::resize_file(t.root_ + "/vendor/firmware_mnt/image/flash.bin", 0);
+                              t.start_daemon();
+                            },
+                            {{{"decision", "\"download\""},
+                              {"outcome", "\"failed: flash image empty or missing\""},
+                              {"fragments", "0"}}}},
+                      Story{"DaemonStoppedMidDownloadThenResumed",
+                            [](UpdateHistory& t) {
+                              t.update_from_flash([](sim::DeviceOptions& o) { o.dfu.write_delay_ms = 10; });
+                              t.start_daemon();
+                              // Stopped once a checkpoint has written the download's progress.
+                              ASSERT_TRUE(t.wait_for([&] {
+                                const std::vector<std::string> lines = t.records();
+                                return !lines.empty() && field(lines[0], "fragments") != "0";
+                              }));
+                              t.stop_daemon();
+                              t.device_->power_cycle();
+                              t.start_daemon();
+                            },
+                            {{{"decision", "\"download\""},
+                              {"outcome", "\"abandoned: daemon stopped\""},
+                              {"apps", kOld},
+                              {"fragments", "> 0"}},
+                             {{"decision", "\"resume\""},
+                              {"outcome", "\"done\""},
+                              {"reported", "null"},
+                              {"shipped", "{\"apps\":" + kNew}}}},
+                      Story{"FlashlessPush",
+                            [](UpdateHistory& t) {
+                              t.start_device(noflash_options());
+                              t.start_daemon();
+                            },
+                            {{{"kind", "\"misc-data\""},
+                              {"decision", "\"push\""},
+                              {"boot_mode", "\"HOST\""},
+                              {"outcome", "\"done\""},
+                              {"images", "2"},
+                              {"bytes", "11234"},
+                              {"resumptions", "0"}}}}),
     [](const ::testing::TestParamInfo<Story>& info) { return info.param.name; });
 
 // Every disk state a power loss can leave during the rewrites of a download's
@@ -220,8 +222,8 @@ TEST_F(E2e, PowerLossDuringARewriteLeavesTheOldOrTheNewFile) {
       EXPECT_LE(state.cut, first_durable) << "the record vanished after it was durable (" << state.how << ")";
     } else {
       EXPECT_NE(std::find(versions.begin(), versions.end(), file->second), versions.end())
-          << "cut after " << state.cut << " of " << ops.size() << " (" << state.how << "): "
-          << std::string(file->second.begin(), file->second.end());
+          << "cut after " << state.cut << " of " << ops.size() << " (" << state.how
+          << "): " << std::string(file->second.begin(), file->second.end());
     }
   }
   std::printf("[ sweep    ] %zu file operations, %zu crash states of the update history\n", ops.size(), states.size());
