@@ -26,19 +26,12 @@ history::attempt_facts facts(const std::string& decision) {
   return f;
 }
 
-class UpdateHistoryTest : public ::testing::Test {
- protected:
-  UpdateHistoryTest() { root.mkdir("/data/vendor/marlod/"); }
-  std::vector<std::string> records() const {
-    std::vector<std::string> lines;
-    std::istringstream in(root.read(history::kHistoryFile));
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    return lines;
-  }
-
-  TestRoot root;
-  LogCapture log;
-};
+std::vector<std::string> records(const TestRoot& root) {
+  std::vector<std::string> lines;
+  std::istringstream in(root.read(history::kHistoryFile));
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
+}
 
 TEST(UpdateHistoryJson, StringsAreEscapedToPrintableAscii) {
   const std::pair<std::string, std::string> cases[] = {
@@ -50,7 +43,10 @@ TEST(UpdateHistoryJson, StringsAreEscapedToPrintableAscii) {
   for (const auto& [text, json] : cases) EXPECT_EQ(history::json_string(text), json);
 }
 
-TEST_F(UpdateHistoryTest, KeepsTheLastRecordsAndDropsWhatItCannotTrust) {
+TEST(UpdateHistory, KeepsTheLastRecordsAndDropsWhatItCannotTrust) {
+  TestRoot root;
+  LogCapture log;
+  root.mkdir("/data/vendor/marlod/");
   // Left by earlier runs: 70 records, a line cut short, garbage, and an
   // attempt that a daemon stop cut short.
   std::string old;
@@ -59,7 +55,7 @@ TEST_F(UpdateHistoryTest, KeepsTheLastRecordsAndDropsWhatItCannotTrust) {
   root.write(history::kHistoryFile, old);
   history::update_history h;
   h.record(attempt_kind::misc_data, facts("skip"), "done");
-  std::vector<std::string> lines = records();
+  std::vector<std::string> lines = records(root);
   ASSERT_EQ(lines.size(), history::kMaxRecords);
   EXPECT_EQ(lines[0], "{\"n\":8}");
   EXPECT_EQ(lines[62], R"({"kind":"dfu","outcome":"abandoned: daemon stopped"})");
@@ -70,7 +66,7 @@ TEST_F(UpdateHistoryTest, KeepsTheLastRecordsAndDropsWhatItCannotTrust) {
   root.write(history::kHistoryFile, std::string(history::kMaxFileBytes + 1, '{'));
   history::update_history after_cap;
   after_cap.record(attempt_kind::dfu, facts("up-to-date"), "done");
-  EXPECT_EQ(records().size(), 1u);
+  EXPECT_EQ(records(root).size(), 1u);
   EXPECT_EQ(log.count("its records are dropped"), 1);
   std::filesystem::remove_all(root.at("/data/vendor/marlod/"));
   history::update_history gone;
