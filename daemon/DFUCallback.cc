@@ -27,6 +27,7 @@ void DFUCallback::handleDFUResponse(std::string message, Status status) {
       __android_log_print(ANDROID_LOG_DEBUG, nullptr, "%s: Changing boot mode to FLASH", "handleDFUResponse");
       daemon_->notifyBootProgress(3);
       daemon_->changeBootmode(FLASH);
+      daemon_->finishDownloadRecord();
       break;
     case STATUS_CHANNEL_ERROR:
       log_report("handleDFUResponse", message);

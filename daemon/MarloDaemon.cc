@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string>
 
 #include <android/log.h>
 #include <cutils/properties.h>
@@ -22,6 +23,8 @@
 #include "platform/os.h"
 #include "platform/unique_fd.h"
 #include "rma/marlo_rma.h"
+
+using marlo::history::attempt_kind;
 
 std::atomic<MarloDaemon*> g_marlo_daemon{nullptr};
 std::atomic<int32_t> g_daemon_state{5};
@@ -96,6 +99,7 @@ void MarloDaemon::startMarloDaemon() {
   for (;;) {
     serviceResetProperty();
     marlo_deamon_log::flush_repeat_summaries();
+    fw_updater->history().checkpoint();
     platform::sleep(1);
   }
 }
@@ -110,6 +114,7 @@ void MarloDaemon::serviceResetProperty() {
   // none of its packets races the reset. The power-up that follows the
   // reset brings a complete push and the RMA client, as after any restart.
   stopNoFlashPsramWork();
+  fw_updater->history().restarted();
   MarloComHandler::getInstance()->marloReset();
   property_set("vendor.marlo_reset", "0");
 }
@@ -234,11 +239,13 @@ int MarloDaemon::startMarloPIL() {
   } else if (mode == FLASH) {
     __android_log_print(ANDROID_LOG_INFO, nullptr, " Marlo is in FLASH Mode!\n");
     notifyBootProgress(1);
+    booted_mode = FLASH;
     char value[PROPERTY_VALUE_MAX] = {};
     property_get("persist.vendor.zt_aon.dfu_update", value, "0");
     if (std::atoi(value) != 1) {
       notifyBootProgress(2);
       __android_log_print(ANDROID_LOG_INFO, nullptr, "zt_aon.dfu_update is 0, do fW_update");
+      recordUnfinishedUpdateDecision();
       changeBootmode(HOST);
       startFirmwareUpdate();
       return 0;
@@ -256,6 +263,21 @@ int MarloDaemon::startMarloPIL() {
   }
   handleBootComplete(com_handler->get_marlo_boot_mode());
   return 0;
+}
+
+// A FLASH boot without "persist.vendor.zt_aon.dfu_update" = 1: with the
+// property "0", a download started and did not finish (the co-processor's
+// DFU state says where it stands); unset, none was ever recorded.
+void MarloDaemon::recordUnfinishedUpdateDecision() {
+  char value[PROPERTY_VALUE_MAX] = {};
+  if (property_get("persist.vendor.zt_aon.dfu_update", value, "") == 0) {
+    fw_updater->history().begin(
+        attempt_kind::dfu, attemptFacts("download", "persist.vendor.zt_aon.dfu_update unset: no download recorded"));
+    return;
+  }
+  const std::string why =
+      std::string("persist.vendor.zt_aon.dfu_update is ") + value + ": the last download did not finish";
+  fw_updater->history().begin(attempt_kind::dfu, attemptFacts("resume", why.c_str()));
 }
 
 void MarloDaemon::notifyBootProgress(int code) {

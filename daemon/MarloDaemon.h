@@ -9,6 +9,7 @@
 
 #include "comhandler/MarloComHandler.h"
 #include "comhandler/wear_firmware_info.h"
+#include "fwupdater/update_history.h"
 #include "platform/thread_annotations.h"
 
 class DFUCallback;
@@ -61,6 +62,9 @@ class MarloDaemon {
   // power event came after the push started.
   void onMiscDataPushStarted();
   void onMiscDataPushSucceeded();
+  // The switch to FLASH mode after a download has been tried (DFU reader):
+  // ends the download's record, done when the co-processor booted in FLASH.
+  void finishDownloadRecord();
 
   // Called with each boot-progress code; the daemon installs none itself.
   void setBootProgressObserver(BootProgressObserver* observer) { boot_progress_observer = observer; }
@@ -85,6 +89,12 @@ class MarloDaemon {
   // The co-processor goes down (power-down event or reset): the worker's
   // push in progress stops and "vendor.zt_aon.misc_update" is withdrawn.
   void stopNoFlashPsramWork();
+  // The facts of an update attempt decided now: the boot mode last known,
+  // the versions the co-processor reported and the versions shipped.
+  marlo::history::attempt_facts attemptFacts(const char* decision, const char* why);
+  // Begins the record of the download that a FLASH boot starts because no
+  // download is recorded as finished.
+  void recordUnfinishedUpdateDecision();
 
   // Shared between the main thread, the restart listener, the flash-less
   // worker and the updater's reader thread without a lock: every such field
@@ -93,6 +103,10 @@ class MarloDaemon {
   // by the constructor and cleared only by the destructor; what they point
   // to says how it is shared.
   std::atomic<bool> noflash_psram{false};
+  // The boot mode the co-processor last completed a boot in, -1 when
+  // unknown (a switch failed). Written by the boot path and by the switch
+  // to FLASH after a download; read for the update records.
+  std::atomic<int> booted_mode{-1};
   char pil_state_path[50] = {};
   std::unique_ptr<MarloComHandler> com_handler;
   std::unique_ptr<marlo_fw_updater> fw_updater;

@@ -12,15 +12,36 @@
 #include "platform/os.h"
 #include "rma/marlo_rma.h"
 
+using marlo::history::attempt_kind;
+
 namespace {
 
 constexpr int kBootModeAttempts = 3;
 
 }  // namespace
 
+marlo::history::attempt_facts MarloDaemon::attemptFacts(const char* decision, const char* why) {
+  marlo::history::attempt_facts facts;
+  facts.decision = decision;
+  facts.why = why;
+  facts.boot_mode = booted_mode;
+  if (std::optional<wear_firmware_info_t> version = firmwareVersion()) {
+    facts.reported = marlo::history::reported_versions(*version);
+  }
+  const marlo_meta_info shipped = fw_updater->readMarloMetaBuildInfo();
+  facts.shipped = {shipped.apps_cochip, shipped.dsp_cochip, shipped.btfw_cochip};
+  return facts;
+}
+
+void MarloDaemon::finishDownloadRecord() {
+  fw_updater->history().finish(attempt_kind::dfu,
+                               booted_mode == FLASH ? "done" : "failed: no FLASH boot after the download");
+}
+
 void MarloDaemon::handleBootComplete(int mode) {
   property_set("vendor.marlo.boot_complete", "1");
   setFirmwareVersion(com_handler->get_current_aon_fw_version());
+  booted_mode = (mode == HOST || mode == FLASH) ? mode : -1;
   if (mode == HOST) {
     __android_log_print(ANDROID_LOG_ERROR, nullptr, "Marlo boot complete in HOST Mode!");
     notifyBootProgress(0);
@@ -49,17 +70,20 @@ void MarloDaemon::handleFlashMode() {
   if (!version) {
     __android_log_print(ANDROID_LOG_ERROR, nullptr,
                         "failed to get fw version! after re-tries, marlo is running with old firmware");
+    fw_updater->history().record(attempt_kind::dfu, attemptFacts("keep", "no version reported"), "done");
     com_handler->set_marlo_boot_status(1);
     return;
   }
   __android_log_print(ANDROID_LOG_INFO, nullptr, "do fw_version_check");
   if (fw_updater->fw_version_check(&*version) < 0) {
     __android_log_print(ANDROID_LOG_DEBUG, nullptr, "Version mis-match, switch2HOST, do fW_update");
+    fw_updater->history().begin(attempt_kind::dfu, attemptFacts("download", "versions differ"));
     notifyBootProgress(2);
     changeBootmode(HOST);
     startFirmwareUpdate();
     return;
   }
+  fw_updater->history().record(attempt_kind::dfu, attemptFacts("up-to-date", "versions match"), "done");
   com_handler->set_marlo_boot_status(1);
   notifyBootProgress(4);
 }
@@ -80,6 +104,7 @@ void MarloDaemon::changeBootmode(int mode) {
     booted = (loaded == 0 && running->getMarloPILStatus() == 1);
     if (!booted) platform::sleep(1);
   }
+  booted_mode = booted ? mode : -1;
   if (!booted) {
     com_handler->marlocomSpiFree();
     return;
@@ -108,6 +133,8 @@ int MarloDaemon::defaultHandler() {
   platform::sleep(1);
   if (loaded == 0 && getMarloPILStatus() == 1) {
     __android_log_print(ANDROID_LOG_ERROR, nullptr, "Fallback: Marlo boot complete in Host Mode, try DFU");
+    booted_mode = HOST;
+    fw_updater->history().begin(attempt_kind::dfu, attemptFacts("fallback", "FLASH boot failed, HOST boot worked"));
     notifyBootProgress(0);
     property_set("vendor.marlo.boot_complete", "1");
     com_handler->marlocomSpiFree();
@@ -129,6 +156,7 @@ int MarloDaemon::startFirmwareUpdate() {
 
 int MarloDaemon::startMiscDataFirmwareUpdate() {
   if (!fw_updater) return 0;
+  fw_updater->history().begin(attempt_kind::misc_data, attemptFacts("push", "not pushed since the last power-up"));
   fw_updater->startMarloSHMUpdater(dfu_callback.get());
   fw_updater->marloMiscDataUpdateReq();
   platform::sleep(2);
@@ -150,7 +178,13 @@ void MarloDaemon::handleNoFlashPsram() {
 
 void MarloDaemon::pushNoFlashPsramMiscData() {
   __android_log_print(ANDROID_LOG_INFO, nullptr, "found NOFLASH_PSRAM AON, do misc_data_fW_update");
-  if (!noflash_worker->miscDataPushed()) startMiscDataFirmwareUpdate();
+  if (!noflash_worker->miscDataPushed()) {
+    startMiscDataFirmwareUpdate();
+    return;
+  }
+  fw_updater->history().record(attempt_kind::misc_data,
+                               attemptFacts("skip", "vendor.zt_aon.misc_update says pushed since the power-up"),
+                               "done");
 }
 
 void MarloDaemon::onMiscDataPushStarted() { noflash_worker->pushStarting(); }
@@ -178,6 +212,7 @@ void MarloDaemon::on_aon_up() {
 
 void MarloDaemon::on_aon_down() {
   marlo_deamon_log::print(ANDROID_LOG_INFO, nullptr, "%s: called\n", "on_aon_down");
+  fw_updater->history().restarted();
   stopNoFlashPsramWork();
 }
 

@@ -143,6 +143,8 @@ void marlo_fw_updater::handleDFUSplCmdResposnse(dfu_spcl_cmd_response* response)
 
   if (response->response_code != 0) {
     reportDFU("Get Marlo DFU State Failed.", Callback::STATUS_ERROR);
+    update_records.finish(marlo::history::attempt_kind::dfu,
+                          "failed: DFU state query refused, code " + std::to_string(response->response_code));
     return;
   }
   const uint32_t state = response->dfu_state;

@@ -45,6 +45,7 @@ using dfu::DFU_SPCL_RESP_CODE;
 using dfu::DFU_SPCL_RESP_RECORD;
 using dfu::get_le32;
 using dfu::put_le32;
+using marlo::history::attempt_kind;
 
 namespace {
 
@@ -147,6 +148,7 @@ void marlo_fw_updater::marloFirmwareUpdateReq() {
   MARLO_LOGD("### Starting Marlo Firmware Update. ###");
   if (!checkForFlashbin()) {
     reportDFU("AON Flash bin file is empty or not present", Callback::STATUS_ERROR);
+    update_records.finish(attempt_kind::dfu, "failed: flash image empty or missing");
     return;
   }
   uint8_t payload[kUpdateReqPayloadLen];
@@ -221,7 +223,10 @@ void marlo_fw_updater::conn_res_event_cb(const uint8_t* data, uint32_t length) {
       break;
     }
     case dfu::CANCEL_UPDT_REQ:
-    case dfu::CANCEL_UPDT_RESP: reportDFU(std::string("Received ") + name, Callback::STATUS_ENDED); break;
+    case dfu::CANCEL_UPDT_RESP:
+      reportDFU(std::string("Received ") + name, Callback::STATUS_ENDED);
+      update_records.finish(attempt_kind::dfu, std::string("failed: ") + name + " from the co-processor");
+      break;
     default:  // the remaining valid ids are only reported
       reportDFU(std::string("Received ") + name, Callback::STATUS_INFO);
       break;
@@ -237,7 +242,9 @@ void marlo_fw_updater::sendmarloImageInfoRes(uint32_t image_id) {
   put_le32(payload, image_id);
   put_le32(payload + 4, size);
   put_le32(payload + 8, 0);
-  send_aon_request(dfu::IMG_INFO_RESP, payload, sizeof(payload));
+  if (send_aon_request(dfu::IMG_INFO_RESP, payload, sizeof(payload)) >= 1 && image != nullptr) {
+    update_records.served_image(attempt_kind::dfu, image_id);
+  }
   reportDFU("Updating Image ID: " + std::to_string(image_id) + " size:" + std::to_string(size), Callback::STATUS_INFO);
 }
 
@@ -259,19 +266,20 @@ void marlo_fw_updater::sendmarloImageOffsetRes(uint32_t image_id, uint32_t offse
   dfu::start_message(message);
   for (const uint32_t word : {image_id, offset, fragment_len}) append_le32(message, word);
   const size_t image_len = image != nullptr ? image->data.size() : 0;
+  size_t copied = 0;
   if (fragment_len != 0 && offset < image_len) {
     if (fragment_len > kMaxFragmentLen) {
       MARLO_LOGE("fragment_len %u exceeds the largest fragment %u; answering without data", fragment_len,
                  kMaxFragmentLen);
     } else {
       // Served straight from the loaded image, zero-filled past its end to keep the length requested.
-      const size_t copied = std::min<size_t>(fragment_len, image_len - offset);
+      copied = std::min<size_t>(fragment_len, image_len - offset);
       message.reserve(DFU_HEADER_SIZE + DFU_OFFSET_RESP_FIXED_PAYLOAD + fragment_len);
       message.insert(message.end(), image->data.begin() + offset, image->data.begin() + offset + copied);
       message.resize(DFU_HEADER_SIZE + DFU_OFFSET_RESP_FIXED_PAYLOAD + fragment_len, 0);
     }
   }
-  send_aon_request(dfu::IMG_OFFSET_RESP, message);
+  if (send_aon_request(dfu::IMG_OFFSET_RESP, message) >= 1) update_records.served_fragment(attempt_kind::dfu, copied);
 }
 
 void marlo_fw_updater::sendSessionEndRes() {
@@ -337,10 +345,12 @@ void marlo_fw_updater::conn_error_cb(glink_interface_error error) {
       }
     }
     reportDFU("Marlo dfu channel open failed", Callback::STATUS_CHANNEL_ERROR);
+    update_records.finish(attempt_kind::dfu, "failed: DFU channel open failed");
     if (!ended_after_connect) endMarloDownloader();
     return;
   }
   if (update_finished) return;
+  if (error == GLINK_SSR) update_records.hung_up(attempt_kind::dfu);
   bool folded = false;
   {
     platform::lock_guard lock(state_lock);
@@ -373,6 +383,7 @@ bool marlo_fw_updater::resumeSession() {
 bool marlo_fw_updater::runClaimedResume() {
   for (;;) {
     const bool sent = resumeSession();
+    if (sent) update_records.resumed(attempt_kind::dfu);
     bool reopened = false;
     {
       platform::lock_guard lock(state_lock);

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "comhandler/wear_firmware_info.h"
+#include "fwupdater/update_history.h"
 #include "glink/glink_interface.h"
 #include "platform/thread_annotations.h"
 
@@ -237,6 +238,11 @@ class marlo_fw_updater {
   const std::vector<std::unique_ptr<marlo_misc_resource>>& miscResources() const { return misc_resources; }
   int32_t tbxElfOffset() const { return tbx_elf_offset; }
 
+  // The record of update attempts. The daemon begins an attempt when it
+  // decides one; the DFU session and the misc-data transfer count what they
+  // serve and end it on the outcomes they see (any thread).
+  marlo::history::update_history& history() { return update_records; }
+
  private:
   // Takes an interrupted download up again: the erases not answered, or a
   // state query. True when its request went out.
@@ -250,6 +256,8 @@ class marlo_fw_updater {
   void endSession() REQUIRES(session_lock);
   // Reports a step of the DFU session to the callback, if one is set.
   void reportDFU(const std::string& message, Callback::Status status);
+  // Ends the push's record with what reached the co-processor.
+  void finishMiscDataRecord();
   // Reports a step of the misc-data transfer to the callback, if one is set.
   void reportSHM(const std::string& message, Callback::Status status);
   // Reads the partition table and the images into `list`, after the records
@@ -340,4 +348,9 @@ class marlo_fw_updater {
   std::unique_ptr<glink_interface> miscGlinkInterface;
   std::atomic<Callback*> misc_callback{nullptr};
   std::atomic<bool> misc_abort{false};
+  // Why the push in progress cannot succeed, for its record; empty while
+  // nothing failed. Used only by the thread that runs the push.
+  std::string misc_failure;
+  // Thread-safe itself; see update_history.h.
+  marlo::history::update_history update_records;
 };

@@ -21,6 +21,7 @@
 
 using dfu::append_le32;
 using dfu::get_le32;
+using marlo::history::attempt_kind;
 
 namespace {
 
@@ -70,6 +71,7 @@ void marlo_fw_updater::reportSHM(const std::string& message, Callback::Status st
 void marlo_fw_updater::startMarloSHMUpdater(Callback* cb) {
   MARLO_LOGD("startMarloSHMUpdater");
   misc_callback = cb;
+  misc_failure.clear();
   reportSHM("Marlo SHM Updater:: Waiting for Glink channel open", Callback::STATUS_STARTED);
   if (!miscGlinkInterface) {
     glink_conn_config config;
@@ -82,6 +84,7 @@ void marlo_fw_updater::startMarloSHMUpdater(Callback* cb) {
     // object is kept and the packets then fail one by one.
     if (miscGlinkInterface->connect_interface(false) != 0) {
       reportSHM("Marlo SHM Updater:: Glink channel open failed", Callback::STATUS_CHANNEL_ERROR);
+      misc_failure = "misc-data channel open failed";
     }
   }
   truncateMiscFwResources();
@@ -102,20 +105,49 @@ void marlo_fw_updater::marloMiscDataUpdateReq() {
       reportSHM("Finished transfer for type: " + std::to_string(resource->type) +
                     " with response code: " + std::to_string(response.status),
                 Callback::STATUS_INFO);
+      if (result < 0 && attempts < kMaxResourceAttempts) update_records.resumed(attempt_kind::misc_data);
     } while (result < 0 && attempts < kMaxResourceAttempts);
+    if (result >= 0) {
+      update_records.served_image(attempt_kind::misc_data, resource->type);
+    } else if (misc_failure.empty()) {
+      misc_failure = "type " + std::to_string(resource->type) + " not taken after " +
+                     std::to_string(kMaxResourceAttempts) + " attempts (status " + std::to_string(response.status) +
+                     ")";
+    }
   }
+  if (misc_resources.empty() && misc_failure.empty()) misc_failure = "no misc-data resources";
 
   // Only the last resource's outcome decides, and only a finish step that
   // returns 0 is reported as a success; a finish that sent its bytes returns
   // their count and ends the request without a report (endMarloSHMUpdater
   // then reports completion).
   if (result > 0) {
-    if (send_finish_data_buffer(&response) == 0) {
+    const int finished = send_finish_data_buffer(&response);
+    if (finished == 0) {
       reportSHM("### Marlo Misc Data Resources Update finished. ###", Callback::STATUS_SUCCESS);
     }
+    if (finished < 0 && misc_failure.empty()) misc_failure = "finish not taken";
+    finishMiscDataRecord();
     return;
   }
   reportSHM("### Marlo Misc Data Resources Update Failed. ###", Callback::STATUS_ERROR);
+  if (misc_failure.empty()) misc_failure = "last resource sent nothing";
+  finishMiscDataRecord();
+}
+
+// The record tells what reached the co-processor, whatever was reported: a
+// push whose finish was answered is done even when it reported no success,
+// and one that lost a resource failed even when its finish went through.
+// A push that a power event cut short is abandoned: the next power-up pushes
+// again.
+void marlo_fw_updater::finishMiscDataRecord() {
+  if (misc_failure.empty()) {
+    update_records.finish(attempt_kind::misc_data, "done");
+  } else if (misc_abort) {
+    update_records.finish(attempt_kind::misc_data, "abandoned: restart");
+  } else {
+    update_records.finish(attempt_kind::misc_data, "failed: " + misc_failure);
+  }
 }
 
 void marlo_fw_updater::endMarloSHMUpdater() {
@@ -157,8 +189,14 @@ int marlo_fw_updater::prepare_send_data_buffer(unsigned short type, std::vector<
   const uint32_t chunk = limit - kShmHeaderSize;
   const uint8_t* bytes = data.data();
 
+  // Each data packet taken by the co-processor counts in the push's record.
+  auto send_data = [&](uint32_t kind, uint32_t sequence, const uint8_t* from, uint32_t count) {
+    const int sent = send_data_to_aon(shm_data_packet(kind, type, sequence, from, count), resp);
+    if (sent > 0) update_records.served_fragment(attempt_kind::misc_data, count);
+    return sent;
+  };
   if (limit >= total + kShmHeaderSize || start == 0 || chunk >= total - 1) {
-    send_data_to_aon(shm_data_packet(SHM_PKT_DATA_LAST, type, 1, bytes, total), resp);
+    send_data(SHM_PKT_DATA_LAST, 1, bytes, total);
   } else if (chunk == 0 || chunk >= total) {
     // Reached only with a limit below 17 bytes: no payload fits in a packet
     // (or the subtraction wrapped), and splitting would never end.
@@ -170,7 +208,7 @@ int marlo_fw_updater::prepare_send_data_buffer(unsigned short type, std::vector<
     int sent = 0;
     do {
       MARLO_LOGD("%s %d Buffer with payload size :%d ", __func__, sequence, chunk);
-      sent = send_data_to_aon(shm_data_packet(SHM_PKT_DATA_MORE, type, sequence, bytes + offset, chunk), resp);
+      sent = send_data(SHM_PKT_DATA_MORE, sequence, bytes + offset, chunk);
       ++sequence;
       offset += chunk;
     } while (sent > 0 && static_cast<uint64_t>(offset) + chunk < total - 1);
@@ -180,7 +218,7 @@ int marlo_fw_updater::prepare_send_data_buffer(unsigned short type, std::vector<
       return -1;
     }
     MARLO_LOGE("%s Last buffer with payload size :%d ", __func__, total - offset);
-    send_data_to_aon(shm_data_packet(SHM_PKT_DATA_LAST, type, sequence, bytes + offset, total - offset), resp);
+    send_data(SHM_PKT_DATA_LAST, sequence, bytes + offset, total - offset);
   }
 
   const int crc_result = send_crc_data_buffer(type, std::move(data), resp);

@@ -48,6 +48,7 @@ void build_device_root(const std::string& root_dir, const RootOptions& o) {
   write_text((root / "sys/power/wake_unlock").string(), "");
   fs::create_directories(root / "dev/__properties__");
   fs::create_directories(root / "data/vendor/aon");
+  fs::create_directories(root / "data/vendor/marlod");
   fs::create_directories(root / "vendor/firmware_mnt/verinfo");
   fs::create_directories(root / "sim");
   // Sizes chosen so that the misc-data packets split into several chunks.
