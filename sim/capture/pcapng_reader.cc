@@ -3,14 +3,14 @@
 #include <fstream>
 #include <iterator>
 
+#include "capture/pcapng_format.h"
 #include "common/le32.h"
-#include "sim/capture/pcapng_format.h"
 
 namespace marlo::sim {
 
 namespace {
 
-using namespace pcapng;
+using namespace capture::pcapng;
 
 // Larger than any message of the virtual device (1 MiB) plus its framing.
 constexpr uint32_t kMaxBlock = (1u << 20) + 4096;
@@ -96,6 +96,7 @@ bool read_capture(const std::string& path, CaptureFile* capture, std::string* er
       p.interface = get_le32(&file[body]);
       p.timestamp_us = static_cast<uint64_t>(get_le32(&file[body + 4])) << 32 | get_le32(&file[body + 8]);
       uint32_t captured = get_le32(&file[body + 12]);
+      p.original_length = get_le32(&file[body + 16]);
       size_t padded = (static_cast<size_t>(captured) + 3) & ~static_cast<size_t>(3);
       if (p.interface >= capture->interfaces.size() || padded > end - body - 20) {
         *error = "bad packet block at byte " + std::to_string(at);

@@ -20,8 +20,9 @@ struct CapturedPacket {
   uint32_t interface = 0;
   uint64_t timestamp_us = 0;
   std::vector<uint8_t> data;
-  uint32_t flags = 0;   // epb_flags; direction in bits 0-1
-  std::string comment;  // opt_comment, connection life
+  uint32_t original_length = 0;  // more than data.size() when the message was recorded in part
+  uint32_t flags = 0;            // epb_flags; direction in bits 0-1
+  std::string comment;           // opt_comment, connection life
 };
 
 struct CaptureFile {

@@ -39,26 +39,29 @@ uint16_t capture_link_type(CaptureInterface interface) {
 
 SessionCapture::SessionCapture(const std::string& path, const std::string& setup) : writer_(path) {
   if (!writer_.ok()) throw std::runtime_error("cannot write the capture " + path);
-  writer_.section_header({PcapngWriter::text_option(PcapngWriter::kShbUserAppl, "marlo-sim"),
-                          PcapngWriter::text_option(PcapngWriter::kOptComment, setup)});
+  writer_.section_header({capture::PcapngWriter::text_option(capture::PcapngWriter::kShbUserAppl, "marlo-sim"),
+                          capture::PcapngWriter::text_option(capture::PcapngWriter::kOptComment, setup)});
   for (int i = 0; i < kCaptureInterfaces; ++i) {
     auto interface = static_cast<CaptureInterface>(i);
-    writer_.interface_description(capture_link_type(interface),
-                                  {PcapngWriter::text_option(PcapngWriter::kIfName, capture_node(interface))});
+    writer_.interface_description(
+        capture_link_type(interface),
+        {capture::PcapngWriter::text_option(capture::PcapngWriter::kIfName, capture_node(interface))});
   }
 }
 
 void SessionCapture::packet(CaptureInterface interface, Direction direction, const uint8_t* data, size_t length) {
   std::lock_guard<std::mutex> lock(mutex_);
-  writer_.enhanced_packet(static_cast<uint32_t>(interface), now_us(), data, length,
-                          {PcapngWriter::u32_option(PcapngWriter::kEpbFlags, static_cast<uint32_t>(direction))});
+  writer_.enhanced_packet(
+      static_cast<uint32_t>(interface), now_us(), data, length,
+      {capture::PcapngWriter::u32_option(capture::PcapngWriter::kEpbFlags, static_cast<uint32_t>(direction))});
 }
 
 void SessionCapture::life(CaptureInterface interface, Direction direction, const std::string& comment) {
   std::lock_guard<std::mutex> lock(mutex_);
-  writer_.enhanced_packet(static_cast<uint32_t>(interface), now_us(), nullptr, 0,
-                          {PcapngWriter::text_option(PcapngWriter::kOptComment, comment),
-                           PcapngWriter::u32_option(PcapngWriter::kEpbFlags, static_cast<uint32_t>(direction))});
+  writer_.enhanced_packet(
+      static_cast<uint32_t>(interface), now_us(), nullptr, 0,
+      {capture::PcapngWriter::text_option(capture::PcapngWriter::kOptComment, comment),
+       capture::PcapngWriter::u32_option(capture::PcapngWriter::kEpbFlags, static_cast<uint32_t>(direction))});
 }
 
 void attach_capture(const std::string& root, std::shared_ptr<SessionCapture> capture) {
