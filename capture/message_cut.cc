@@ -51,8 +51,7 @@ size_t kept_of_headers(const Message& m) {
       }
       break;
     case Node::Control:
-    case Node::Uevent:
-      break;
+    case Node::Uevent: break;
   }
   return std::min(keep, length);
 }

@@ -101,6 +101,7 @@ class Recorder final : public platform::wire::Observer {
   uint64_t failed_generation_ = 0;
   size_t file_bytes_ = 0;
   unsigned sequence_ = 0;
+  std::string stamp_;  // of the last file's name
   uint64_t file_session_start_us_ = 0;
   bool write_failed_logged_ = false;
 };
@@ -176,7 +177,12 @@ void Recorder::run() {
     bool stopping = false;
     {
       platform::unique_lock lock(mutex_);
-      while (!stopping_ && queue_.empty() && dropped_ == 0 && !(file_.ok() && file_generation_ != generation_)) {
+      // Also woken by a session that ended, or one that started and has no
+      // file yet: its file is made at once, so that switching the capture on
+      // shows at once.
+      while (!stopping_ && queue_.empty() && dropped_ == 0 && !(file_.ok() && file_generation_ != generation_) &&
+             !(level_.load(std::memory_order_relaxed) != 0 && file_generation_ != generation_ &&
+               failed_generation_ != generation_)) {
         lock.wait(wake_);
       }
       batch.swap(queue_);
@@ -196,6 +202,7 @@ void Recorder::run() {
       }
       close_file();
     }
+    if (!file_.ok() && level != Level::Off && generation != file_generation_) open_file(level);
     if (dropped > 0) write_dropped(dropped);
     for (const Entry& entry : batch) write_entry(entry, generation, level);
     if (stopping) {
@@ -223,8 +230,8 @@ void Recorder::write_dropped(uint64_t count) {
   if (!file_.ok() && !open_file(static_cast<Level>(level_.load(std::memory_order_relaxed)))) return;
   char comment[48];
   std::snprintf(comment, sizeof(comment), "dropped %llu messages", static_cast<unsigned long long>(count));
-  const std::vector<uint8_t> block = packet_block(static_cast<uint32_t>(Node::Control), wall_clock_us(), nullptr, 0,
-                                                  0, {text_option(kOptComment, comment)});
+  const std::vector<uint8_t> block = packet_block(static_cast<uint32_t>(Node::Control), wall_clock_us(), nullptr, 0, 0,
+                                                  {text_option(kOptComment, comment)});
   if (!write_block(block)) {
     platform::lock_guard lock(mutex_);
     dropped_ += count;
@@ -247,7 +254,8 @@ bool Recorder::write_block(const std::vector<uint8_t>& block) {
     if (n <= 0) {
       if (n < 0 && errno == EINTR) continue;
       if (!write_failed_logged_) {
-        __android_log_print(ANDROID_LOG_ERROR, kTag, "capture: writing the capture failed, errno = %d: messages dropped",
+        __android_log_print(ANDROID_LOG_ERROR, kTag,
+                            "capture: writing the capture failed, errno = %d: messages dropped",
                             n < 0 ? errno : ENOSPC);
         write_failed_logged_ = true;
       }
@@ -269,12 +277,15 @@ bool Recorder::open_file(Level level) {
     generation = generation_;
   }
   if (level == Level::Off || generation == failed_generation_) return false;
-  if (generation != file_generation_) sequence_ = 0;
   const time_t start = static_cast<time_t>(file_session_start_us_ / 1000000u);
   struct tm utc;
   gmtime_r(&start, &utc);
   char stamp[20];
   std::strftime(stamp, sizeof(stamp), "%Y%m%dT%H%M%SZ", &utc);
+  // Sessions started in the same second go on with its sequence, so that
+  // names sort in the order the files were made.
+  if (stamp_ != stamp) sequence_ = 0;
+  stamp_ = stamp;
   std::string name;
   int err = 0;
   while (!file_.ok() && sequence_ < kMaxSequence) {
@@ -295,9 +306,9 @@ bool Recorder::open_file(Level level) {
   file_generation_ = generation;
   file_bytes_ = 0;
   write_failed_logged_ = false;
-  std::vector<uint8_t> header = section_header_block(
-      {text_option(kShbUserAppl, "marlod"),
-       text_option(kOptComment, level == Level::Headers ? "capture=headers" : "capture=full")});
+  std::vector<uint8_t> header =
+      section_header_block({text_option(kShbUserAppl, "marlod"),
+                            text_option(kOptComment, level == Level::Headers ? "capture=headers" : "capture=full")});
   for (int i = 0; i < platform::wire::kNodes; ++i) {
     const std::vector<uint8_t> idb = interface_block(static_cast<uint16_t>(kFirstLinkType + i),
                                                      {text_option(kIfName, platform::wire::node_path(Node(i)) + 1)});
@@ -377,12 +388,12 @@ void poll_property() {
   } else if (std::strcmp(value, "2") == 0) {
     level = Level::Full;
   } else if (std::strcmp(value, "0") != 0 && value[0] != '\0') {
-    __android_log_print(ANDROID_LOG_ERROR, kTag, "capture: %s is \"%s\", not 0, 1 or 2: capture off", kProperty,
-                        value);
+    __android_log_print(ANDROID_LOG_ERROR, kTag, "capture: %s is \"%s\", not 0, 1 or 2: capture off", kProperty, value);
   }
-  __android_log_print(ANDROID_LOG_INFO, kTag, "capture: %s", level == Level::Off       ? "off"
-                                                             : level == Level::Headers ? "on, headers"
-                                                                                       : "on, full");
+  __android_log_print(ANDROID_LOG_INFO, kTag, "capture: %s",
+                      level == Level::Off       ? "off"
+                      : level == Level::Headers ? "on, headers"
+                                                : "on, full");
   recorder().apply(level);
 }
 

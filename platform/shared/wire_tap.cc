@@ -19,8 +19,7 @@ constexpr uint8_t kMoved = 0x20;   // duplicated to another descriptor: its clos
 std::atomic<uint8_t> g_fds[kTrackedFds];
 
 constexpr const char* kPaths[kNodes] = {"/dev/marlo_com_dev", "/dev/glink_pkt_marlo_dfu",
-                                        "/dev/glink_pkt_marlo_custom_data", "/dev/glink_pkt_marlo_rma",
-                                        "/dev/uevent"};
+                                        "/dev/glink_pkt_marlo_custom_data", "/dev/glink_pkt_marlo_rma", "/dev/uevent"};
 
 bool tracked(int fd) { return fd >= 0 && fd < kTrackedFds; }
 
@@ -44,8 +43,8 @@ Observer* current() {
 
 void deliver(Observer* o, Node node, Direction direction, const void* head, size_t head_length, const void* rest,
              size_t rest_length, size_t original) {
-  o->message(Message{node, direction, static_cast<const uint8_t*>(head), head_length,
-                     static_cast<const uint8_t*>(rest), rest_length, original});
+  o->message(Message{node, direction, static_cast<const uint8_t*>(head), head_length, static_cast<const uint8_t*>(rest),
+                     rest_length, original});
 }
 
 }  // namespace

@@ -32,6 +32,9 @@ for i = 0, 255 do
   crc_table[i] = c
 end
 local CRC_INIT = 0xFFFFFFFF
+-- A message whose data a capture left out (its captured length below its
+-- original one): lengths are checked against the original, CRCs not at all.
+local recorded_in_part = "message recorded in part"
 local function crc_update(crc, s)
   for i = 1, #s, 4096 do
     local bytes = { s:byte(i, math.min(i + 4095, #s)) }
@@ -259,7 +262,7 @@ local dfu_outbound = { [1] = true, [4] = true, [6] = true, [12] = true, [13] = t
 
 local function dissect_dfu(tvb, pinfo, root)
   pinfo.cols.protocol = "MARLO DFU"
-  local len = tvb:len()
+  local len, whole = tvb:len(), tvb:reported_len()
   local tree = root:add(F.dfu, tvb())
   if len == 0 then return channel_event(pinfo, tree, "dfu", "DFU channel") end
   if len < 16 then
@@ -273,19 +276,24 @@ local function dissect_dfu(tvb, pinfo, root)
   if tvb(4, 4):le_uint() ~= 0x0A0B0C0D then magic_item:add_proto_expert_info(E.magic) end
   local total = tvb(8, 4):le_uint()
   local length_item = tree:add_le(F.dfu_length, tvb(8, 4))
-  if total ~= len then
-    length_item:add_proto_expert_info(E.length, string.format("Length word says %d, packet holds %d", total, len))
+  if total ~= whole then
+    length_item:add_proto_expert_info(E.length, string.format("Length word says %d, packet holds %d", total, whole))
   end
   local crc = tvb(12, 4):le_uint()
   local crc_item = tree:add_le(F.dfu_crc, tvb(12, 4))
   local calc = crc_of[pinfo.number]
-  if not calc then
+  if len < whole then
+    crc_item:append_text(" [not checked: " .. recorded_in_part .. "]")
+    calc = crc
+  elseif not calc then
     calc = crc_update(crc_update(CRC_INIT, tvb:raw(0, 12)), "\0\0\0\0")
     calc = crc_final(crc_update(calc, len > 16 and tvb:raw(16, len - 16) or ""))
     crc_of[pinfo.number] = calc
   end
-  crc_item:add(F.dfu_crc_calc, calc):set_generated()
-  crc_item:add(F.dfu_crc_status, calc == crc and 1 or 0):set_generated()
+  if len == whole then
+    crc_item:add(F.dfu_crc_calc, calc):set_generated()
+    crc_item:add(F.dfu_crc_status, calc == crc and 1 or 0):set_generated()
+  end
   if calc ~= crc then crc_item:add_proto_expert_info(E.crc, string.format("CRC 0x%08x, computed 0x%08x", crc, calc)) end
 
   local name = dfu_cmds[cmd]
@@ -310,9 +318,9 @@ local function dissect_dfu(tvb, pinfo, root)
     local off = add_le32(tree, F.dfu_offset, tvb, len, 20)
     local flen = add_le32(tree, F.dfu_fragment_len, tvb, len, 24)
     if id and off and flen then info = info .. string.format(" id=%d offset=%d len=%d", id, off, flen) end
-    if cmd == 6 and len > 28 then
-      tree:add(F.dfu_fragment, tvb(28, len - 28))
-      info = info .. string.format(" (%d bytes)", len - 28)
+    if cmd == 6 and len > 28 then tree:add(F.dfu_fragment, tvb(28, len - 28)) end
+    if cmd == 6 and whole > 28 then
+      info = info .. string.format(" (%d bytes%s)", whole - 28, len < whole and ", not recorded" or "")
     end
   elseif cmd == 13 then
     local op = add_le32(tree, F.dfu_op, tvb, len, 16)
@@ -351,7 +359,7 @@ local function dissect_dfu(tvb, pinfo, root)
   end
   if len > total and total >= 16 then tree:add(F.dfu_extra, tvb(total, len - total)) end
   if calc ~= crc then info = info .. " [BAD CRC]" end
-  if total ~= len then info = info .. " [BAD LENGTH]" end
+  if total ~= whole then info = info .. " [BAD LENGTH]" end
 
   if name then
     take_answer(pinfo, "dfu", cmd)
@@ -364,7 +372,7 @@ end
 -- Misc-data channel -----------------------------------------------------------------------------------------
 local function dissect_misc(tvb, pinfo, root)
   pinfo.cols.protocol = "MARLO MISC"
-  local len = tvb:len()
+  local len, whole = tvb:len(), tvb:reported_len()
   local tree = root:add(F.misc, tvb())
   if len == 0 then return channel_event(pinfo, tree, "misc", "misc-data channel") end
   if len < 16 then
@@ -403,15 +411,16 @@ local function dissect_misc(tvb, pinfo, root)
       if len ~= 16 then length_item:add_proto_expert_info(E.length, "Start packet is 16 bytes") end
     elseif kind == 1 or kind == 2 then
       info = info .. string.format(" type=%d seq=%d len=%d", type_, seq, length)
-      if length ~= len - 16 then
-        length_item:add_proto_expert_info(E.length, string.format("Length word says %d, packet carries %d", length, len - 16))
+      if length ~= whole - 16 then
+        length_item:add_proto_expert_info(E.length, string.format("Length word says %d, packet carries %d", length, whole - 16))
       end
       if len > 16 then tree:add(F.misc_data, tvb(16, len - 16)) end
       if not pinfo.visited then
         local r = { seq_expected = st and st.seq }
         if st then
           st.seq = seq + 1
-          st.crc = crc_update(st.crc, len > 16 and tvb:raw(16, len - 16) or "")
+          -- A data packet recorded in part leaves the resource's checksum unknown.
+          st.crc = st.crc and len == whole and crc_update(st.crc, len > 16 and tvb:raw(16, len - 16) or "") or nil
         end
         misc_result[pinfo.number] = r
       end
@@ -424,7 +433,7 @@ local function dissect_misc(tvb, pinfo, root)
       local sum = add_le32(tree, F.misc_checksum, tvb, len, 16)
       if len ~= 20 or length ~= 4 then length_item:add_proto_expert_info(E.length, "CRC packet is 20 bytes, length 4") end
       if not pinfo.visited then
-        misc_result[pinfo.number] = { crc = st and crc_final(st.crc) }
+        misc_result[pinfo.number] = { crc = st and st.crc and crc_final(st.crc) }
         misc_state = nil
       end
       local calc = misc_result[pinfo.number] and misc_result[pinfo.number].crc
@@ -451,7 +460,7 @@ local rma_answer_of = { [0] = 1, [2] = 3, [256] = 257, [512] = 513 }
 
 local function dissect_rma(tvb, pinfo, root)
   pinfo.cols.protocol = "MARLO RMA"
-  local len = tvb:len()
+  local len, whole = tvb:len(), tvb:reported_len()
   local tree = root:add(F.rma, tvb())
   if len == 0 then return channel_event(pinfo, tree, "rma", "RMA channel") end
   if len < 12 then
@@ -461,14 +470,19 @@ local function dissect_rma(tvb, pinfo, root)
   end
   local crc, total, cmd = tvb(0, 4):le_uint(), tvb(4, 4):le_uint(), tvb(8, 4):le_uint()
   local crc_item = tree:add_le(F.rma_crc, tvb(0, 4))
-  local calc = crc_of[pinfo.number] or crc_final(crc_update(CRC_INIT, tvb:raw(4, len - 4)))
-  crc_of[pinfo.number] = calc
-  crc_item:add(F.rma_crc_calc, calc):set_generated()
-  crc_item:add(F.rma_crc_status, calc == crc and 1 or 0):set_generated()
+  local calc = crc
+  if len < whole then
+    crc_item:append_text(" [not checked: " .. recorded_in_part .. "]")
+  else
+    calc = crc_of[pinfo.number] or crc_final(crc_update(CRC_INIT, tvb:raw(4, len - 4)))
+    crc_of[pinfo.number] = calc
+    crc_item:add(F.rma_crc_calc, calc):set_generated()
+    crc_item:add(F.rma_crc_status, calc == crc and 1 or 0):set_generated()
+  end
   if calc ~= crc then crc_item:add_proto_expert_info(E.crc, string.format("CRC 0x%08x, computed 0x%08x", crc, calc)) end
   local length_item = tree:add_le(F.rma_length, tvb(4, 4))
-  if total ~= len then
-    length_item:add_proto_expert_info(E.length, string.format("Length word says %d, packet holds %d", total, len))
+  if total ~= whole then
+    length_item:add_proto_expert_info(E.length, string.format("Length word says %d, packet holds %d", total, whole))
   end
   local cmd_item = tree:add_le(F.rma_cmd, tvb(8, 4))
   local name = rma_cmds[cmd]
@@ -493,8 +507,8 @@ local function dissect_rma(tvb, pinfo, root)
     if mem and off and size then info = info .. string.format(" memory=%d offset=%d size=%d", mem, off, size) end
     if cmd == 512 and len > 32 then
       tree:add(F.rma_data, tvb(32, len - 32))
-      if size and size ~= len - 32 then
-        tree:add_proto_expert_info(E.length, string.format("Block size %d, message carries %d bytes", size, len - 32))
+      if size and size ~= whole - 32 then
+        tree:add_proto_expert_info(E.length, string.format("Block size %d, message carries %d bytes", size, whole - 32))
       end
     end
   elseif cmd == 2 then
@@ -526,7 +540,7 @@ local function dissect_rma(tvb, pinfo, root)
     end
   end
   if calc ~= crc then info = info .. " [BAD CRC]" end
-  if total ~= len then info = info .. " [BAD LENGTH]" end
+  if total ~= whole then info = info .. " [BAD LENGTH]" end
   if name then
     take_answer(pinfo, "rma", cmd)
     if rma_answer_of[cmd] then expect_answer(pinfo, "rma", rma_answer_of[cmd]) end
