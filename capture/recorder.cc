@@ -116,9 +116,9 @@ void Recorder::apply(Level level) {
     level_.store(static_cast<int>(level), std::memory_order_relaxed);
     start_writer = level != Level::Off && !writer_.joinable();
     if (start_writer) writer_ = std::thread([this] { run(); });
+    platform::wire::observe(level == Level::Off ? nullptr : this);
   }
   if (start_writer) std::atexit(shutdown);
-  platform::wire::observe(level == Level::Off ? nullptr : this);
   wake_.notify_one();
 }
 
