@@ -50,6 +50,8 @@ uint64_t wall_clock_us() {
 
 struct Entry {
   uint64_t generation;
+  Level level;
+  uint64_t dropped_before;  // messages dropped just before this one
   Node node;
   Direction direction;
   bool has_direction;
@@ -75,11 +77,12 @@ class Recorder final : public platform::wire::Observer {
   void enqueue(Entry entry) EXCLUDES(mutex_);
   void run() EXCLUDES(mutex_);
   // Writer thread only, below.
-  void write_entry(const Entry& entry, uint64_t generation, Level level);
+  void write_entry(const Entry& entry);
   void write_dropped(uint64_t count);
   bool write_block(const std::vector<uint8_t>& block);
-  bool open_file(Level level);
-  void close_file();
+  bool open_file(Level level, uint64_t generation);
+  // Closes the file; `sync` at the end of its session.
+  void close_file(bool sync);
   void prune_ring(const std::string& keep);
   void fail(uint64_t generation) EXCLUDES(mutex_);
 
@@ -90,7 +93,6 @@ class Recorder final : public platform::wire::Observer {
   size_t queued_bytes_ GUARDED_BY(mutex_) = 0;
   uint64_t dropped_ GUARDED_BY(mutex_) = 0;
   uint64_t generation_ GUARDED_BY(mutex_) = 0;  // one per capture session
-  uint64_t session_start_us_ GUARDED_BY(mutex_) = 0;
   bool stopping_ GUARDED_BY(mutex_) = false;
   std::string file_name_ GUARDED_BY(mutex_);
   std::thread writer_ GUARDED_BY(mutex_);
@@ -98,11 +100,11 @@ class Recorder final : public platform::wire::Observer {
   // The writer thread's own state.
   platform::unique_fd file_;
   uint64_t file_generation_ = 0;
+  Level file_level_ = Level::Off;
   uint64_t failed_generation_ = 0;
   size_t file_bytes_ = 0;
   unsigned sequence_ = 0;
   std::string stamp_;  // of the last file's name
-  uint64_t file_session_start_us_ = 0;
   bool write_failed_logged_ = false;
 };
 
@@ -112,7 +114,6 @@ void Recorder::apply(Level level) {
     platform::lock_guard lock(mutex_);
     if (stopping_) return;
     ++generation_;
-    session_start_us_ = wall_clock_us();
     level_.store(static_cast<int>(level), std::memory_order_relaxed);
     start_writer = level != Level::Off && !writer_.joinable();
     if (start_writer) writer_ = std::thread([this] { run(); });
@@ -139,7 +140,7 @@ void Recorder::message(const Message& m) {
   const auto level = static_cast<Level>(level_.load(std::memory_order_relaxed));
   if (level == Level::Off) return;
   const size_t keep = level == Level::Headers ? kept_of_headers(m) : m.length();
-  Entry entry{0, m.node, m.direction, true, wall_clock_us(), std::max(m.original, m.length()), {}, {}};
+  Entry entry{0, level, 0, m.node, m.direction, true, wall_clock_us(), std::max(m.original, m.length()), {}, {}};
   entry.bytes.resize(keep);
   const size_t from_head = std::min(keep, m.head_length);
   if (from_head > 0) std::memcpy(entry.bytes.data(), m.head, from_head);
@@ -148,8 +149,9 @@ void Recorder::message(const Message& m) {
 }
 
 void Recorder::life(Node node, Direction direction, const char* comment) {
-  if (level_.load(std::memory_order_relaxed) == 0) return;
-  enqueue(Entry{0, node, direction, true, wall_clock_us(), 0, {}, comment});
+  const auto level = static_cast<Level>(level_.load(std::memory_order_relaxed));
+  if (level == Level::Off) return;
+  enqueue(Entry{0, level, 0, node, direction, true, wall_clock_us(), 0, {}, comment});
 }
 
 void Recorder::enqueue(Entry entry) {
@@ -162,6 +164,8 @@ void Recorder::enqueue(Entry entry) {
       return;
     }
     entry.generation = generation_;
+    entry.dropped_before = dropped_;
+    dropped_ = 0;
     queued_bytes_ += size;
     queue_.push_back(std::move(entry));
   }
@@ -192,29 +196,22 @@ void Recorder::run() {
       generation = generation_;
       level = static_cast<Level>(level_.load(std::memory_order_relaxed));
       stopping = stopping_;
-      file_session_start_us_ = session_start_us_;
     }
-    if (file_.ok() && file_generation_ != generation) {
-      // Messages of the ended session still queued go to its file.
-      while (!batch.empty() && batch.front().generation == file_generation_) {
-        write_entry(batch.front(), file_generation_, level);
-        batch.pop_front();
-      }
-      close_file();
-    }
-    if (!file_.ok() && level != Level::Off && generation != file_generation_) open_file(level);
+    for (const Entry& entry : batch) write_entry(entry);
+    // Drops after the last queued message belong where it went.
     if (dropped > 0) write_dropped(dropped);
-    for (const Entry& entry : batch) write_entry(entry, generation, level);
-    if (stopping) {
-      close_file();
-      return;
-    }
+    if (file_.ok() && (file_generation_ != generation || stopping)) close_file(true);  // the session ended
+    if (stopping) return;
+    if (!file_.ok() && level != Level::Off && file_generation_ != generation) open_file(level, generation);
   }
 }
 
-void Recorder::write_entry(const Entry& entry, uint64_t generation, Level level) {
-  if (entry.generation != generation && !(file_.ok() && entry.generation == file_generation_)) return;
-  if (!file_.ok() && !open_file(level)) return;
+void Recorder::write_entry(const Entry& entry) {
+  if (!file_.ok() || file_generation_ != entry.generation) {
+    close_file(true);  // its session ended
+    if (entry.generation == failed_generation_ || !open_file(entry.level, entry.generation)) return;
+  }
+  if (entry.dropped_before > 0) write_dropped(entry.dropped_before);
   std::vector<PcapngOption> options;
   if (!entry.comment.empty()) options.push_back(text_option(kOptComment, entry.comment));
   if (entry.has_direction) options.push_back(u32_option(kEpbFlags, static_cast<uint32_t>(entry.direction)));
@@ -227,7 +224,7 @@ void Recorder::write_entry(const Entry& entry, uint64_t generation, Level level)
 }
 
 void Recorder::write_dropped(uint64_t count) {
-  if (!file_.ok() && !open_file(static_cast<Level>(level_.load(std::memory_order_relaxed)))) return;
+  if (!file_.ok()) return;
   char comment[48];
   std::snprintf(comment, sizeof(comment), "dropped %llu messages", static_cast<unsigned long long>(count));
   const std::vector<uint8_t> block = packet_block(static_cast<uint32_t>(Node::Control), wall_clock_us(), nullptr, 0, 0,
@@ -244,9 +241,10 @@ void Recorder::write_dropped(uint64_t count) {
 bool Recorder::write_block(const std::vector<uint8_t>& block) {
   if (!file_.ok()) return false;
   if (file_bytes_ + block.size() > kMaxFileBytes && file_bytes_ > 0) {
-    const auto level = static_cast<Level>(level_.load(std::memory_order_relaxed));
-    close_file();
-    if (level == Level::Off || !open_file(level)) return false;
+    // The next file of the same session, even when the session has just
+    // ended and its last messages are being written.
+    close_file(false);
+    if (!open_file(file_level_, file_generation_)) return false;
   }
   size_t done = 0;
   while (done < block.size()) {
@@ -270,14 +268,9 @@ bool Recorder::write_block(const std::vector<uint8_t>& block) {
   return true;
 }
 
-bool Recorder::open_file(Level level) {
-  uint64_t generation;
-  {
-    platform::lock_guard lock(mutex_);
-    generation = generation_;
-  }
+bool Recorder::open_file(Level level, uint64_t generation) {
   if (level == Level::Off || generation == failed_generation_) return false;
-  const time_t start = static_cast<time_t>(file_session_start_us_ / 1000000u);
+  const time_t start = static_cast<time_t>(wall_clock_us() / 1000000u);
   struct tm utc;
   gmtime_r(&start, &utc);
   char stamp[20];
@@ -304,6 +297,7 @@ bool Recorder::open_file(Level level) {
     return false;
   }
   file_generation_ = generation;
+  file_level_ = level;
   file_bytes_ = 0;
   write_failed_logged_ = false;
   std::vector<uint8_t> header =
@@ -315,7 +309,7 @@ bool Recorder::open_file(Level level) {
     header.insert(header.end(), idb.begin(), idb.end());
   }
   if (!write_block(header)) {
-    close_file();
+    close_file(false);
     fail(generation);
     return false;
   }
@@ -327,9 +321,9 @@ bool Recorder::open_file(Level level) {
   return true;
 }
 
-void Recorder::close_file() {
+void Recorder::close_file(bool sync) {
   if (!file_.ok()) return;
-  platform::fdatasync(file_.get());
+  if (sync) platform::fdatasync(file_.get());
   file_.reset();
   platform::lock_guard lock(mutex_);
   file_name_.clear();
