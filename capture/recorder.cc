@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -75,11 +76,15 @@ class Recorder final : public platform::wire::Observer {
 
  private:
   void enqueue(Entry entry) EXCLUDES(mutex_);
+  bool half_full() const REQUIRES(mutex_) {
+    return queue_.size() >= kQueueMessages / 2 || queued_bytes_ >= kQueueBytes / 2;
+  }
   void run() EXCLUDES(mutex_);
   // Writer thread only, below.
   void write_entry(const Entry& entry);
   void write_dropped(uint64_t count);
-  bool write_block(const std::vector<uint8_t>& block);
+  bool write_block(const std::vector<uint8_t>& block, uint64_t messages);
+  bool flush();
   bool open_file(Level level, uint64_t generation);
   // Closes the file; `sync` at the end of its session.
   void close_file(bool sync);
@@ -102,7 +107,9 @@ class Recorder final : public platform::wire::Observer {
   uint64_t file_generation_ = 0;
   Level file_level_ = Level::Off;
   uint64_t failed_generation_ = 0;
-  size_t file_bytes_ = 0;
+  size_t file_bytes_ = 0;         // written to the current file
+  std::vector<uint8_t> pending_;  // blocks not yet written
+  uint64_t pending_messages_ = 0;
   unsigned sequence_ = 0;
   std::string stamp_;  // of the last file's name
   bool write_failed_logged_ = false;
@@ -168,6 +175,9 @@ void Recorder::enqueue(Entry entry) {
     dropped_ = 0;
     queued_bytes_ += size;
     queue_.push_back(std::move(entry));
+    // The writer gathers messages for a while once woken: woken by the first
+    // one, and early only when the queue fills.
+    if (queue_.size() > 1 && !half_full()) return;
   }
   wake_.notify_one();
 }
@@ -189,6 +199,13 @@ void Recorder::run() {
                failed_generation_ != generation_)) {
         lock.wait(wake_);
       }
+      // Gathers what comes within kGatherMs into one write, unless the
+      // session changes or the queue fills first.
+      const uint64_t seen = generation_;
+      const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(kGatherMs);
+      while (!stopping_ && generation_ == seen && !half_full() &&
+             lock.wait_until(wake_, until) == std::cv_status::no_timeout) {
+      }
       batch.swap(queue_);
       queued_bytes_ = 0;
       dropped = dropped_;
@@ -200,6 +217,7 @@ void Recorder::run() {
     for (const Entry& entry : batch) write_entry(entry);
     // Drops after the last queued message belong where it went.
     if (dropped > 0) write_dropped(dropped);
+    flush();
     if (file_.ok() && (file_generation_ != generation || stopping)) close_file(true);  // the session ended
     if (stopping) return;
     if (!file_.ok() && level != Level::Off && file_generation_ != generation) open_file(level, generation);
@@ -217,7 +235,7 @@ void Recorder::write_entry(const Entry& entry) {
   if (entry.has_direction) options.push_back(u32_option(kEpbFlags, static_cast<uint32_t>(entry.direction)));
   const std::vector<uint8_t> block = packet_block(static_cast<uint32_t>(entry.node), entry.timestamp_us,
                                                   entry.bytes.data(), entry.bytes.size(), entry.original, options);
-  if (!write_block(block)) {
+  if (!write_block(block, 1)) {
     platform::lock_guard lock(mutex_);
     ++dropped_;
   }
@@ -229,43 +247,61 @@ void Recorder::write_dropped(uint64_t count) {
   std::snprintf(comment, sizeof(comment), "dropped %llu messages", static_cast<unsigned long long>(count));
   const std::vector<uint8_t> block = packet_block(static_cast<uint32_t>(Node::Control), wall_clock_us(), nullptr, 0, 0,
                                                   {text_option(kOptComment, comment)});
-  if (!write_block(block)) {
+  if (!write_block(block, 0)) {
     platform::lock_guard lock(mutex_);
     dropped_ += count;
   }
 }
 
-// Writes `block` whole into the current file, starting the next file of the
-// ring first when it would not fit. A block that could not be written is
-// taken back out of the file, so the file stays readable.
-bool Recorder::write_block(const std::vector<uint8_t>& block) {
+// Adds `block`, holding `messages` messages, to the current file's pending
+// bytes, starting the next file of the ring first when it would not fit.
+bool Recorder::write_block(const std::vector<uint8_t>& block, uint64_t messages) {
   if (!file_.ok()) return false;
-  if (file_bytes_ + block.size() > kMaxFileBytes && file_bytes_ > 0) {
+  if (file_bytes_ + pending_.size() + block.size() > kMaxFileBytes && file_bytes_ + pending_.size() > 0) {
     // The next file of the same session, even when the session has just
     // ended and its last messages are being written.
     close_file(false);
     if (!open_file(file_level_, file_generation_)) return false;
   }
+  pending_.insert(pending_.end(), block.begin(), block.end());
+  pending_messages_ += messages;
+  if (pending_.size() >= kQueueBytes / 2) return flush();
+  return true;
+}
+
+// Writes the pending bytes. Bytes that could not all be written are taken
+// back out of the file, so that it stays readable, and their messages
+// counted as dropped.
+bool Recorder::flush() {
   size_t done = 0;
-  while (done < block.size()) {
-    const ssize_t n = platform::write(file_.get(), block.data() + done, block.size() - done);
+  int err = 0;
+  while (file_.ok() && done < pending_.size()) {
+    const ssize_t n = platform::write(file_.get(), pending_.data() + done, pending_.size() - done);
+    if (n < 0 && errno == EINTR) continue;
     if (n <= 0) {
-      if (n < 0 && errno == EINTR) continue;
-      if (!write_failed_logged_) {
-        __android_log_print(ANDROID_LOG_ERROR, kTag,
-                            "capture: writing the capture failed, errno = %d: messages dropped",
-                            n < 0 ? errno : ENOSPC);
-        write_failed_logged_ = true;
-      }
-      if (platform::ftruncate(file_.get(), static_cast<off_t>(file_bytes_)) == 0) {
-        platform::lseek(file_.get(), static_cast<off_t>(file_bytes_), SEEK_SET);
-      }
-      return false;
+      err = n < 0 ? errno : ENOSPC;
+      break;
     }
     done += static_cast<size_t>(n);
   }
-  file_bytes_ += block.size();
-  return true;
+  const bool written = done == pending_.size();
+  if (written) {
+    file_bytes_ += done;
+  } else {
+    if (!write_failed_logged_) {
+      __android_log_print(ANDROID_LOG_ERROR, kTag, "capture: writing the capture failed, errno = %d: messages dropped",
+                          err);
+      write_failed_logged_ = true;
+    }
+    if (file_.ok() && platform::ftruncate(file_.get(), static_cast<off_t>(file_bytes_)) == 0) {
+      platform::lseek(file_.get(), static_cast<off_t>(file_bytes_), SEEK_SET);
+    }
+    platform::lock_guard lock(mutex_);
+    dropped_ += pending_messages_;
+  }
+  pending_.clear();
+  pending_messages_ = 0;
+  return written;
 }
 
 bool Recorder::open_file(Level level, uint64_t generation) {
@@ -308,7 +344,7 @@ bool Recorder::open_file(Level level, uint64_t generation) {
                                                      {text_option(kIfName, platform::wire::node_path(Node(i)) + 1)});
     header.insert(header.end(), idb.begin(), idb.end());
   }
-  if (!write_block(header)) {
+  if (!write_block(header, 0) || !flush()) {
     close_file(false);
     fail(generation);
     return false;
@@ -323,6 +359,7 @@ bool Recorder::open_file(Level level, uint64_t generation) {
 
 void Recorder::close_file(bool sync) {
   if (!file_.ok()) return;
+  flush();
   if (sync) platform::fdatasync(file_.get());
   file_.reset();
   platform::lock_guard lock(mutex_);
