@@ -53,6 +53,24 @@ double processor_seconds(pid_t pid) {
   return static_cast<double>(utime + stime) / static_cast<double>(::sysconf(_SC_CLK_TCK));
 }
 
+// The time on a processor of the thread of `pid` named `name` (the first
+// field of its schedstat, nanoseconds); 0 when there is none.
+double thread_seconds(pid_t pid, const std::string& name) {
+  const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+  std::error_code ec;
+  for (const auto& task : std::filesystem::directory_iterator(tasks, ec)) {
+    std::ifstream comm(task.path() / "comm");
+    std::string thread_name;
+    std::getline(comm, thread_name);
+    if (thread_name != name) continue;
+    std::ifstream schedstat(task.path() / "schedstat");
+    unsigned long long ns = 0;
+    schedstat >> ns;
+    return static_cast<double>(ns) / 1e9;
+  }
+  return 0;
+}
+
 uint64_t count_lines(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   uint64_t lines = 0;
@@ -139,6 +157,7 @@ DaemonDownload run_daemon_download(const std::string& marlod, uint32_t flash_byt
     }
     result.vm_hwm = peak_resident_bytes(daemon.pid());
     result.cpu_seconds = processor_seconds(daemon.pid());
+    result.capture_writer_seconds = thread_seconds(daemon.pid(), "marlod_capture");
     stop_daemon(daemon);
     result.log_entries = count_lines(log_file);
   }

@@ -13,10 +13,11 @@ namespace marlo::bench {
 
 struct DaemonDownload {
   DownloadFigures figures;
-  uint64_t image_bytes = 0;  // every image the daemon loaded
-  uint64_t vm_hwm = 0;       // the daemon's peak resident memory, bytes
-  uint64_t log_entries = 0;  // lines of its log file over the whole run
-  double cpu_seconds = 0;    // the daemon's processor time (user and system, every thread) over the whole run
+  uint64_t image_bytes = 0;           // every image the daemon loaded
+  uint64_t vm_hwm = 0;                // the daemon's peak resident memory, bytes
+  uint64_t log_entries = 0;           // lines of its log file over the whole run
+  double cpu_seconds = 0;             // the daemon's processor time (user and system, every thread) over the whole run
+  double capture_writer_seconds = 0;  // the processor time of its capture writer thread ("marlod_capture"), if any
 };
 
 // build/marlod as a process against a virtual device whose flash.bin has
