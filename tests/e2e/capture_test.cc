@@ -65,11 +65,12 @@ class Capture : public E2e, public ::testing::WithParamInterface<Case> {
     return all;
   }
 
-  void start(Scenario scenario, const char* level) {
+  void start(Scenario scenario, const char* level, int write_delay_ms = 0) {
     std::error_code ec;  // an existing file in its place stays
     fs::create_directories(dir(), ec);
     if (*level != '\0') set_property(kProperty, level);
     sim::DeviceOptions options = scenario == Scenario::Update ? sim::DeviceOptions{} : noflash_options();
+    options.dfu.write_delay_ms = write_delay_ms;
     if (scenario == Scenario::Update) set_property("persist.vendor.zt_aon.dfu_update", "1");
     sim_capture_ = root_ + "/sim.pcapng";
     options.capture_file = sim_capture_;
@@ -197,7 +198,7 @@ INSTANTIATE_TEST_SUITE_P(Levels, Capture,
 TEST_F(Capture, SwitchedDuringADownloadKeepsTheRingToItsBound) {
   fs::create_directories(dir());
   for (int i = 1; i <= 6; ++i) std::ofstream(dir() + "/marlod-20000101T000000Z-000" + std::to_string(i) + ".pcapng");
-  start(Scenario::Update, "0");
+  start(Scenario::Update, "0", 25);  // a download of a few seconds
   ASSERT_TRUE(wait_for([&] { return device_->dfu().status().sessions_started >= 1; }));
   const char* levels[] = {"1", "2", "1", "2", "1", "2"};
   for (const char* level : levels) {
@@ -212,6 +213,7 @@ TEST_F(Capture, SwitchedDuringADownloadKeepsTheRingToItsBound) {
     })) << "level "
         << level << ", files: " << ::testing::PrintToString(files());
   }
+  EXPECT_EQ(device_->dfu().status().sessions_completed, 0) << "the switches came after the download";
   ASSERT_TRUE(wait_for([&] { return update_finished(); }));
   const std::vector<std::string> kept = files();
   ASSERT_EQ(kept.size(), 4u);
