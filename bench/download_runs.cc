@@ -1,12 +1,15 @@
 #include "bench/download_runs.h"
 
 #include <signal.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iterator>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
 
@@ -29,6 +32,41 @@ uint64_t peak_resident_bytes(pid_t pid) {
   std::string line;
   while (std::getline(in, line)) {
     if (line.rfind("VmHWM:", 0) == 0) return std::stoull(line.substr(6)) * 1024;  // "VmHWM:   1234 kB"
+  }
+  return 0;
+}
+
+// utime and stime of /proc/PID/stat, fields 14 and 15 (after the command
+// name in parentheses, which may hold spaces).
+double processor_seconds(pid_t pid) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+  std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  const size_t end = stat.rfind(')');
+  if (end == std::string::npos) return 0;
+  std::istringstream fields(stat.substr(end + 2));
+  std::string field;
+  unsigned long long utime = 0, stime = 0;
+  for (int i = 3; i <= 15 && fields >> field; ++i) {
+    if (i == 14) utime = std::stoull(field);
+    if (i == 15) stime = std::stoull(field);
+  }
+  return static_cast<double>(utime + stime) / static_cast<double>(::sysconf(_SC_CLK_TCK));
+}
+
+// The time on a processor of the thread of `pid` named `name` (the first
+// field of its schedstat, nanoseconds); 0 when there is none.
+double thread_seconds(pid_t pid, const std::string& name) {
+  const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+  std::error_code ec;
+  for (const auto& task : std::filesystem::directory_iterator(tasks, ec)) {
+    std::ifstream comm(task.path() / "comm");
+    std::string thread_name;
+    std::getline(comm, thread_name);
+    if (thread_name != name) continue;
+    std::ifstream schedstat(task.path() / "schedstat");
+    unsigned long long ns = 0;
+    schedstat >> ns;
+    return static_cast<double>(ns) / 1e9;
   }
   return 0;
 }
@@ -91,9 +129,13 @@ void stop_daemon(sim::DaemonProcess& daemon) {
 }
 
 DaemonDownload run_daemon_download(const std::string& marlod, uint32_t flash_bytes,
-                                   const std::vector<std::string>& launcher) {
+                                   const std::vector<std::string>& launcher, const std::string& capture) {
   LargeRoot made = make_large_root(flash_bytes);
   sim::set_property(made.root, "persist.vendor.zt_aon.dfu_update", "1");
+  if (!capture.empty()) {
+    std::filesystem::create_directories(made.root + "/data/vendor/marlod/capture");
+    sim::set_property(made.root, "persist.vendor.marlo.capture", capture);
+  }
   FragmentRecorder recorder;
   DaemonDownload result;
   result.image_bytes = made.image_bytes;
@@ -114,6 +156,8 @@ DaemonDownload run_daemon_download(const std::string& marlod, uint32_t flash_byt
                                " bytes did not finish; root kept: " + made.root);
     }
     result.vm_hwm = peak_resident_bytes(daemon.pid());
+    result.cpu_seconds = processor_seconds(daemon.pid());
+    result.capture_writer_seconds = thread_seconds(daemon.pid(), "marlod_capture");
     stop_daemon(daemon);
     result.log_entries = count_lines(log_file);
   }

@@ -13,16 +13,20 @@ namespace marlo::bench {
 
 struct DaemonDownload {
   DownloadFigures figures;
-  uint64_t image_bytes = 0;  // every image the daemon loaded
-  uint64_t vm_hwm = 0;       // the daemon's peak resident memory, bytes
-  uint64_t log_entries = 0;  // lines of its log file over the whole run
+  uint64_t image_bytes = 0;           // every image the daemon loaded
+  uint64_t vm_hwm = 0;                // the daemon's peak resident memory, bytes
+  uint64_t log_entries = 0;           // lines of its log file over the whole run
+  double cpu_seconds = 0;             // the daemon's processor time (user and system, every thread) over the whole run
+  double capture_writer_seconds = 0;  // the processor time of its capture writer thread ("marlod_capture"), if any
 };
 
 // build/marlod as a process against a virtual device whose flash.bin has
 // `flash_bytes`; throws std::runtime_error when the download does not finish.
-// `launcher` runs it under another program (a profiler) when not empty.
+// `launcher` runs it under another program (a profiler) when not empty;
+// `capture`, when not empty, is the value of the daemon's capture property
+// (the capture directory is made).
 DaemonDownload run_daemon_download(const std::string& marlod, uint32_t flash_bytes,
-                                   const std::vector<std::string>& launcher = {});
+                                   const std::vector<std::string>& launcher = {}, const std::string& capture = "");
 
 // How the benchmark runs `marlod` on a device root: as under init, standard
 // error going nowhere and the log going to `log_file`; the fixed waits

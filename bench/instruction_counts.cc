@@ -81,4 +81,12 @@ InstructionFigures count_instructions(const std::string& marlod, const std::stri
   return figures;
 }
 
+double daemon_instructions_per_request(const std::string& marlod, const std::string& capture) {
+  return per_request(
+      [&](uint32_t bytes, const std::vector<std::string>& launcher) {
+        return run_daemon_download(marlod, bytes, launcher, capture);
+      },
+      "");
+}
+
 }  // namespace marlo::bench

@@ -21,4 +21,8 @@ struct InstructionFigures {
 InstructionFigures count_instructions(const std::string& marlod, const std::string& floor,
                                       const std::string& profiles_dir);
 
+// The daemon's instructions per request alone, the same way, with its
+// capture property set to `capture` ("" unset).
+double daemon_instructions_per_request(const std::string& marlod, const std::string& capture);
+
 }  // namespace marlo::bench

@@ -123,6 +123,36 @@ std::vector<uint32_t> parse_sizes(const std::string& text) {
   return sizes;
 }
 
+// What the daemon's capture of its wire costs: instructions per request
+// with it off and at "1" (headers), and the daemon's processor time per MiB
+// downloaded, the median of kRuns 64 MiB downloads each way (interleaved).
+void print_capture_cost(const std::string& marlod) {
+  const double off = marlo::bench::daemon_instructions_per_request(marlod, "");
+  const double headers = marlo::bench::daemon_instructions_per_request(marlod, "1");
+  std::printf(
+      "Instructions per IMG_OFFSET request (callgrind, all threads): capture off %.0f, capture 1 %.0f (+%.0f)\n", off,
+      headers, headers - off);
+  constexpr uint32_t kMib = 64;
+  std::vector<double> off_cpu, headers_cpu, writer;
+  for (int run = 0; run < kRuns; ++run) {
+    off_cpu.push_back(marlo::bench::run_daemon_download(marlod, kMib << 20).cpu_seconds);
+    const marlo::bench::DaemonDownload headers_run = marlo::bench::run_daemon_download(marlod, kMib << 20, {}, "1");
+    headers_cpu.push_back(headers_run.cpu_seconds);
+    writer.push_back(headers_run.capture_writer_seconds);
+  }
+  std::sort(off_cpu.begin(), off_cpu.end());
+  std::sort(headers_cpu.begin(), headers_cpu.end());
+  std::sort(writer.begin(), writer.end());
+  const double writer_ms = writer[writer.size() / 2] * 1000 / kMib;
+  const double off_ms = off_cpu[off_cpu.size() / 2] * 1000 / kMib;
+  const double headers_ms = headers_cpu[headers_cpu.size() / 2] * 1000 / kMib;
+  std::printf("Processor time per MiB downloaded (%u MiB, median of %d): capture off %.2f ms, capture 1 %.2f ms\n",
+              kMib, kRuns, off_ms, headers_ms);
+  std::printf("Capture writer thread, processor time per MiB downloaded (capture 1): %.3f ms\n", writer_ms);
+  std::printf("\ncapture_instr_added=%.0f capture_cpu_ms_per_mib_added=%.2f capture_writer_ms_per_mib=%.3f\n",
+              headers - off, headers_ms - off_ms, writer_ms);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -132,6 +162,7 @@ int main(int argc, char** argv) {
   bool pinned = true;
   bool instructions_only = false;
   bool rma_only = false;
+  bool capture_only = false;
   std::string profiles_dir;
   for (int i = 1; i < argc; ++i) {
     if (std::strcmp(argv[i], "--marlod") == 0 && i + 1 < argc) {
@@ -140,6 +171,8 @@ int main(int argc, char** argv) {
       instructions_only = true;
     } else if (std::strcmp(argv[i], "--rma") == 0) {
       rma_only = true;
+    } else if (std::strcmp(argv[i], "--capture") == 0) {
+      capture_only = true;
     } else if (std::strcmp(argv[i], "--profiles") == 0 && i + 1 < argc) {
       profiles_dir = argv[++i];
     } else if (std::strcmp(argv[i], "--unpinned") == 0) {
@@ -149,7 +182,7 @@ int main(int argc, char** argv) {
     } else {
       std::fprintf(stderr,
                    "usage: %s [--marlod PATH] [--sizes MIB,MIB,...] [--unpinned] [--instructions] "
-                   "[--rma] [--profiles DIR]\n",
+                   "[--rma] [--capture] [--profiles DIR]\n",
                    argv[0]);
       return 2;
     }
@@ -167,6 +200,10 @@ int main(int argc, char** argv) {
       const marlo::bench::RmaFigures rma = marlo::bench::run_rma_writes(marlod, kRmaPartitionBytes);
       print_rma(rma);
       std::printf("\nrma_ratio=%.2f\n", rma.daemon_blocks_per_second / rma.plain_blocks_per_second);
+      return 0;
+    }
+    if (capture_only) {
+      print_capture_cost(marlod);
       return 0;
     }
     // Counted first, on a machine the timed runs have not yet warmed.

@@ -15,6 +15,7 @@
 #include <android/log.h>
 #include <cutils/properties.h>
 
+#include "capture/recorder.h"
 #include "daemon/DFUCallback.h"
 #include "daemon/NoFlashPsramWorker.h"
 #include "daemon/SSRHandler.h"
@@ -88,6 +89,7 @@ void MarloDaemon::setFirmwareVersion(std::unique_ptr<wear_firmware_info_t> recor
 
 void MarloDaemon::startMarloDaemon() {
   __android_log_print(ANDROID_LOG_INFO, nullptr, "Start Marlo Daemon");
+  marlo::capture::poll_property();        // before the first message, so that a capture holds the whole boot
   marlo_rma::remove_stale_temporaries();  // before the RMA channel can be served
   g_marlo_daemon = this;
   g_daemon_state = 1;
@@ -98,6 +100,7 @@ void MarloDaemon::startMarloDaemon() {
   if (initMarlo() == 0) g_daemon_state = 3;
   for (;;) {
     serviceResetProperty();
+    marlo::capture::poll_property();
     marlo_deamon_log::flush_repeat_summaries();
     fw_updater->history().checkpoint();
     platform::sleep(1);

@@ -86,7 +86,7 @@ void SSRHandler::marloSSREventListener() {
   // Two spare bytes terminate the last string and the list of strings.
   char buffer[kMaxMessage + 2] = {};
   while (waitForMessage(socket.get())) {
-    ssize_t length = uevent_kernel_multicast_recv(socket.get(), buffer, kMaxMessage);
+    ssize_t length = platform::receive_uevent(socket.get(), buffer, kMaxMessage);
     if (length > 0) {
       handleMessage(buffer, length);
       continue;

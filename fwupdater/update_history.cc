@@ -10,6 +10,7 @@
 #include <ctime>
 #include <utility>
 
+#include "capture/recorder.h"
 #include "daemon/marlo_deamon_log.h"
 #include "platform/os.h"
 #include "platform/read_file.h"
@@ -123,9 +124,6 @@ std::string json_string(std::string_view text) {
   return out + "\"";
 }
 
-// The seam to the wire capture: none is recorded yet.
-std::string capture_file_in_use() { return ""; }
-
 update_history::attempt update_history::start(attempt_kind kind, attempt_facts facts) {
   attempt a;
   a.kind = kind;
@@ -137,7 +135,7 @@ update_history::attempt update_history::start(attempt_kind kind, attempt_facts f
   a.facts = std::move(facts);
   a.start = utc_now();
   a.start_ns = platform::daemon_clock_ns();
-  a.capture = bounded(capture_file_in_use());
+  a.capture = bounded(capture::current_file());  // empty when the wire is not recorded
   return a;
 }
 

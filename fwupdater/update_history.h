@@ -78,10 +78,6 @@ version_texts reported_versions(const wear_firmware_info_t& record);
 // whatever the co-processor or a version file holds.
 std::string json_string(std::string_view text);
 
-// The capture file that holds the attempt beginning now, empty when the
-// wire is not being recorded.
-std::string capture_file_in_use();
-
 class update_history {
  public:
   // Opens an attempt of `kind` and rewrites the file. One of the same kind

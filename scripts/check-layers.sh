@@ -9,7 +9,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 # Folder and layer, lowest first.
-declare -A layer=([platform]=0 [common]=0 [comhandler]=1 [glink]=2 [fwupdater]=3 [rma]=3 [daemon]=4)
+declare -A layer=([platform]=0 [common]=0 [capture]=0 [comhandler]=1 [glink]=2 [fwupdater]=3 [rma]=3 [daemon]=4)
 allowed_upward="daemon/marlo_deamon_log.h"
 
 edges=()

@@ -8,6 +8,11 @@
 #include <time.h>
 
 #include <cerrno>
+#include <cstring>
+
+#include <cutils/uevent.h>
+
+#include "platform/wire_tap.h"
 
 namespace platform {
 
@@ -15,19 +20,112 @@ namespace platform {
 // daemon is built for a 32-bit user space on the device.
 static_assert(sizeof(void*) == 4, "marlod must be built 32-bit for the control device's request block");
 
-int close(int fd) { return ::close(fd); }
-ssize_t read(int fd, void* buf, size_t count) { return ::read(fd, buf, count); }
 ssize_t pread(int fd, void* buf, size_t count, off_t offset) { return ::pread(fd, buf, count, offset); }
-ssize_t write(int fd, const void* buf, size_t count) { return ::write(fd, buf, count); }
 ssize_t pwrite(int fd, const void* buf, size_t count, off_t offset) { return ::pwrite(fd, buf, count, offset); }
 off_t lseek(int fd, off_t offset, int whence) { return ::lseek(fd, offset, whence); }
 int ftruncate(int fd, off_t length) { return ::ftruncate(fd, length); }
 int fsync(int fd) { return ::fsync(fd); }
 int fdatasync(int fd) { return ::fdatasync(fd); }
-int poll(struct pollfd* fds, nfds_t nfds, int timeout_ms) { return ::poll(fds, nfds, timeout_ms); }
-int ioctl(int fd, unsigned long request, void* arg) { return ::ioctl(fd, request, arg); }
 int pipe(int fds[2]) { return ::pipe2(fds, O_CLOEXEC); }
-int fcntl(int fd, int cmd, int arg) { return ::fcntl(fd, cmd, arg); }
+int close(int fd) {
+  wire::closed(fd);
+  return ::close(fd);
+}
+
+// A packet channel returns one packet per read.
+ssize_t read(int fd, void* buf, size_t count) {
+  const ssize_t n = ::read(fd, buf, count);
+  if (n > 0) {
+    wire::received(fd, buf, static_cast<size_t>(n), nullptr, 0);
+  } else if (n == 0 && count > 0) {
+    wire::hung_up(fd);
+  }
+  return n;
+}
+
+ssize_t write(int fd, const void* buf, size_t count) {
+  const ssize_t n = ::write(fd, buf, count);
+  if (n > 0) wire::sent(fd, buf, static_cast<size_t>(n));
+  return n;
+}
+
+int poll(struct pollfd* fds, nfds_t nfds, int timeout_ms) {
+  const int ready = ::poll(fds, nfds, timeout_ms);
+  if (ready > 0 && wire::observing()) {
+    for (nfds_t i = 0; i < nfds; ++i) {
+      if (fds[i].revents & POLLHUP) wire::hung_up(fds[i].fd);
+    }
+  }
+  return ready;
+}
+
+namespace {
+
+// The control device's request block and the words the driver follows.
+constexpr unsigned long kResetRequest = 0xc0205605;
+constexpr unsigned long kIpcRequest = 0xc0205608;
+constexpr size_t kRequestBlock = 32;
+constexpr size_t kVersionRecord = 308;
+constexpr size_t kBlockValueWord = 0;
+constexpr size_t kBlockReplyWord = 28;
+
+const uint8_t* block_pointer(const uint8_t* block, size_t word) {
+  uint32_t value;
+  std::memcpy(&value, block + word, sizeof(value));
+  return reinterpret_cast<const uint8_t*>(static_cast<uintptr_t>(value));
+}
+
+// The control device's request and answer as the virtual device carries
+// them, for the wire's observer.
+int observed_control_ioctl(int fd, unsigned long request, uint8_t* block) {
+  uint8_t message[4 + kRequestBlock + 4];
+  const uint32_t request_word = static_cast<uint32_t>(request);
+  std::memcpy(message, &request_word, 4);
+  std::memcpy(message + 4, block, kRequestBlock);
+  size_t length = 4 + kRequestBlock;
+  const uint8_t* data = request == kResetRequest ? block_pointer(block, kBlockValueWord) : nullptr;
+  if (data != nullptr) {
+    std::memcpy(message + length, data, 4);
+    length += 4;
+  }
+  wire::control(fd, wire::Direction::Outbound, message, length);
+  const uint8_t* reply = request == kIpcRequest ? block_pointer(block, kBlockReplyWord) : nullptr;
+  const int32_t result = ::ioctl(fd, request, block);
+  const int32_t err = result == -1 ? errno : 0;
+  uint8_t answer[8 + kRequestBlock + kVersionRecord];
+  std::memcpy(answer, &result, 4);
+  std::memcpy(answer + 4, &err, 4);
+  std::memcpy(answer + 8, block, kRequestBlock);
+  size_t answer_length = 8 + kRequestBlock;
+  if (reply != nullptr && result != -1) {
+    std::memcpy(answer + answer_length, reply, kVersionRecord);
+    answer_length += kVersionRecord;
+  }
+  wire::control(fd, wire::Direction::Inbound, answer, answer_length);
+  errno = err;
+  return result;
+}
+
+}  // namespace
+
+int ioctl(int fd, unsigned long request, void* arg) {
+  if (!wire::observing() || !wire::is_node(fd, wire::Node::Control)) return ::ioctl(fd, request, arg);
+  return observed_control_ioctl(fd, request, static_cast<uint8_t*>(arg));
+}
+
+int fcntl(int fd, int cmd, int arg) {
+  const int result = ::fcntl(fd, cmd, arg);
+  if (result >= 0 && (cmd == F_DUPFD || cmd == F_DUPFD_CLOEXEC)) wire::duplicated(fd, result);
+  return result;
+}
+
+ssize_t receive_uevent(int socket, void* buffer, size_t length) {
+  const ssize_t n = uevent_kernel_multicast_recv(socket, buffer, length);
+  if (n > 0)
+    wire::uevent(buffer, n < static_cast<ssize_t>(length) ? static_cast<size_t>(n) : length, static_cast<size_t>(n));
+  return n;
+}
+
 unsigned int sleep(unsigned int seconds) { return ::sleep(seconds); }
 int usleep(useconds_t usec) { return ::usleep(usec); }
 int64_t daemon_clock_ns() {

@@ -3,11 +3,20 @@
 // test module links testing/scratch_paths.cc in its place.
 #include <fcntl.h>
 
+#include <cerrno>
+
 #include "platform/os.h"
+#include "platform/wire_tap.h"
 
 namespace platform {
 
-int open(const char* path, int flags, mode_t mode) { return ::open(path, flags | O_CLOEXEC, mode); }
+int open(const char* path, int flags, mode_t mode) {
+  const int fd = ::open(path, flags | O_CLOEXEC, mode);
+  const int err = errno;
+  wire::opened(path, fd, err);
+  errno = err;
+  return fd;
+}
 int rename(const char* from, const char* to) { return ::rename(from, to); }
 int unlink(const char* path) { return ::unlink(path); }
 int access(const char* path, int mode) { return ::access(path, mode); }

@@ -27,6 +27,7 @@
 #include "host_root.h"
 #include "platform/host_testing.h"
 #include "platform/os.h"
+#include "platform/wire_tap.h"
 
 namespace {
 
@@ -154,6 +155,7 @@ int node_ioctl(int fd, unsigned long request, void* arg) {
   // An answer that came after its request timed out belongs to no request.
   while (::recv(fd, answer, sizeof(answer), MSG_DONTWAIT) > 0) {
   }
+  platform::wire::control(fd, platform::wire::Direction::Outbound, message.data(), message.size());
   if (::send(fd, message.data(), message.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(message.size())) return -1;
   struct pollfd waiting = {fd, POLLIN, 0};
   const int ready = ::poll(&waiting, 1, kAnswerTimeoutMs);
@@ -166,6 +168,7 @@ int node_ioctl(int fd, unsigned long request, void* arg) {
     if (n >= 0) errno = EIO;
     return -1;
   }
+  platform::wire::control(fd, platform::wire::Direction::Inbound, answer, static_cast<size_t>(n));
   int32_t result;
   int32_t err;
   std::memcpy(&result, answer, sizeof(result));
@@ -199,7 +202,11 @@ ssize_t receive_into(int fd, void* buf, size_t count) {
     errno = EMSGSIZE;
     return -1;
   }
-  if (static_cast<size_t>(got) <= direct) return got;
+  if (static_cast<size_t>(got) <= direct) {
+    platform::wire::received(fd, buf, static_cast<size_t>(got), nullptr, 0);
+    return got;
+  }
+  platform::wire::received(fd, buf, direct, spill.get(), static_cast<size_t>(got) - direct);
   std::lock_guard<std::mutex> lock(g_nodes_mutex);
   auto it = g_nodes.find(fd);
   if (it != g_nodes.end()) {
@@ -264,7 +271,9 @@ bool drained_and_closed(int fd) {
 
 namespace platform {
 
-int open(const char* path, int flags, mode_t mode) {
+namespace {
+
+int open_resolved(const char* path, int flags, mode_t mode) {
   std::string resolved = host::resolve(path);
   {
     auto recording = host::journal::hold();
@@ -297,7 +306,18 @@ int open(const char* path, int flags, mode_t mode) {
   return fd;
 }
 
+}  // namespace
+
+int open(const char* path, int flags, mode_t mode) {
+  const int fd = open_resolved(path, flags, mode);
+  const int err = errno;
+  wire::opened(path, fd, err);
+  errno = err;
+  return fd;
+}
+
 int close(int fd) {
+  wire::closed(fd);
   {
     std::lock_guard<std::mutex> lock(g_nodes_mutex);
     g_nodes.erase(fd);
@@ -310,6 +330,7 @@ int close(int fd) {
 ssize_t read(int fd, void* buf, size_t count) {
   bool node = false;
   const ssize_t got = node_read(fd, buf, count, &node);
+  if (node && got == 0 && count > 0) wire::hung_up(fd);
   return node ? got : ::read(fd, buf, count);
 }
 
@@ -327,6 +348,7 @@ ssize_t write(int fd, const void* buf, size_t count) {
   auto recording = host::journal::hold();
   const ssize_t sent = ::send(fd, buf, count, MSG_NOSIGNAL);
   if (sent > 0) host::journal::packet(fd, buf, static_cast<size_t>(sent));
+  if (sent > 0) wire::sent(fd, buf, static_cast<size_t>(sent));
   return sent;
 }
 
@@ -349,6 +371,7 @@ int poll(struct pollfd* fds, nfds_t nfds, int timeout_ms) {
     } else if ((entry.revents & POLLHUP) && drained_and_closed(entry.fd)) {
       // A closed peer shows as a hang-up alone, never as something to read.
       entry.revents = POLLHUP;
+      wire::hung_up(entry.fd);
     }
     if (entry.revents != 0) ++ready;
   }
@@ -371,6 +394,7 @@ int fcntl(int fd, int cmd, int arg) {
       Node copy = it->second;  // the new descriptor reads the same packet stream
       g_nodes[result] = std::move(copy);
     }
+    wire::duplicated(fd, result);
   }
   if (result >= 0 && (cmd == F_DUPFD || cmd == F_DUPFD_CLOEXEC) && host::journal::enabled()) {
     auto recording = host::journal::hold();

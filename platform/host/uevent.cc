@@ -4,6 +4,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -11,6 +12,8 @@
 #include <cutils/uevent.h>
 
 #include "host_root.h"
+#include "platform/os.h"
+#include "platform/wire_tap.h"
 
 extern "C" int uevent_open_socket(int buf_sz, bool /*passcred*/) {
   std::string path = platform::host::resolve("/dev/uevent");
@@ -53,3 +56,13 @@ extern "C" ssize_t uevent_kernel_multicast_recv(int socket, void* buffer, size_t
   }
   return n;
 }
+
+namespace platform {
+
+ssize_t receive_uevent(int socket, void* buffer, size_t length) {
+  const ssize_t n = uevent_kernel_multicast_recv(socket, buffer, length);
+  if (n > 0) wire::uevent(buffer, std::min(static_cast<size_t>(n), length), static_cast<size_t>(n));
+  return n;
+}
+
+}  // namespace platform

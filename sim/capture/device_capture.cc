@@ -2,10 +2,12 @@
 
 #include <algorithm>
 
+#include "capture/pcapng_writer.h"
 #include "common/le32.h"
-#include "sim/capture/pcapng_writer.h"
 
 namespace marlo::sim {
+
+using capture::PcapngWriter;
 
 namespace {
 

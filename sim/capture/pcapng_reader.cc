@@ -4,14 +4,14 @@
 #include <fstream>
 #include <iterator>
 
+#include "capture/pcapng_format.h"
 #include "common/le32.h"
-#include "sim/capture/pcapng_format.h"
 
 namespace marlo::sim {
 
 namespace {
 
-using namespace pcapng;
+using namespace capture::pcapng;
 
 // The largest message of the virtual device, and a block holding it with
 // its framing.

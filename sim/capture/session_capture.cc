@@ -7,6 +7,8 @@
 
 namespace marlo::sim {
 
+using capture::PcapngWriter;
+
 namespace {
 
 constexpr const char* kStreamSuffix = " stream ";

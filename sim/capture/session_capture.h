@@ -47,7 +47,7 @@
 #include <mutex>
 #include <string>
 
-#include "sim/capture/pcapng_writer.h"
+#include "capture/pcapng_writer.h"
 
 namespace marlo::sim {
 
@@ -82,7 +82,7 @@ class SessionCapture {
 
  private:
   std::mutex mutex_;
-  PcapngWriter writer_;  // guarded by mutex_
+  capture::PcapngWriter writer_;  // guarded by mutex_
 };
 
 // The capture of the device served at `root`, for the senders that know only

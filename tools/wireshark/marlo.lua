@@ -34,6 +34,9 @@ for i = 0, 255 do
   crc_table[i] = c
 end
 local CRC_INIT = 0xFFFFFFFF
+-- A message whose data a capture left out (its captured length below its
+-- original one): lengths are checked against the original, CRCs not at all.
+local recorded_in_part = "message recorded in part"
 local function crc_update(crc, s)
   for i = 1, #s, 4096 do
     local bytes = { s:byte(i, math.min(i + 4095, #s)) }
@@ -271,7 +274,7 @@ local dfu_outbound = { [1] = true, [4] = true, [6] = true, [12] = true, [13] = t
 
 local function dissect_dfu(tvb, pinfo, root)
   pinfo.cols.protocol = "MARLO DFU"
-  local len = tvb:len()
+  local len, whole = tvb:len(), tvb:reported_len()
   local tree = root:add(F.dfu, tvb())
   if len == 0 then return channel_event(pinfo, tree, "dfu", "DFU channel") end
   if len < 16 then
@@ -283,23 +286,23 @@ local function dissect_dfu(tvb, pinfo, root)
   local cmd_item = tree:add_le(F.dfu_cmd, tvb(0, 4))
   local magic_item = tree:add_le(F.dfu_magic, tvb(4, 4))
   if tvb(4, 4):le_uint() ~= 0x0A0B0C0D then magic_item:add_proto_expert_info(E.magic) end
-  local total, full = tvb(8, 4):le_uint(), tvb:reported_len()
+  local total = tvb(8, 4):le_uint()
   local length_item = tree:add_le(F.dfu_length, tvb(8, 4))
-  if total ~= full then
-    length_item:add_proto_expert_info(E.length, string.format("Length word says %d, packet holds %d", total, full))
+  if total ~= whole then
+    length_item:add_proto_expert_info(E.length, string.format("Length word says %d, packet holds %d", total, whole))
   end
   local crc = tvb(12, 4):le_uint()
   local crc_item = tree:add_le(F.dfu_crc, tvb(12, 4))
   local calc = crc_of[pinfo.number]
-  if full > len then
+  if whole > len then
     calc = crc  -- a message cut in the capture: its CRC cannot be checked
-    crc_item:append_text(" [not checked: the message is cut]")
+    crc_item:append_text(" [not checked: " .. recorded_in_part .. "]")
   elseif not calc then
     calc = crc_update(crc_update(CRC_INIT, tvb:raw(0, 12)), "\0\0\0\0")
     calc = crc_final(crc_update(calc, len > 16 and tvb:raw(16, len - 16) or ""))
     crc_of[pinfo.number] = calc
   end
-  if full == len then
+  if whole == len then
     crc_item:add(F.dfu_crc_calc, calc):set_generated()
     crc_item:add(F.dfu_crc_status, calc == crc and 1 or 0):set_generated()
   end
@@ -327,9 +330,9 @@ local function dissect_dfu(tvb, pinfo, root)
     local off = add_le32(tree, F.dfu_offset, tvb, len, 20)
     local flen = add_le32(tree, F.dfu_fragment_len, tvb, len, 24)
     if id and off and flen then info = info .. string.format(" id=%d offset=%d len=%d", id, off, flen) end
-    if cmd == 6 and len > 28 then
-      tree:add(F.dfu_fragment, tvb(28, len - 28))
-      info = info .. string.format(" (%d bytes)", len - 28)
+    if cmd == 6 and len > 28 then tree:add(F.dfu_fragment, tvb(28, len - 28)) end
+    if cmd == 6 and whole > 28 then
+      info = info .. string.format(" (%d bytes%s)", whole - 28, len < whole and ", not recorded" or "")
     end
   elseif cmd == 13 then
     local op = add_le32(tree, F.dfu_op, tvb, len, 16)
@@ -368,7 +371,7 @@ local function dissect_dfu(tvb, pinfo, root)
   end
   if len > total and total >= 16 then tree:add(F.dfu_extra, tvb(total, len - total)) end
   if calc ~= crc then info = info .. " [BAD CRC]" end
-  if total ~= full then info = info .. " [BAD LENGTH]" end
+  if total ~= whole then info = info .. " [BAD LENGTH]" end
 
   if name then
     take_answer(pinfo, "dfu", cmd)
@@ -381,7 +384,7 @@ end
 -- Misc-data channel -----------------------------------------------------------------------------------------
 local function dissect_misc(tvb, pinfo, root)
   pinfo.cols.protocol = "MARLO MISC"
-  local len = tvb:len()
+  local len, whole = tvb:len(), tvb:reported_len()
   local tree = root:add(F.misc, tvb())
   if len == 0 then return channel_event(pinfo, tree, "misc", "misc-data channel") end
   if len < 16 then
@@ -471,7 +474,7 @@ local rma_answer_of = { [0] = 1, [2] = 3, [256] = 257, [512] = 513 }
 
 local function dissect_rma(tvb, pinfo, root)
   pinfo.cols.protocol = "MARLO RMA"
-  local len = tvb:len()
+  local len, whole = tvb:len(), tvb:reported_len()
   local tree = root:add(F.rma, tvb())
   if len == 0 then return channel_event(pinfo, tree, "rma", "RMA channel") end
   if len < 12 then
@@ -480,11 +483,10 @@ local function dissect_rma(tvb, pinfo, root)
     return
   end
   local crc, total, cmd = tvb(0, 4):le_uint(), tvb(4, 4):le_uint(), tvb(8, 4):le_uint()
-  local full = tvb:reported_len()
   local crc_item = tree:add_le(F.rma_crc, tvb(0, 4))
   local calc = crc
-  if full > len then
-    crc_item:append_text(" [not checked: the message is cut]")
+  if whole > len then
+    crc_item:append_text(" [not checked: " .. recorded_in_part .. "]")
   else
     calc = crc_of[pinfo.number] or crc_final(crc_update(CRC_INIT, tvb:raw(4, len - 4)))
     crc_of[pinfo.number] = calc
@@ -493,8 +495,8 @@ local function dissect_rma(tvb, pinfo, root)
   end
   if calc ~= crc then crc_item:add_proto_expert_info(E.crc, string.format("CRC 0x%08x, computed 0x%08x", crc, calc)) end
   local length_item = tree:add_le(F.rma_length, tvb(4, 4))
-  if total ~= full then
-    length_item:add_proto_expert_info(E.length, string.format("Length word says %d, packet holds %d", total, full))
+  if total ~= whole then
+    length_item:add_proto_expert_info(E.length, string.format("Length word says %d, packet holds %d", total, whole))
   end
   local cmd_item = tree:add_le(F.rma_cmd, tvb(8, 4))
   local name = rma_cmds[cmd]
@@ -519,8 +521,8 @@ local function dissect_rma(tvb, pinfo, root)
     if mem and off and size then info = info .. string.format(" memory=%d offset=%d size=%d", mem, off, size) end
     if cmd == 512 and len > 32 then
       tree:add(F.rma_data, tvb(32, len - 32))
-      if size and size ~= len - 32 then
-        tree:add_proto_expert_info(E.length, string.format("Block size %d, message carries %d bytes", size, len - 32))
+      if size and size ~= whole - 32 then
+        tree:add_proto_expert_info(E.length, string.format("Block size %d, message carries %d bytes", size, whole - 32))
       end
     end
   elseif cmd == 2 then
@@ -552,7 +554,7 @@ local function dissect_rma(tvb, pinfo, root)
     end
   end
   if calc ~= crc then info = info .. " [BAD CRC]" end
-  if total ~= full then info = info .. " [BAD LENGTH]" end
+  if total ~= whole then info = info .. " [BAD LENGTH]" end
   if name then
     take_answer(pinfo, "rma", cmd)
     if rma_answer_of[cmd] then expect_answer(pinfo, "rma", rma_answer_of[cmd]) end

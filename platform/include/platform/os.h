@@ -55,6 +55,11 @@ int64_t daemon_clock_ns();
 // passed, -1 with errno set when the wait failed.
 int usleep_or_readable(int fd, useconds_t usec);
 
+// One uevent message from the daemon's uevent socket (the receive that
+// libcutils names uevent_kernel_multicast_recv): the message's true length,
+// more than `length` when it did not fit.
+ssize_t receive_uevent(int socket, void* buffer, size_t length);
+
 // A pointer as the 32-bit user-space word that the control device's request
 // block carries. The driver expects 32-bit user pointers.
 uint32_t user_word(void* p);

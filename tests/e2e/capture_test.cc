@@ -1,0 +1,240 @@
+// The daemon's own capture of its wire, switched by its property, checked
+// against the virtual device's capture of the same session and decoded by
+// tshark with the project's dissector.
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <set>
+
+#include "e2e_fixture.h"
+#include "sim/capture/pcapng_reader.h"
+#include "sim/rma_client.h"
+#include "wire/tshark_run.h"
+
+namespace marlo::e2e {
+namespace {
+
+namespace fs = std::filesystem;
+using Bytes = std::vector<uint8_t>;
+
+constexpr const char* kProperty = "persist.vendor.marlo.capture";
+constexpr long kWarn = 0x600000;  // tshark's expert severity "warning"
+
+enum class Scenario { Update, NoflashRma };
+struct Case {
+  const char* name;
+  Scenario scenario;
+  const char* level;  // the property's value; "" unset
+};
+
+// Messages of one interface in one direction, in order.
+using Streams = std::map<std::pair<uint32_t, uint32_t>, std::vector<const sim::CapturedPacket*>>;
+
+Streams streams_of(const std::vector<sim::CapturedPacket>& packets) {
+  Streams s;
+  for (const sim::CapturedPacket& p : packets) {
+    if (p.original_length > 0) s[{p.interface, p.flags & 3}].push_back(&p);
+  }
+  return s;
+}
+
+class Capture : public E2e, public ::testing::WithParamInterface<Case> {
+ protected:
+  std::string dir() const { return root_ + "/data/vendor/marlod/capture"; }
+
+  std::vector<std::string> files() const {
+    std::vector<std::string> names;
+    std::error_code ec;
+    for (const auto& e : fs::directory_iterator(dir(), ec)) names.push_back(e.path().filename().string());
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+
+  // Every packet of the daemon's files, oldest file first.
+  std::vector<sim::CapturedPacket> daemon_packets(std::vector<sim::CaptureFile>* files_read = nullptr) const {
+    std::vector<sim::CapturedPacket> all;
+    for (const std::string& name : files()) {
+      sim::CaptureFile f;
+      std::string error;
+      if (!sim::read_capture(dir() + "/" + name, &f, &error)) continue;
+      all.insert(all.end(), f.packets.begin(), f.packets.end());
+      if (files_read != nullptr) files_read->push_back(std::move(f));
+    }
+    return all;
+  }
+
+  void start(Scenario scenario, const char* level, int write_delay_ms = 0) {
+    std::error_code ec;  // an existing file in its place stays
+    fs::create_directories(dir(), ec);
+    if (*level != '\0') set_property(kProperty, level);
+    sim::DeviceOptions options = scenario == Scenario::Update ? sim::DeviceOptions{} : noflash_options();
+    options.dfu.write_delay_ms = write_delay_ms;
+    if (scenario == Scenario::Update) set_property("persist.vendor.zt_aon.dfu_update", "1");
+    sim_capture_ = root_ + "/sim.pcapng";
+    options.capture_file = sim_capture_;
+    start_device(std::move(options));
+    start_daemon();
+  }
+
+  bool scenario_done(Scenario scenario) const {
+    if (scenario == Scenario::Update) return update_finished();
+    return device_->rma().status().runs_completed >= 1 && device_->misc().status().finishes >= 1;
+  }
+
+  // Stretches of image, misc-data and RMA bytes that no header could hold
+  // by chance (many distinct byte values).
+  std::vector<std::string> data_windows(Scenario scenario) const {
+    std::vector<Bytes> sources;
+    if (scenario == Scenario::Update) {
+      for (const auto& image : shipped_.images) sources.push_back(image.second);
+    } else {
+      for (const auto& stored : device_->misc().status().stored) sources.push_back(stored.second);
+      for (const sim::RmaPartition& p : sim::RmaConfig{}.partitions)
+        sources.push_back(sim::RmaClient::run_pattern(1, p));
+    }
+    std::vector<std::string> windows;
+    for (const Bytes& b : sources) {
+      for (size_t at = 0; at + 48 <= b.size(); at += 512) {
+        if (std::set<uint8_t>(b.begin() + at, b.begin() + at + 48).size() >= 16) {
+          windows.emplace_back(b.begin() + at, b.begin() + at + 48);
+        }
+      }
+    }
+    return windows;
+  }
+
+  std::string sim_capture_;
+};
+
+// A session leaves files that the dissector decodes without a failure and
+// that hold the session's messages as the device saw them: whole with "2",
+// cut to their headers and protocol words with "1" (no image, misc-data or
+// RMA byte), none with the property unset.
+TEST_P(Capture, RecordsTheSessionAsTheDeviceSawIt) {
+  const Case c = GetParam();
+  start(c.scenario, c.level);
+  ASSERT_TRUE(wait_for([&] { return scenario_done(c.scenario); }));
+  sim::CaptureFile device_side;
+  std::string error;
+  ASSERT_TRUE(sim::read_capture(sim_capture_, &device_side, &error)) << error;
+  const Streams expected = streams_of(device_side.packets);
+  if (*c.level == '\0') {
+    stop_daemon();
+    EXPECT_EQ(files(), std::vector<std::string>{});
+    return;
+  }
+  // The daemon's file catches up with what the device recorded by the end.
+  std::vector<sim::CapturedPacket> packets;
+  ASSERT_TRUE(wait_for([&] {
+    packets = daemon_packets();
+    const Streams got = streams_of(packets);
+    for (const auto& s : expected) {
+      auto it = got.find(s.first);
+      if (it == got.end() || it->second.size() < s.second.size()) return false;
+    }
+    return true;
+  })) << "the daemon's capture lacks messages the device recorded";
+  stop_daemon();
+  packets = daemon_packets();
+  const bool full = std::string(c.level) == "2";
+  int cut = 0;
+  for (const auto& s : streams_of(packets)) {
+    const auto& want = expected.at(s.first);
+    for (size_t i = 0; i < std::min(s.second.size(), want.size()); ++i) {
+      const Bytes& got = s.second[i]->data;
+      const Bytes& sent = want[i]->data;
+      ASSERT_EQ(s.second[i]->original_length, sent.size()) << "interface " << s.first.first << " message " << i;
+      ASSERT_LE(got.size(), sent.size());
+      ASSERT_TRUE(std::equal(got.begin(), got.end(), sent.begin()))
+          << "interface " << s.first.first << " message " << i;
+      if (full) {
+        ASSERT_EQ(got.size(), sent.size());
+      }
+      cut += got.size() < sent.size();
+    }
+  }
+  EXPECT_EQ(cut > 0, !full);
+
+  std::string raw;
+  for (const std::string& name : files()) {
+    std::ifstream in(dir() + "/" + name, std::ios::binary);
+    raw.append(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    EXPECT_EQ(fs::status(dir() + "/" + name).permissions() & fs::perms::all,
+              fs::perms::owner_read | fs::perms::owner_write);
+  }
+  const std::vector<std::string> windows = data_windows(c.scenario);
+  ASSERT_GT(windows.size(), 4u);
+  size_t found = 0;
+  for (const std::string& w : windows) found += raw.find(w) != std::string::npos;
+  EXPECT_EQ(found, full ? windows.size() : 0u);
+
+  for (const std::string& name : files()) {
+    const wire::Decoded d = wire::decode(dir() + "/" + name, {"marlo.event"});
+    ASSERT_EQ(d.error, "");
+    EXPECT_GT(d.where("marlo.event", "open").size(), 0u);
+    for (const wire::Frame& f : d.frames) {
+      EXPECT_FALSE(f.has("_ws.malformed.expert")) << name << " frame " << f.get("frame.number");
+      for (const std::string& s : f.all("_ws.expert.severity")) {
+        EXPECT_LE(std::stol(s), kWarn) << name << " frame " << f.get("frame.number") << ": "
+                                       << f.get("_ws.expert.message");
+      }
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Levels, Capture,
+                         ::testing::Values(Case{"UpdateHeaders", Scenario::Update, "1"},
+                                           Case{"UpdateFull", Scenario::Update, "2"},
+                                           Case{"UpdateUnset", Scenario::Update, ""},
+                                           Case{"NoflashRmaHeaders", Scenario::NoflashRma, "1"},
+                                           Case{"NoflashRmaFull", Scenario::NoflashRma, "2"}),
+                         [](const ::testing::TestParamInfo<Case>& info) { return std::string(info.param.name); });
+
+// Switched back and forth while a download runs: each switch starts a new
+// file of the right kind, the ring keeps the newest four (older captures
+// removed first), and the download goes on untouched.
+TEST_F(Capture, SwitchedDuringADownloadKeepsTheRingToItsBound) {
+  fs::create_directories(dir());
+  for (int i = 1; i <= 6; ++i) std::ofstream(dir() + "/marlod-20000101T000000Z-000" + std::to_string(i) + ".pcapng");
+  start(Scenario::Update, "0", 25);  // a download of a few seconds
+  ASSERT_TRUE(wait_for([&] { return device_->dfu().status().sessions_started >= 1; }));
+  const char* levels[] = {"1", "2", "1", "2", "1", "2"};
+  for (const char* level : levels) {
+    const std::vector<std::string> before = files();
+    set_property(kProperty, level);
+    ASSERT_TRUE(wait_for([&] {
+      std::vector<sim::CaptureFile> read;
+      daemon_packets(&read);
+      const std::vector<std::string> now = files();
+      return now != before && now.size() <= 4 && !read.empty() &&
+             read.back().setup == (std::string(level) == "1" ? "capture=headers" : "capture=full");
+    })) << "level "
+        << level << ", files: " << ::testing::PrintToString(files());
+  }
+  EXPECT_EQ(device_->dfu().status().sessions_completed, 0) << "the switches came after the download";
+  ASSERT_TRUE(wait_for([&] { return update_finished(); }));
+  const std::vector<std::string> kept = files();
+  ASSERT_EQ(kept.size(), 4u);
+  for (const std::string& name : kept) EXPECT_EQ(name.find("marlod-2000"), std::string::npos) << name;
+  sim::DfuStatus dfu = device_->dfu().status();
+  EXPECT_EQ(dfu.crc_errors + dfu.protocol_errors + dfu.resends, 0);
+}
+
+// A capture directory that cannot hold files: one log line, no file, and the
+// update runs as without a capture.
+TEST_F(Capture, UnwritableDirectoryLeavesTheWireAlone) {
+  fs::create_directories(fs::path(dir()).parent_path());
+  std::ofstream(dir()) << "not a directory";
+  start(Scenario::Update, "1");
+  ASSERT_TRUE(wait_for([&] { return update_finished(); }));
+  EXPECT_EQ(log_count("cannot create a capture file"), 1);
+  sim::DfuStatus dfu = device_->dfu().status();
+  EXPECT_EQ(dfu.crc_errors + dfu.protocol_errors + dfu.resends, 0);
+  EXPECT_EQ(dfu.sessions_started, 1);
+  EXPECT_TRUE(fs::is_regular_file(dir()));
+}
+
+}  // namespace
+}  // namespace marlo::e2e
