@@ -499,51 +499,5 @@ TEST_F(Glink, PacketArrivingWhileClosingIsDropped) {
   EXPECT_TRUE(packets(0).empty());
 }
 
-// The whole answer arrives within the poll time-out, over as many reads as
-// it takes, or the read fails as a silent co-processor's does; either way it
-// gives its wakelock reference back.
-TEST_F(Glink, SynchronousReadsOfAnswers) {
-  enum class Then { Silence, EndOfStream };
-  const struct {
-    const char* name;
-    Bytes answer;
-    Then then;
-    int result;
-    std::chrono::milliseconds at_least, at_most;
-  } cases[] = {
-      {"whole answer", framed(24, 0, 0), Then::Silence, 0, 0ms, 1000ms},
-      {"short answer, then silence", Bytes(16, 7), Then::Silence, -1, 1500ms, 3500ms},
-      {"short answer, then end of stream", Bytes(16, 7), Then::EndOfStream, -1, 0ms, 1000ms},
-      {"end of stream before any answer", {}, Then::EndOfStream, -1, 0ms, 1000ms},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    ASSERT_EQ(connect("glink_pkt_marlo_custom_data", 44, false), 0);
-    if (!c.answer.empty()) send(c.answer);
-    if (c.then == Then::EndOfStream) ::shutdown(peer_, SHUT_WR);
-    const int zero_reads = log_.count("Zero length packet received");
-    const auto start = Clock::now();
-    Bytes answer(24);
-    auto read = std::async(std::launch::async, [&] {
-      // Two reads of the one packet: a read may take part of it.
-      const int first = glink_->read_response(answer.data(), 10);
-      return first != 0 ? first : glink_->read_response(answer.data() + 10, 14);
-    });
-    if (read.wait_for(4s) != std::future_status::ready) {
-      ADD_FAILURE() << "the read did not end";
-      ::close(std::exchange(peer_, -1));  // lets the read end
-    }
-    const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start);
-    EXPECT_EQ(read.get(), c.result);
-    if (c.result == 0) {
-      EXPECT_EQ(answer, c.answer);
-    }
-    EXPECT_GE(elapsed.count(), c.at_least.count());
-    EXPECT_LE(elapsed.count(), c.at_most.count());
-    EXPECT_LE(log_.count("Zero length packet received") - zero_reads, 1);
-    EXPECT_EQ(client_wakelock::get_instance()->references(), 0);
-  }
-}
-
 }  // namespace
 }  // namespace marlo::test

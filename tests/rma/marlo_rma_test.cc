@@ -1,10 +1,7 @@
 // The RMA client serving a virtual co-processor on a real packet channel.
 #include "rma/marlo_rma.h"
 
-#include <signal.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <zlib.h>
 
@@ -284,45 +281,6 @@ TEST_F(RmaTest, ClaimsAreBoundedByTheStoragePolicy) {
   // A name claimed before is still served.
   exchange(connect_request(1, 0, 0, 1));
   EXPECT_EQ(words(exchange(data_request(256, 1, 1, 0, 0)), 5)[4], 0u);
-}
-
-// A crash while a backing file is being created: the child running the
-// CONNECT is killed by the file-size limit part-way through the zeros.
-TEST_F(RmaTest, CreationKilledHalfWayLeavesOnlyATemporaryThatStartUpRemoves) {
-  pid_t child = ::fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    ::alarm(20);  // a child that cannot finish ends, and the check below says so
-    struct rlimit no_core = {0, 0}, limit = {4096, 4096};
-    ::setrlimit(RLIMIT_CORE, &no_core);
-    ::setrlimit(RLIMIT_FSIZE, &limit);
-    ::signal(SIGXFSZ, SIG_DFL);
-    marlo_deamon_log::set_level(marlo_deamon_log::LOG_LEVEL_NONE);  // no log lock taken after the fork
-    Bytes connect = connect_request(7, 5, 8192, 99);
-    marlo_rma().rma_conn_res_event_cb(connect.data(), static_cast<unsigned>(connect.size()));
-    ::_exit(0);
-  }
-  int status = 0;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
-  ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGXFSZ) << "status " << status;
-  auto names = [this] {
-    std::vector<std::string> out;
-    for (const auto& entry : std::filesystem::directory_iterator(root_.at("/data/vendor/aon"))) {
-      out.push_back(entry.path().filename());
-    }
-    return out;
-  };
-  std::vector<std::string> left = names();
-  ASSERT_EQ(left.size(), 1u) << "the partial file";
-  EXPECT_NE(left[0], "757") << "a partition name was given to a partial file";
-
-  root_.write("/data/vendor/aon/123", "kept");
-  marlo_rma::remove_stale_temporaries();
-  EXPECT_EQ(names(), std::vector<std::string>{"123"});
-  exchange(connect_request(7, 5, 8192, 99));
-  const std::string created = root_.read("/data/vendor/aon/757");
-  EXPECT_EQ(created.size(), 8192u);
-  EXPECT_EQ(created.find_first_not_of('\0'), std::string::npos);
 }
 
 TEST_F(RmaTest, DisconnectAnswersStoredIdsAndUnknownCommandsGoUnanswered) {
