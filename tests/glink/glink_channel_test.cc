@@ -288,16 +288,20 @@ TEST_F(Glink, HangUpReopensTheChannelAndTheReaderGoesOn) {
     send(framed(16, 4, 16));
     EXPECT_EQ(packets(1).size(), 1u);
     EXPECT_EQ(log_.count("GLINK_int glink_read fd") - reads, half_close ? 2 : 1) << "no read spins on the hang-up";
+    // A packet came: the next hang-up is an ordinary restart, reopened at once.
+    hang_up_and_accept_reopen(half_close);
+    EXPECT_EQ(errors(2), (Errors{GLINK_SSR, GLINK_SSR}));
   }
   EXPECT_TRUE(log_.contains("GLINK_int channel is already opened"));
   EXPECT_TRUE(log_.contains("GLINK_int end of stream on fd"));
+  EXPECT_FALSE(log_.contains("hung up again before any packet came"));
 
   // A failed reopen is reported all the same; sends are refused until the
   // user connects again; the reader goes on all the while.
   const int exits = log_.count("GLINK thread exit");
   node_.reset();
   ::close(std::exchange(peer_, -1));
-  EXPECT_EQ(errors(2), (Errors{GLINK_SSR, GLINK_SSR}));
+  EXPECT_EQ(errors(3), (Errors{GLINK_SSR, GLINK_SSR, GLINK_SSR}));
   unsigned char request[4] = {1, 2, 3, 4};
   EXPECT_EQ(glink_->send_request(request, sizeof(request)), -1);
   EXPECT_TRUE(log_.contains("is reconnecting, cannot send request"));
