@@ -441,31 +441,6 @@ TEST_F(Glink, DisconnectFromACallbackLeavesTheReaderForTheOwnerToJoin) {
   }
 }
 
-TEST_F(Glink, PacketHandedToAnotherThreadStaysValidAfterItsDelivery) {
-  ASSERT_EQ(connect("glink_pkt_marlo_dfu", 44), 0);
-  std::promise<void> delivering, released;
-  std::shared_future<void> release = released.get_future().share();
-  glink_->register_cb(
-      [&](uint8_t*, uint32_t) {
-        delivering.set_value();
-        release.wait();
-      },
-      {});
-  const Bytes packet = framed(40, 8, 40);
-  send(packet);
-  ASSERT_EQ(delivering.get_future().wait_for(5s), std::future_status::ready);
-  // This thread takes the packet while the reader delivers it, then lets the
-  // reader finish and reads the bytes only once nothing is being delivered.
-  Bytes seen;
-  const int result = glink_->trigger_event_cb([&](uint8_t* data, uint32_t length) {
-    released.set_value();
-    EXPECT_TRUE(wait_until([&] { return glink_->trigger_event_cb([](uint8_t*, uint32_t) {}) == -1; }, 5s));
-    seen.assign(data, data + length);
-  });
-  EXPECT_EQ(result, 0);
-  EXPECT_EQ(seen, packet);
-}
-
 TEST_F(Glink, ChannelOpenedOnDescriptorZeroIsMovedAboveTheStandardOnes) {
   ASSERT_EQ(connect("glink_pkt_marlo_dfu", 44), 0);
   glink_->disconnect_interface();
