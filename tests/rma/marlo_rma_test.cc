@@ -34,10 +34,7 @@ class RmaTest : public ::testing::Test {
     root_.mkdir("/data/vendor/aon");
     root_.mkdir("/dev");
     node_ = std::make_unique<sim::DeviceNode>(root_.at("/dev/glink_pkt_marlo_rma"));
-    std::thread device([this] { peer_ = node_->accept_open(2000); });
-    rma_->startMarloRmaConnection();
-    device.join();
-    ASSERT_GE(peer_, 0);
+    start_client();
   }
   void TearDown() override {
     rma_.reset();  // before the peer hangs up, or the reader would reopen the channel
@@ -76,15 +73,15 @@ class RmaTest : public ::testing::Test {
     EXPECT_TRUE(sim::send_packet(peer_, message.data(), message.size()));
     return receive();
   }
-  // A restart of the co-processor: the client is started again, as on its
-  // power-up, and serves the new connection; the old one then hangs up.
-  void restart_coprocessor() {
+  // The client started, as on the co-processor's power-up, serving a new
+  // connection; an old one then hangs up (a restart of the co-processor).
+  void start_client() {
     int peer = -1;
     std::thread device([&] { peer = node_->accept_open(2000); });
     rma_->startMarloRmaConnection();
     device.join();
     ASSERT_GE(peer, 0);
-    ::close(peer_);
+    if (peer_ >= 0) ::close(peer_);
     peer_ = peer;
   }
   static std::vector<uint32_t> words(const Bytes& answer, size_t count) {
@@ -263,7 +260,7 @@ TEST_F(RmaTest, ANameClaimedByAnotherPartitionIsRefusedForTheWholeRun) {
   EXPECT_EQ(words(exchange(data_request(512, 11, 1, 0, 64, Bytes(64, 'C'))), 5)[4], 1u);
   EXPECT_EQ(root_.read(shared), std::string(owned.begin(), owned.end()));
 
-  restart_coprocessor();
+  start_client();
   other_pair_is_refused();
   owner_is_served();
 }
