@@ -7,7 +7,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstring>
 #include <future>
 #include <memory>
 #include <string>
@@ -15,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "common/le32.h"
 #include "daemon/marlo_deamon_log.h"
 #include "glink/marlo_glink.h"
 #include "rma/marlo_rma.h"
@@ -127,9 +127,8 @@ class RmaTransportLifetime : public ::testing::Test {
   }
   // A CONNECT of memory id 1 (second id 2, 4096 bytes) and its answer.
   static std::vector<uint8_t> connect_request() {
-    std::vector<uint8_t> message(40, 0);
-    const uint32_t fields[] = {0, 40, 0, 0, 1, 2, 4096};
-    std::memcpy(message.data(), fields, sizeof(fields));
+    std::vector<uint8_t> message;
+    for (uint32_t word : {0, 40, 0, 0, 1, 2, 4096, 0, 0, 0}) append_le32(message, word);
     return message;  // the client answers whatever the CRC
   }
   bool answered(int peer) {
