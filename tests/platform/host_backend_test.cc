@@ -1,22 +1,23 @@
-// The host backend's side of the virtual device: properties, the JSON log,
-// device-node opens and the uevent socket.
-#include <gtest/gtest.h>
-
+// The host backend's side of the virtual device where the daemon's own cases
+// would not show a fault: properties, the JSON log and packet-device reads.
+// (Device-node opens and the uevent socket are the daemon's daily bread: the
+// control-device, channel and restart-listener cases use them.)
 #include <fcntl.h>
-#include <sys/socket.h>
-#include <sys/un.h>
+#include <poll.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include <android/log.h>
 #include <cutils/properties.h>
-#include <cutils/uevent.h>
 
 #include "platform/os.h"
 #include "sim/device_node.h"
@@ -24,8 +25,10 @@
 
 namespace {
 
+using marlo::test::TestRoot;
+
 TEST(HostBackendTest, PropertiesAreOneFilePerProperty) {
-  marlo::test::TestRoot root;
+  TestRoot root;
   char value[PROPERTY_VALUE_MAX];
   EXPECT_EQ(property_get("vendor.test.unset", value, "dflt"), 4);
   EXPECT_STREQ(value, "dflt");
@@ -41,39 +44,15 @@ TEST(HostBackendTest, PropertiesAreOneFilePerProperty) {
   ASSERT_EQ(property_set("vendor.test.long", std::string(200, 'x').c_str()), 0);
   EXPECT_EQ(root.read("/dev/__properties__/vendor.test.long"), std::string(91, 'x'));
   // Writers leave nothing but the properties behind.
-  int files = 0;
-  for (const auto& entry : std::filesystem::directory_iterator(root.at("/dev/__properties__"))) {
-    (void)entry;
-    ++files;
-  }
-  EXPECT_EQ(files, 2);
+  const auto files = std::filesystem::directory_iterator(root.at("/dev/__properties__"));
+  EXPECT_EQ(std::distance(begin(files), end(files)), 2);
 }
 
-TEST(HostBackendTest, LogFileHoldsOneJsonObjectPerEntry) {
-  marlo::test::TestRoot root;
-  std::string log_file = root.at("/log.json");
-  ::setenv("MARLO_LOG_FILE", log_file.c_str(), 1);
-  __android_log_print(ANDROID_LOG_INFO, nullptr, "plain %d", 1);
-  __android_log_print(ANDROID_LOG_DEBUG, "marlo_fw_updater", "say \"hi\"\\\n\n");
-  ::unsetenv("MARLO_LOG_FILE");
-  __android_log_print(ANDROID_LOG_INFO, nullptr, "not in the file");
-
-  std::ifstream in(log_file);
-  std::string first, second, third;
-  std::getline(in, first);
-  std::getline(in, second);
-  EXPECT_FALSE(std::getline(in, third));
-  std::string tid = std::to_string(gettid());
-  EXPECT_EQ(first, "{\"prio\": 4, \"tag\": null, \"tid\": " + tid + ", \"msg\": \"plain 1\"}");
-  EXPECT_EQ(second, "{\"prio\": 3, \"tag\": \"marlo_fw_updater\", \"tid\": " + tid +
-                        ", \"msg\": \"say \\\"hi\\\"\\\\\\n\\n\"}");
-}
-
-// The log file is taken from the environment as it is at each entry, whatever
-// else changed in it between two entries (the backend does not search it
-// again for every entry).
-TEST(HostBackendTest, LogFileFollowsEveryChangeOfTheEnvironment) {
-  marlo::test::TestRoot root;
+// One JSON object per entry, in the file the environment names at each
+// entry, whatever else changed in the environment between two entries (the
+// backend does not search it again for every entry).
+TEST(HostBackendTest, LogFileHoldsOneJsonObjectPerEntryAndFollowsTheEnvironment) {
+  TestRoot root;
   const std::string a = root.at("/a.json"), b = root.at("/b.json");
   const auto log = [](const char* text) { __android_log_print(ANDROID_LOG_INFO, "t", "%s", text); };
   const auto lines = [](const std::string& path) {
@@ -83,7 +62,7 @@ TEST(HostBackendTest, LogFileFollowsEveryChangeOfTheEnvironment) {
     return all;
   };
   ::setenv("MARLO_LOG_FILE", a.c_str(), 1);
-  log("1");
+  __android_log_print(ANDROID_LOG_DEBUG, nullptr, "say \"hi\"\\\n\n");
   ::setenv("MARLO_TEST_OTHER", "x", 1);  // an entry added after it
   log("2");
   ::setenv("MARLO_LOG_FILE", b.c_str(), 1);  // replaced in place
@@ -95,63 +74,77 @@ TEST(HostBackendTest, LogFileFollowsEveryChangeOfTheEnvironment) {
   log("4");
   ::unsetenv("MARLO_LOG_FILE");
   log("none");  // a change of file writes what was queued for the last one
-  EXPECT_EQ(lines(a), "\"msg\": \"1\"}|\"msg\": \"2\"}|\"msg\": \"4\"}|");
+
+  std::ifstream in(a);
+  std::string first;
+  std::getline(in, first);
+  EXPECT_EQ(first, "{\"prio\": 3, \"tag\": null, \"tid\": " + std::to_string(gettid()) +
+                       ", \"msg\": \"say \\\"hi\\\"\\\\\\n\\n\"}");
+  EXPECT_EQ(lines(a), "\"msg\": \"say \\\"hi\\\"\\\\\\n\\n\"}|\"msg\": \"2\"}|\"msg\": \"4\"}|");
   EXPECT_EQ(lines(b), "\"msg\": \"3\"}|");
+  std::string tagged;
+  std::getline(std::ifstream(b), tagged);
+  EXPECT_NE(tagged.find("\"prio\": 4, \"tag\": \"t\""), std::string::npos) << tagged;
 }
 
-TEST(HostBackendTest, DeviceNodeOpenFollowsTheOpenStatus) {
-  marlo::test::TestRoot root;
-  root.mkdir("/dev");
-  errno = 0;
-  EXPECT_EQ(platform::open("/dev/glink_pkt_marlo_dfu", O_RDWR), -1);
-  EXPECT_EQ(errno, ENOENT);
+// A packet device's read rules on a virtual packet channel.
+class PacketDeviceTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    root_.mkdir("/dev");
+    // The open waits for the device's open status: the device accepts on its own thread.
+    std::thread device([this] { peer_ = node_.accept_open(2000); });
+    fd_ = platform::open("/dev/glink_pkt_marlo_rma", O_RDWR);
+    device.join();
+    ASSERT_GE(fd_, 0);
+    ASSERT_GE(peer_, 0);
+  }
+  void TearDown() override {
+    platform::close(fd_);
+    if (peer_ >= 0) ::close(peer_);
+  }
+  void send(const std::string& packet) { ASSERT_TRUE(marlo::sim::send_packet(peer_, packet.data(), packet.size())); }
+  // What one read of up to `count` bytes returns; "<n>" for a result n < 1, errno after "-1".
+  std::string read(size_t count) {
+    std::string out(count, '\0');
+    errno = 0;
+    const ssize_t n = platform::read(fd_, out.data(), count);
+    return n > 0 ? out.substr(0, static_cast<size_t>(n)) : "<" + std::to_string(n) + " " + std::to_string(errno) + ">";
+  }
+  short poll_events() {
+    struct pollfd entry = {fd_, POLLIN | POLLHUP, 0};
+    return platform::poll(&entry, 1, 0) == 1 ? entry.revents : 0;
+  }
 
-  marlo::sim::DeviceNode node(root.at("/dev/glink_pkt_marlo_dfu"));
-  node.fail_opens(1, EBUSY);
-  std::thread device([&] {
-    int fd = node.accept_open(5000);
-    if (fd >= 0) {
-      marlo::sim::send_packet(fd, "ab", 2);
-      ::close(fd);
-    }
-  });
-  EXPECT_EQ(platform::open("/dev/glink_pkt_marlo_dfu", O_RDWR), -1);
-  EXPECT_EQ(errno, EBUSY);
-  int fd = platform::open("/dev/glink_pkt_marlo_dfu", O_RDWR);
-  ASSERT_GE(fd, 0);
-  char buf[8] = {};
-  EXPECT_EQ(platform::read(fd, buf, sizeof(buf)), 2);
-  EXPECT_STREQ(buf, "ab");
-  device.join();
-  platform::close(fd);
+  TestRoot root_;
+  marlo::sim::DeviceNode node_{root_.at("/dev/glink_pkt_marlo_rma")};
+  int fd_ = -1;
+  int peer_ = -1;
+};
 
-  // A socket nobody listens on refuses the open.
-  std::string stale = root.at("/dev/glink_pkt_marlo_rma");
-  int listener = ::socket(AF_UNIX, SOCK_SEQPACKET, 0);
-  sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
-  std::strcpy(addr.sun_path, stale.c_str());
-  ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
-  ::close(listener);
-  EXPECT_EQ(platform::open("/dev/glink_pkt_marlo_rma", O_RDWR), -1);
-  EXPECT_EQ(errno, ECONNREFUSED);
+// A read returns bytes of one packet only; a short read keeps the rest for
+// the next. A peer's close shows as a hang-up alone once its packets are read.
+TEST_F(PacketDeviceTest, ReadsNeverMixPacketsAndAClosedPeerHangsUpAfterItsLastPacket) {
+  send("abcdef");
+  send("XYZ");
+  EXPECT_EQ(read(4), "abcd");
+  EXPECT_EQ(poll_events(), POLLIN) << "the kept remainder is readable";
+  EXPECT_EQ(read(100), "ef");
+  EXPECT_EQ(read(100), "XYZ");
+  EXPECT_EQ(poll_events(), 0);
+  send("last");
+  ::close(std::exchange(peer_, -1));
+  EXPECT_EQ(read(100), "last") << "a packet sent before the close is still delivered";
+  EXPECT_EQ(poll_events(), POLLHUP);
+  EXPECT_EQ(read(1), "<0 0>");
 }
 
-TEST(HostBackendTest, UeventReceiveReportsTheTrueLength) {
-  marlo::test::TestRoot root;
-  root.mkdir("/dev");
-  int socket = uevent_open_socket(64 * 1024, true);
-  ASSERT_GE(socket, 0);
-  int sender = ::socket(AF_UNIX, SOCK_DGRAM, 0);
-  sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
-  std::strcpy(addr.sun_path, root.at("/dev/uevent").c_str());
-  std::string big(2000, 'e');
-  ASSERT_EQ(::sendto(sender, big.data(), big.size(), 0, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 2000);
-  char buffer[1026];
-  EXPECT_EQ(uevent_kernel_multicast_recv(socket, buffer, 1024), 2000);
-  ::close(sender);
-  ::close(socket);
+TEST_F(PacketDeviceTest, PeerClosedWithOurPacketUnreadFailsTheNextReadOnce) {
+  ASSERT_EQ(platform::write(fd_, "request", 7), 7);
+  ::close(std::exchange(peer_, -1));  // the request still in its queue: a reset
+  EXPECT_TRUE(poll_events() & POLLIN) << "the error is there to be read";
+  EXPECT_EQ(read(1), "<-1 " + std::to_string(ECONNRESET) + ">");
+  EXPECT_EQ(read(1), "<0 0>");
 }
 
 }  // namespace

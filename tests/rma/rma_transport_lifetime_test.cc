@@ -7,13 +7,14 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstring>
 #include <future>
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
+#include "common/le32.h"
 #include "daemon/marlo_deamon_log.h"
 #include "glink/marlo_glink.h"
 #include "rma/marlo_rma.h"
@@ -27,11 +28,11 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// What the wrapped transports saw, shared by every transport the client made.
+// What the watched transports saw, shared by every transport the client made.
 struct Watch {
   std::atomic<int> made{0};
   std::atomic<int> destroyed{0};
-  // A transport was gone while one of its own calls or callbacks still ran.
+  // A transport was destroyed inside one of its own calls or callbacks.
   std::atomic<bool> destroyed_while_running{false};
   // The callback ("data" or "error") held at its start, empty for none; set
   // before the client starts.
@@ -48,56 +49,56 @@ struct Watch {
   }
 };
 
-class WatchedTransport : public glink_interface {
+// A real channel transport that counts itself, knows which of its calls and
+// callbacks this thread is in, and can hold a callback at its start.
+class WatchedTransport : public marlo_glink {
  public:
-  WatchedTransport(const glink_conn_config& config, Watch* watch)
-      : inner_(std::make_unique<marlo_glink>(config)), watch_(watch) {
+  WatchedTransport(const glink_conn_config& config, Watch* watch) : marlo_glink(config), watch_(watch) {
     ++watch_->made;
   }
   ~WatchedTransport() override {
-    inner_.reset();  // joins the reader: its callback has returned
-    if (*running_ != 0) watch_->destroyed_while_running = true;
+    if (inside_ == this) watch_->destroyed_while_running = true;
     ++watch_->destroyed;
   }
 
   int register_cb(glink_data_cb data_cb, glink_error_cb error_cb) override {
-    return inner_->register_cb(
-        [watch = watch_, running = running_, data_cb](uint8_t* data, uint32_t length) {
-          Running scope(running);
+    // The callbacks may outlive this part of the object until the reader is
+    // joined: they hold the watch and the transport's address, never `this`.
+    return marlo_glink::register_cb(
+        [watch = watch_, self = this, data_cb](uint8_t* data, uint32_t length) {
+          Inside scope(self);
           watch->enter("data");
           data_cb(data, length);
         },
-        [watch = watch_, running = running_, error_cb](glink_interface_error error) {
-          Running scope(running);
+        [watch = watch_, self = this, error_cb](glink_interface_error error) {
+          Inside scope(self);
           watch->enter("error");
           error_cb(error);
         });
   }
   int connect_interface(bool start_reader) override {
-    Running scope(running_);
-    return inner_->connect_interface(start_reader);
+    Inside scope(this);
+    return marlo_glink::connect_interface(start_reader);
   }
-  int send_request(unsigned char* buf, unsigned int len) override { return inner_->send_request(buf, len); }
-  int read_response(unsigned char* buf, unsigned int len) override { return inner_->read_response(buf, len); }
-  void disconnect_interface() override { inner_->disconnect_interface(); }
 
  private:
-  // Counts the calls of this transport in progress; outlives it.
-  class Running {
+  // Marks this thread as inside a call of `self` while it lives.
+  class Inside {
    public:
-    explicit Running(std::shared_ptr<std::atomic<int>> count) : count_(std::move(count)) { ++*count_; }
-    ~Running() { --*count_; }
-    Running(const Running&) = delete;
-    Running& operator=(const Running&) = delete;
+    explicit Inside(const WatchedTransport* self) : outer_(std::exchange(inside_, self)) {}
+    ~Inside() { inside_ = outer_; }
+    Inside(const Inside&) = delete;
+    Inside& operator=(const Inside&) = delete;
 
    private:
-    std::shared_ptr<std::atomic<int>> count_;
+    const WatchedTransport* outer_;
   };
+  static thread_local const WatchedTransport* inside_;
 
-  std::unique_ptr<marlo_glink> inner_;
   Watch* const watch_;
-  std::shared_ptr<std::atomic<int>> running_ = std::make_shared<std::atomic<int>>(0);
 };
+
+thread_local const WatchedTransport* WatchedTransport::inside_ = nullptr;
 
 class RmaTransportLifetime : public ::testing::Test {
  protected:
@@ -126,9 +127,8 @@ class RmaTransportLifetime : public ::testing::Test {
   }
   // A CONNECT of memory id 1 (second id 2, 4096 bytes) and its answer.
   static std::vector<uint8_t> connect_request() {
-    std::vector<uint8_t> message(40, 0);
-    const uint32_t fields[] = {0, 40, 0, 0, 1, 2, 4096};
-    std::memcpy(message.data(), fields, sizeof(fields));
+    std::vector<uint8_t> message;
+    for (uint32_t word : {0, 40, 0, 0, 1, 2, 4096, 0, 0, 0}) append_le32(message, word);
     return message;  // the client answers whatever the CRC
   }
   bool answered(int peer) {
@@ -177,32 +177,34 @@ TEST_F(RmaTransportLifetime, OpenFailureReportedInsideTheConnectIsActedOnAfterIt
   EXPECT_TRUE(answered(peers_.back())) << "a later start opens the channel anew";
 }
 
-// The co-processor hangs up; the transport reopens the channel and reports it
-// on its reader thread. The owner restarts the client while that report is
-// still being handled: the old transport goes once the report has returned.
-TEST_F(RmaTransportLifetime, ErrorOnTheReaderWhileTheOwnerSwapsTheTransport) {
-  watch_.hold = "error";
+// The owner restarts the client while a callback of the old transport runs:
+// the report of a hang-up (the transport reopened the channel on its reader
+// thread), or the handling of a request. The old transport goes once the
+// callback has returned; an answer it sends after the transport was taken out
+// is dropped.
+class RestartWhileACallbackRuns : public RmaTransportLifetime, public ::testing::WithParamInterface<const char*> {};
+
+TEST_P(RestartWhileACallbackRuns, OldTransportGoesOnceItHasReturned) {
+  watch_.hold = GetParam();
   make_node();
   start();
-  auto reopened = accept_open();
-  ::close(peers_.back());
-  peers_.back() = reopened.get();
+  if (watch_.hold == "error") {
+    auto reopened = accept_open();
+    ::close(peers_.back());
+    peers_.back() = reopened.get();
+  } else {
+    const std::vector<uint8_t> request = connect_request();
+    ASSERT_TRUE(sim::send_packet(peers_.back(), request.data(), request.size()));
+  }
   restart_while_held();
-  EXPECT_TRUE(log_.contains("conn_error_cb =2"));
+  if (watch_.hold == "error") {
+    EXPECT_TRUE(log_.contains("conn_error_cb =2"));
+  } else {
+    EXPECT_EQ(log_.count("glinkInterface != nullptr"), 1) << "the old reader's answer";
+  }
 }
 
-// A request is being handled when the co-processor's power-up restarts the
-// client: the old transport goes once the handling has returned, and its
-// answer, which comes after the transport was taken out, is dropped.
-TEST_F(RmaTransportLifetime, RestartWhileACallbackRuns) {
-  watch_.hold = "data";
-  make_node();
-  start();
-  const std::vector<uint8_t> request = connect_request();
-  ASSERT_TRUE(sim::send_packet(peers_.back(), request.data(), request.size()));
-  restart_while_held();
-  EXPECT_EQ(log_.count("glinkInterface != nullptr"), 1) << "the old reader's answer";
-}
+INSTANTIATE_TEST_SUITE_P(Callbacks, RestartWhileACallbackRuns, ::testing::Values("error", "data"));
 
 }  // namespace
 }  // namespace marlo::test
