@@ -118,16 +118,6 @@ TEST_F(SSRHandlerTest, FloodOfBadMessagesIsLoggedTenTimesAndSummarised) {
   EXPECT_TRUE(log_.contains("Message length is not correct  ... repeated 15 times"));
 }
 
-TEST_F(SSRHandlerTest, ListenerKeepsListeningAfterAnOverrun) {
-  // The host backend loses the next datagram and reports ENOBUFS.
-  root_.write("/dev/uevent.overrun", "");
-  send(event(std::string("MARLO_EVENT=4\0", 14)));
-  ASSERT_TRUE(marlo::test::wait_until([&] { return !root_.exists("/dev/uevent.overrun"); }, 5s));
-  send(event(std::string("MARLO_EVENT=2\0", 14)));
-  EXPECT_TRUE(wait_for_event(2));
-  EXPECT_TRUE(log_.contains("uevent socket overrun"));
-}
-
 // The handler owns its listener: destroying it ends the thread, which
 // closes its socket, and a uevent sent afterwards finds no receiver.
 TEST_F(SSRHandlerTest, DestroyingTheHandlerEndsItsListener) {
