@@ -1,5 +1,4 @@
-// The control-device commands against the virtual co-processor's driver,
-// which records every request and fails those a test refuses.
+// The control-device commands against the virtual co-processor's driver.
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -8,8 +7,7 @@
 #include <string>
 
 #include "comhandler/MarloComHandler.h"
-#include "sim/device_root.h"
-#include "sim/virtual_device.h"
+#include "support/control_device.h"
 #include "support/log_capture.h"
 #include "support/test_root.h"
 
@@ -19,10 +17,7 @@ using marlo::sim::ControlRequest;
 
 class ComHandlerTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    marlo::sim::build_device_root(root_.path(), {});
-    device_ = std::make_unique<marlo::sim::VirtualDevice>(root_.path(), marlo::sim::DeviceOptions{});
-  }
+  void SetUp() override { device_ = marlo::test::serve_control_device(root_); }
 
   marlo::sim::ControlDriver& driver() { return device_->driver(); }
   ControlRequest last_request() {
@@ -129,7 +124,7 @@ TEST_F(ComHandlerTest, VersionQueryWaitsForBootCompleteAndRetries) {
   ASSERT_NE(info, nullptr);
   const auto running = device_->coprocessor().running_firmware();
   ASSERT_TRUE(running.has_value());
-  EXPECT_EQ(info->apps_version, running->apps);
+  EXPECT_EQ(info->apps_version, running->apps + ".NOFLASH_PSRAM");  // as the flash-less co-processor reports it
   EXPECT_EQ(info->bt_version, running->bt);
   EXPECT_EQ(log_.count("Marlo boot done, but get version fail-retry:"), 2);
   EXPECT_TRUE(log_.contains("KAPI Ver: " + std::to_string(running->kapi >> 24) + "." +

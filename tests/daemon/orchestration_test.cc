@@ -6,8 +6,7 @@
 
 #include "daemon/DFUCallback.h"
 #include "daemon/MarloDaemon.h"
-#include "sim/device_root.h"
-#include "sim/virtual_device.h"
+#include "support/control_device.h"
 #include "support/log_capture.h"
 #include "support/test_root.h"
 #include "support/wait_until.h"
@@ -19,8 +18,7 @@ using marlo::sim::ControlRequest;
 class OrchestrationTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    marlo::sim::build_device_root(root_.path(), {});
-    device_ = std::make_unique<marlo::sim::VirtualDevice>(root_.path(), marlo::sim::DeviceOptions{});
+    device_ = marlo::test::serve_control_device(root_);
     daemon_.getMarloPILDevice();
   }
 

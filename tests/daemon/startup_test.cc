@@ -9,8 +9,7 @@
 #include <string>
 
 #include "daemon/MarloDaemon.h"
-#include "sim/device_root.h"
-#include "sim/virtual_device.h"
+#include "support/control_device.h"
 #include "support/log_capture.h"
 #include "support/test_root.h"
 #include "support/wait_until.h"
@@ -20,10 +19,7 @@ namespace {
 class StartupTest : public ::testing::Test {
  protected:
   // The virtual co-processor on a sample root, offline.
-  void serve() {
-    marlo::sim::build_device_root(root_.path(), {});
-    device_ = std::make_unique<marlo::sim::VirtualDevice>(root_.path(), marlo::sim::DeviceOptions{});
-  }
+  void serve() { device_ = marlo::test::serve_control_device(root_); }
   std::vector<std::string> requests() const {
     std::vector<std::string> names;
     for (const auto& request : device_->driver().requests()) names.push_back(request.name());
