@@ -53,28 +53,22 @@ TEST_F(LogStatementTest, LevelFiltersWithoutEvaluatingArguments) {
   }
 }
 
-TEST_F(LogStatementTest, PrefixesFunctionAndLineAndUsesTheProcessTag) {
+// A statement carries its function and line and the process's tag; the
+// stderr copy, once switched on, adds a newline.
+TEST_F(LogStatementTest, PrefixesFunctionAndLineAndCopiesToStderr) {
   marlo_deamon_log::set_tag("marlo_fw_updater");
-  int line = __LINE__ + 1;
-  MARLO_LOGI("value %d", 7);
-  auto entries = log_.entries();
-  ASSERT_EQ(entries.size(), 1u);
-  EXPECT_EQ(entries[0].msg, "TestBody:" + std::to_string(line) + ", value 7");
-  EXPECT_EQ(entries[0].tag, "marlo_fw_updater");
-}
-
-TEST_F(LogStatementTest, StderrCopyAppendsANewline) {
   EXPECT_FALSE(marlo_deamon_log::get_stderr_logging());
   marlo_deamon_log::enable_stderr_logging();
   ::testing::internal::CaptureStderr();
-  int line = __LINE__ + 1;
+  const int line = __LINE__ + 1;
   MARLO_LOGI("Set log level: %d\n", 4);
-  std::string err = ::testing::internal::GetCapturedStderr();
-  std::string copy = "TestBody:" + std::to_string(line) + ", Set log level: 4\n\n";
-  EXPECT_NE(err.find(copy), std::string::npos) << err;
-  auto entries = log_.entries();
+  const std::string err = ::testing::internal::GetCapturedStderr();
+  const std::string text = "TestBody:" + std::to_string(line) + ", Set log level: 4\n";
+  EXPECT_NE(err.find(text + "\n"), std::string::npos) << err;
+  const auto entries = log_.entries();
   ASSERT_EQ(entries.size(), 1u);
-  EXPECT_EQ(entries[0].msg, "TestBody:" + std::to_string(line) + ", Set log level: 4\n");
+  EXPECT_EQ(entries[0].msg, text);
+  EXPECT_EQ(entries[0].tag, "marlo_fw_updater");
 }
 
 // Statements go through the repeat limiter on the daemon's clock, which
