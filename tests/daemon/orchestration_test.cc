@@ -1,6 +1,7 @@
 // Boot-mode decisions against the virtual co-processor's driver.
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <memory>
 #include <string>
 
