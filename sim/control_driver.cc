@@ -105,6 +105,7 @@ ControlRequest ControlDriver::handle(uint32_t request, const Bytes& block, uint3
   r.value = get_u32(block, 0);
   r.cmd = get_u32(block, 20);
   r.count = get_u32(block, 24);
+  r.reply = get_u32(block, 28);
   r.data = data;
   std::function<int(const ControlRequest&)> refusal;
   {

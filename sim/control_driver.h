@@ -42,7 +42,8 @@ struct ControlRequest {
   uint32_t value = 0;
   uint32_t cmd = 0;
   uint32_t count = 0;
-  uint32_t data = 0;  // the reset request's data word
+  uint32_t data = 0;   // the reset request's data word
+  uint32_t reply = 0;  // the block's reply-buffer word (the version query's)
   int32_t result = 0;
   int32_t err = 0;
   bool version_replied = false;

@@ -131,6 +131,7 @@ TEST_F(ComHandlerTest, VersionQueryWaitsForBootCompleteAndRetries) {
                             std::to_string((running->kapi >> 16) & 0xFF) + "." +
                             std::to_string(running->kapi & 0xFFFF) + "\n"));
   EXPECT_EQ(last_request().name(), "GET_VERSION");
+  EXPECT_NE(last_request().reply, 0u) << "the block names the reply buffer";
 
   // Every query failing gives no record.
   driver().set_refusal([](const ControlRequest&) { return EIO; });
