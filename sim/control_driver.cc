@@ -60,6 +60,11 @@ bool ControlDriver::spi_busy() const {
   return spi_busy_;
 }
 
+void ControlDriver::set_refusal(std::function<int(const ControlRequest&)> refusal) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  refusal_ = std::move(refusal);
+}
+
 void ControlDriver::on_packet(int fd, const Bytes& packet) {
   Bytes answer(8 + kBlockSize, 0);
   if (read_fault_breaks_next_send()) {
@@ -100,20 +105,44 @@ ControlRequest ControlDriver::handle(uint32_t request, const Bytes& block, uint3
   r.value = get_u32(block, 0);
   r.cmd = get_u32(block, 20);
   r.count = get_u32(block, 24);
+  r.reply = get_u32(block, 28);
   r.data = data;
+  std::function<int(const ControlRequest&)> refusal;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    refusal = refusal_;
+  }
+  if (const int refused = refusal ? refusal(r) : 0) {
+    r.result = -1;
+    r.err = refused;
+  } else {
+    carry_out(r, reply);
+  }
+  std::string line = r.name();
+  if (request == kReqBoot && (r.cmd == kCmdSetBootMode || r.cmd == kCmdBootStatus))
+    line += " " + std::to_string(r.value);
+  if (request == kReqReset) line += " data=" + hex(data);
+  line += r.result == -1 ? " -> error " + std::to_string(r.err) : " -> " + std::to_string(r.result);
+  log_.add("driver", line);
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (requests_.size() < 100000) requests_.push_back(r);
+  return r;
+}
+
+void ControlDriver::carry_out(ControlRequest& r, Bytes* reply) {
   auto fail = [&r](int err) {
     r.result = -1;
     r.err = err;
   };
-  switch (request) {
+  switch (r.request) {
     case kReqSpiFree:
     case kReqSpiBusy: {
       std::lock_guard<std::mutex> lock(mutex_);
-      spi_busy_ = request == kReqSpiBusy;
+      spi_busy_ = r.request == kReqSpiBusy;
       break;
     }
     case kReqReset:
-      if (r.cmd != kResetCmd || r.count != 1 || data != kResetData) {
+      if (r.cmd != kResetCmd || r.count != 1 || r.data != kResetData) {
         fail(EINVAL);
       } else {
         coprocessor_.restart(reset_offline_ms_.load());
@@ -132,15 +161,6 @@ ControlRequest ControlDriver::handle(uint32_t request, const Bytes& block, uint3
     case kReqBoot: handle_boot(r); break;
     default: fail(ENOTTY);
   }
-  std::string line = r.name();
-  if (request == kReqBoot && (r.cmd == kCmdSetBootMode || r.cmd == kCmdBootStatus))
-    line += " " + std::to_string(r.value);
-  if (request == kReqReset) line += " data=" + hex(data);
-  line += r.result == -1 ? " -> error " + std::to_string(r.err) : " -> " + std::to_string(r.result);
-  log_.add("driver", line);
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (requests_.size() < 100000) requests_.push_back(r);
-  return r;
 }
 
 void ControlDriver::handle_boot(ControlRequest& r) {

@@ -42,7 +42,8 @@ struct ControlRequest {
   uint32_t value = 0;
   uint32_t cmd = 0;
   uint32_t count = 0;
-  uint32_t data = 0;  // the reset request's data word
+  uint32_t data = 0;   // the reset request's data word
+  uint32_t reply = 0;  // the block's reply-buffer word (the version query's)
   int32_t result = 0;
   int32_t err = 0;
   bool version_replied = false;
@@ -65,18 +66,23 @@ class ControlDriver : public ChannelServer {
   // Called before the host's unload or soft reset takes the co-processor
   // down; set before start().
   void set_before_host_unload(std::function<void()> hook) { before_host_unload_ = std::move(hook); }
+  // Scripted failures: `refusal` sees every request before the driver carries
+  // it out and returns the errno to fail it with, or 0 to carry it out.
+  void set_refusal(std::function<int(const ControlRequest&)> refusal);
 
  protected:
   void on_packet(int fd, const Bytes& packet) override;
 
  private:
   ControlRequest handle(uint32_t request, const Bytes& block, uint32_t data, Bytes* reply);
+  void carry_out(ControlRequest& r, Bytes* reply);
   void handle_boot(ControlRequest& r);
 
   std::string root_;
   CoProcessor& coprocessor_;
   EventLog& log_;
   std::function<void()> before_host_unload_;
+  std::function<int(const ControlRequest&)> refusal_;  // guarded by mutex_
   mutable std::mutex mutex_;
   std::vector<ControlRequest> requests_;
   std::vector<uint32_t> boot_statuses_;

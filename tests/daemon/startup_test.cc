@@ -9,37 +9,39 @@
 #include <string>
 
 #include "daemon/MarloDaemon.h"
-#include "support/fake_control_device.h"
+#include "support/control_device.h"
 #include "support/log_capture.h"
 #include "support/test_root.h"
 #include "support/wait_until.h"
-
-using marlo::test::ControlAnswer;
-using marlo::test::ControlRequest;
 
 namespace {
 
 class StartupTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    root_.mkdir("/dev");
-    device_ = std::make_unique<marlo::test::FakeControlDevice>(root_.at("/dev/marlo_com_dev"));
+  // The virtual co-processor on a sample root, offline.
+  void serve() { device_ = marlo::test::serve_control_device(root_); }
+  std::vector<std::string> requests() const {
+    std::vector<std::string> names;
+    for (const auto& request : device_->driver().requests()) names.push_back(request.name());
+    return names;
   }
 
   marlo::test::TestRoot root_;
   marlo::test::LogCapture log_;
-  std::unique_ptr<marlo::test::FakeControlDevice> device_;
+  std::unique_ptr<marlo::sim::VirtualDevice> device_;
 };
 
 TEST_F(StartupTest, FindsThePilDeviceBehindASymbolicLink) {
+  MarloDaemon daemon;
+  EXPECT_EQ(daemon.getMarloPILDevice(), 1);  // no remoteproc class at all
+  EXPECT_STREQ(daemon.pilStatePath(), "");
+  EXPECT_EQ(daemon.getMarloPILStatus(), 2);
+
   root_.write("/sys/class/remoteproc/remoteproc0/name", "soc:other,rproc\n");
   root_.write("/sys/class/remoteproc/notremoteproc/name", "soc:zeno,rproc-marlo\n");
   root_.write("/sys/devices/platform/soc/marlo/remoteproc7/name", "soc:zeno,rproc-marlo\n");
   root_.write("/sys/devices/platform/soc/marlo/remoteproc7/state", "running\n");
   root_.symlink("../../devices/platform/soc/marlo/remoteproc7", "/sys/class/remoteproc/remoteproc7");
-
-  MarloDaemon daemon;
-  EXPECT_EQ(daemon.getMarloPILStatus(), 2);  // nothing found yet
   ASSERT_EQ(daemon.getMarloPILDevice(), 0);
   EXPECT_STREQ(daemon.pilStatePath(), "/sys/class/remoteproc//remoteproc7/state");
   EXPECT_EQ(daemon.getMarloPILStatus(), 1);
@@ -49,32 +51,25 @@ TEST_F(StartupTest, FindsThePilDeviceBehindASymbolicLink) {
   EXPECT_EQ(daemon.getMarloPILStatus(), 2);
 }
 
-TEST_F(StartupTest, MissingRemoteprocClassFindsNothing) {
-  MarloDaemon daemon;
-  EXPECT_EQ(daemon.getMarloPILDevice(), 1);
-  EXPECT_STREQ(daemon.pilStatePath(), "");
-}
-
 TEST_F(StartupTest, TwmExitRunsItsCommandsBetweenTheRamdumpWrites) {
+  serve();
   std::vector<std::string> ramdumps_at_request;
-  device_->set_responder([&](const ControlRequest&) {
+  device_->driver().set_refusal([&](const marlo::sim::ControlRequest&) {
     ramdumps_at_request.push_back(root_.property("persist.vendor.ssr.enable_ramdumps"));
-    return ControlAnswer{};
+    return 0;
   });
   for (const char* state : {"0", "garbage", "1"}) {
     root_.write("/sys/class/pmic-lpm/pmic_twm_exit", state);
     MarloDaemon daemon;
     EXPECT_EQ(daemon.isTWMexit(), std::string(state) == "1") << state;
   }
-  EXPECT_TRUE(device_->requests().empty());
+  EXPECT_TRUE(requests().empty());
 
   MarloDaemon daemon;
-  // The subtype file is missing, so the boot itself is skipped.
+  // An unsupported subtype: the boot itself is skipped.
+  root_.write("/sys/devices/soc0/platform_subtype_id", "1");
   EXPECT_EQ(daemon.initMarlo(), -19);
-  auto requests = device_->requests();
-  ASSERT_EQ(requests.size(), 2u);
-  EXPECT_EQ(requests[0].cmd(), 1u);  // TWM exit
-  EXPECT_EQ(requests[1].cmd(), 7u);  // save the dump
+  EXPECT_EQ(requests(), (std::vector<std::string>{"TWM_EXIT", "SAVE_DUMP"}));
   EXPECT_EQ(ramdumps_at_request, (std::vector<std::string>{"1", "1"}));
   EXPECT_EQ(root_.property("persist.vendor.ssr.enable_ramdumps"), "0");
   EXPECT_EQ(g_daemon_state.load(), 2);
@@ -106,24 +101,25 @@ TEST_F(StartupTest, TwmExitStateIsReadOnDescriptorZero) {
 }
 
 TEST_F(StartupTest, UnsupportedSubtypeSkipsTheBoot) {
+  serve();
   root_.write("/sys/devices/soc0/platform_subtype_id", "1");
   MarloDaemon daemon;
   EXPECT_EQ(daemon.platformSubtypeCheck(), -19);
   EXPECT_EQ(daemon.startMarloPIL(), -19);
   EXPECT_TRUE(log_.contains("platform subtype: -19 is not supported, skip marlo PIL"));
-  EXPECT_TRUE(device_->requests().empty());
+  EXPECT_TRUE(requests().empty());
 }
 
 TEST_F(StartupTest, ResetPropertyResetsOnceAndIsWrittenBack) {
+  serve();
   MarloDaemon daemon;
   root_.set_property("vendor.marlo_reset", "2");
   daemon.serviceResetProperty();
-  EXPECT_TRUE(device_->requests().empty());
+  EXPECT_TRUE(requests().empty());
   root_.set_property("vendor.marlo_reset", "1");
   daemon.serviceResetProperty();
   daemon.serviceResetProperty();
-  ASSERT_EQ(device_->requests().size(), 1u);
-  EXPECT_EQ(device_->requests()[0].request, 0xc0205605u);
+  EXPECT_EQ(requests(), std::vector<std::string>{"RESET"});
   EXPECT_EQ(root_.property("vendor.marlo_reset"), "0");
 }
 

@@ -1,12 +1,10 @@
 // What the DFU and misc-data tests share: a callback that records every
-// report (and every handed-over DFU state, as a pseudo-report), and the
-// little-endian words of the packets the tests exchange with the daemon.
+// report (and every handed-over DFU state, as a pseudo-report).
 #pragma once
 
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
-#include <cstring>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -50,16 +48,5 @@ class RecordingCallback : public marlo_fw_updater::Callback {
   std::condition_variable changed_;
   std::vector<Report> reports_;
 };
-
-// Little-endian 32-bit words of the packets (the host is little-endian).
-inline uint32_t word_at(const std::vector<uint8_t>& b, size_t offset) {
-  uint32_t v = 0;
-  if (offset + 4 <= b.size()) std::memcpy(&v, &b[offset], 4);
-  return v;
-}
-inline void put_word(std::vector<uint8_t>& b, uint32_t v) {
-  const uint8_t* p = reinterpret_cast<const uint8_t*>(&v);
-  b.insert(b.end(), p, p + 4);
-}
 
 }  // namespace marlo::test

@@ -11,47 +11,42 @@ namespace {
 const std::string kFirmware = "/vendor/bt_firmware/image/mrbtfw20.mbn";
 const std::string kSettings = "/vendor/bt_firmware/image/mrnv20.bin";
 
-TEST(MiscResourcesTest, FilesLoadInPathOrderAndMissingOnesTakeNoIndex) {
-  TestRoot root;
-  marlo_fw_updater updater;
-  const auto& loaded = updater.miscResources();
-
-  root.write(kSettings, "NV");
-  EXPECT_EQ(updater.loadAndSaveMiscFw(), 1u);
-  ASSERT_EQ(loaded.size(), 1u);
-  EXPECT_EQ(loaded[0]->index, 0u);
-  EXPECT_EQ(loaded[0]->type, OFFLOAD_NV);
-  EXPECT_EQ(loaded[0]->path, kSettings);
-  EXPECT_EQ(as_string(loaded[0]->data), "NV");
-
-  EXPECT_EQ(updater.truncateMiscFwResources(), 0);
-  EXPECT_TRUE(loaded.empty());
-
-  root.write(kFirmware, "");
-  EXPECT_EQ(updater.loadAndSaveMiscFw(), 1u);
-  ASSERT_EQ(loaded.size(), 2u);
-  EXPECT_EQ(loaded[0]->path, kFirmware);
-  EXPECT_EQ(loaded[0]->type, OFFLOAD_BTFW);
-  EXPECT_EQ(loaded[0]->size, 0u);
-  EXPECT_EQ(loaded[1]->index, 1u);
-  EXPECT_EQ(loaded[1]->size, 2u);
-
-  // A second load without releasing appends a second set.
-  updater.loadAndSaveMiscFw();
-  ASSERT_EQ(loaded.size(), 4u);
-  EXPECT_EQ(loaded[2]->index, 0u);
+// What one loaded resource reads as: "<index> <type> <path> <bytes>".
+std::string loaded(const marlo_misc_resource& r) {
+  EXPECT_EQ(r.size, r.data.size()) << r.path;
+  return std::to_string(r.index) + " " + std::to_string(r.type) + " " + r.path + " " + as_string(r.data);
 }
 
-TEST(MiscResourcesTest, FileOverTheSizeCapIsSkippedLikeAMissingOne) {
+// The files load in path order; a missing file, or one over the size cap,
+// takes no index.
+TEST(MiscResourcesTest, PresentFilesLoadInPathOrder) {
+  const std::string none = "<none>", oversized = "<3 GiB>";
+  struct Case {
+    std::string firmware, settings;
+    std::vector<std::string> loaded;
+  };
+  const Case cases[] = {
+      {none, "NV", {"0 1 " + kSettings + " NV"}},
+      {"", "NV", {"0 0 " + kFirmware + " ", "1 1 " + kSettings + " NV"}},
+      {oversized, "NV", {"0 1 " + kSettings + " NV"}},
+      {"FW", none, {"0 0 " + kFirmware + " FW"}},
+  };
   TestRoot root;
   marlo_fw_updater updater;
-  root.write(kFirmware, "");
-  std::filesystem::resize_file(root.at(kFirmware), (uintmax_t{3} << 30));  // sparse: no bytes on disk
-  root.write(kSettings, "NV");
-  EXPECT_EQ(updater.loadAndSaveMiscFw(), 1u);
-  ASSERT_EQ(updater.miscResources().size(), 1u);
-  EXPECT_EQ(updater.miscResources()[0]->path, kSettings);
-  EXPECT_EQ(updater.miscResources()[0]->index, 0u);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.firmware + " / " + c.settings);
+    std::filesystem::remove(root.at(kFirmware));
+    std::filesystem::remove(root.at(kSettings));
+    if (c.firmware != none) root.write(kFirmware, c.firmware == oversized ? "" : c.firmware);
+    if (c.firmware == oversized) std::filesystem::resize_file(root.at(kFirmware), uintmax_t{3} << 30);  // sparse
+    if (c.settings != none) root.write(kSettings, c.settings);
+    EXPECT_EQ(updater.loadAndSaveMiscFw(), 1u);
+    std::vector<std::string> got;
+    for (const auto& resource : updater.miscResources()) got.push_back(loaded(*resource));
+    EXPECT_EQ(got, c.loaded);
+    EXPECT_EQ(updater.truncateMiscFwResources(), 0);
+    EXPECT_TRUE(updater.miscResources().empty());
+  }
 }
 
 }  // namespace

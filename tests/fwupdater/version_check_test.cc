@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <filesystem>
 
 #include "fwupdater/marlo_fw_updater.h"
 #include "support/log_capture.h"
@@ -27,104 +28,99 @@ class VersionCheckTest : public ::testing::Test {
   marlo_fw_updater updater;
 };
 
-TEST_F(VersionCheckTest, ReadsTheBlockAndTheLastLineOfEachKeyWins) {
-  root.write(kPrimary,
-             "{\n  \"crm\": \"ignored\",\n  \"apps_cochip\": \"TBX.1.0-00123\",\n"
-             "  \"btfw_cochip\": \"BT.OLD\",\n  \"dsp_cochip\": \"DSP.3&\"\n"
-             "  \"btfw_cochip\": \"BT.NEW\",\n  \"dsp_cochip\": \"a&b\",\n}\n");
-  root.write(kFallback, "\"apps_cochip\": \"FALLBACK\"\n");
-  marlo_meta_info meta = updater.readMarloMetaBuildInfo();
-  EXPECT_EQ(meta.apps_cochip, "TBX.1.0-00123");
-  EXPECT_EQ(meta.btfw_cochip, "BT.NEW");
-  EXPECT_EQ(meta.dsp_cochip, "DSP.3");  // closing ampersand dropped; "a&b" does not match
-  EXPECT_TRUE(log.contains(std::string("aon build from ") + kPrimary + ".\n"));
-
-  // Several pairs on a line: the last pair's value, for every key named.
-  root.write(kPrimary, "\"dsp_cochip\": \"D1\", \"note\": \"see apps_cochip\", \"x\": \"LAST\"\n");
-  meta = updater.readMarloMetaBuildInfo();
-  EXPECT_EQ(meta.dsp_cochip, "LAST");
-  EXPECT_EQ(meta.apps_cochip, "LAST");
-  EXPECT_EQ(meta.btfw_cochip, "");
+// `size` bytes: a key line, then filler lines without keys.
+std::string file_of(size_t size) {
+  std::string text = "\"apps_cochip\": \"PRIMARY\"\n";
+  while (text.size() < size) text += std::string(1023, 'x') + "\n";
+  text.resize(size);
+  return text;
 }
 
-TEST_F(VersionCheckTest, FallbackIsReadOnlyWhenThePrimaryCannotBeOpened) {
-  root.write(kFallback, "\"apps_cochip\": \"FALLBACK\"\n");
-  EXPECT_EQ(updater.readMarloMetaBuildInfo().apps_cochip, "FALLBACK");
-
-  root.write(kPrimary, "no keys here\n");
-  EXPECT_EQ(updater.readMarloMetaBuildInfo().apps_cochip, "");
-  wear_firmware_info_t running = record("OTHER", "", "");
-  EXPECT_EQ(updater.fw_version_check(&running), 0);
-}
-
-TEST_F(VersionCheckTest, LinesOfAnyLengthGiveTheirValue) {
-  // A build number far longer than any record text: read whole, it cannot
-  // be found in the running version, so the update goes ahead.
+TEST_F(VersionCheckTest, ReadsTheLastValueOfEachKeyFromThePrimaryOrElseTheFallback) {
   const std::string build(100 * 1024, 'B');
   const std::string quotes(100 * 1024, '"');
-  root.write(kPrimary, "\"apps_cochip\": \"" + build + "\",\n\"dsp_cochip\": \"" + quotes + "&\"\n");
-  const marlo_meta_info meta = updater.readMarloMetaBuildInfo();
-  EXPECT_EQ(meta.apps_cochip, build);
-  EXPECT_EQ(meta.dsp_cochip, quotes);
-  wear_firmware_info_t running = record("TBX.1.0", "", "");
-  EXPECT_EQ(updater.fw_version_check(&running), -1);
-  EXPECT_TRUE(log.contains("crm_build_number MIS-MATHCHED"));
-}
-
-TEST_F(VersionCheckTest, PrimaryFileAboveOneMebibyteCountsAsNotOpened) {
-  // `size` bytes: the key line, then filler lines without keys.
-  auto file_of = [](size_t size) {
-    std::string text = "\"apps_cochip\": \"PRIMARY\"\n";
-    while (text.size() < size) text += std::string(1023, 'x') + "\n";
-    text.resize(size);
-    return text;
+  const std::string none = "<none>";
+  struct Case {
+    std::string primary;  // file contents, or none
+    std::string fallback;
+    std::string apps, bt, dsp;
+    std::string logged;  // a line the read logs
   };
-  root.write(kPrimary, file_of(1 << 20));
-  EXPECT_EQ(updater.readMarloMetaBuildInfo().apps_cochip, "PRIMARY");
-
-  root.write(kPrimary, file_of((1 << 20) + 1));
-  EXPECT_EQ(updater.readMarloMetaBuildInfo().apps_cochip, "") << "nothing to fall back to";
-  EXPECT_TRUE(log.contains(std::string("version file ") + kPrimary + " of 1048577 bytes is above the limit"));
-  root.write(kFallback, "\"apps_cochip\": \"FALLBACK\"\n");
-  EXPECT_EQ(updater.readMarloMetaBuildInfo().apps_cochip, "FALLBACK");
-  EXPECT_TRUE(log.contains(std::string("aon build from ") + kFallback + ".\n"));
+  const Case cases[] = {
+      // The last line of a key wins; a closing ampersand is dropped, "a&b" does not match.
+      {"{\n  \"crm\": \"ignored\",\n  \"apps_cochip\": \"TBX.1.0-00123\",\n  \"btfw_cochip\": \"BT.OLD\",\n"
+       "  \"dsp_cochip\": \"DSP.3&\"\n  \"btfw_cochip\": \"BT.NEW\",\n  \"dsp_cochip\": \"a&b\",\n}\n",
+       "\"apps_cochip\": \"FALLBACK\"\n", "TBX.1.0-00123", "BT.NEW", "DSP.3",
+       std::string("aon build from ") + kPrimary + ".\n"},
+      // Several pairs on a line: the last pair's value, for every key named.
+      {"\"dsp_cochip\": \"D1\", \"note\": \"see apps_cochip\", \"x\": \"LAST\"\n", none, "LAST", "", "LAST", ""},
+      // The fallback is read only when the primary cannot be opened.
+      {none, "\"apps_cochip\": \"FALLBACK\"\n", "FALLBACK", "", "", ""},
+      {"no keys here\n", "\"apps_cochip\": \"FALLBACK\"\n", "", "", "", ""},
+      // Lines of any length give their whole value.
+      {"\"apps_cochip\": \"" + build + "\",\n\"dsp_cochip\": \"" + quotes + "&\"\n", none, build, "", quotes, ""},
+      // A primary file above one mebibyte counts as not opened.
+      {file_of(1 << 20), none, "PRIMARY", "", "", ""},
+      {file_of((1 << 20) + 1), none, "", "", "",
+       std::string("version file ") + kPrimary + " of 1048577 bytes is above the limit"},
+      {file_of((1 << 20) + 1), "\"apps_cochip\": \"FALLBACK\"\n", "FALLBACK", "", "",
+       std::string("aon build from ") + kFallback + ".\n"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.primary.substr(0, 60));
+    std::filesystem::remove(root.at(kPrimary));
+    std::filesystem::remove(root.at(kFallback));
+    if (c.primary != none) root.write(kPrimary, c.primary);
+    if (c.fallback != none) root.write(kFallback, c.fallback);
+    const int logged_before = log.count(c.logged);
+    const marlo_meta_info meta = updater.readMarloMetaBuildInfo();
+    EXPECT_EQ(meta.apps_cochip, c.apps);
+    EXPECT_EQ(meta.btfw_cochip, c.bt);
+    EXPECT_EQ(meta.dsp_cochip, c.dsp);
+    if (!c.logged.empty()) {
+      EXPECT_EQ(log.count(c.logged), logged_before + 1) << c.logged;
+    }
+  }
 }
 
-TEST_F(VersionCheckTest, ComparesBuildAlwaysButBluetoothAndDspOnlyWhenReported) {
+// The build is compared always, Bluetooth and DSP only when reported; the
+// flash-less variant is told by the apps version only.
+TEST_F(VersionCheckTest, ComparesTheRunningVersionsWithTheShippedOnes) {
   root.write(kPrimary, "\"apps_cochip\": \"TBX.1.0\"\n\"btfw_cochip\": \"BT.2\"\n\"dsp_cochip\": \"DSP.3\"\n");
   struct Case {
     wear_firmware_info_t info;
     int32_t result;
     const char* message;
+    int32_t noflash;
   };
   const Case cases[] = {
-      {record("TBX.1.0-NOFLASH_PSRAM", "", ""), 0, "versions are MATHCHED, skip fw_update"},
-      {record("x TBX.1.0", "dsp DSP.3", "bt BT.2"), 0, "versions are MATHCHED, skip fw_update"},
-      {record("", "", ""), -1, "crm_build_number MIS-MATHCHED"},
-      {record("TBX.1.1", "", ""), -1, "crm_build_number MIS-MATHCHED"},
-      {record("TBX.1.0", "", "BT.9"), -1, "btfw_cochip MIS-MATHCHED"},
-      {record("TBX.1.0", "dsp.3", "BT.2"), -1, "dsp_cochip MIS-MATHCHED"},
+      {record("TBX.1.0-NOFLASH_PSRAM", "", ""), 0, "versions are MATHCHED, skip fw_update", 0},
+      {record("x TBX.1.0", "dsp DSP.3", "bt BT.2"), 0, "versions are MATHCHED, skip fw_update", -1},
+      {record("", "", ""), -1, "crm_build_number MIS-MATHCHED", -1},
+      {record("TBX.1.1", "", ""), -1, "crm_build_number MIS-MATHCHED", -1},
+      {record("TBX.1.0", "", "BT.9"), -1, "btfw_cochip MIS-MATHCHED", -1},
+      {record("TBX.1.0", "NOFLASH_PSRAM dsp.3", "BT.2 NOFLASH_PSRAM"), -1, "dsp_cochip MIS-MATHCHED", -1},
   };
   for (Case c : cases) {
-    EXPECT_EQ(updater.fw_version_check(&c.info), c.result) << c.info.apps_version;
+    SCOPED_TRACE(c.info.apps_version);
+    EXPECT_EQ(updater.fw_version_check(&c.info), c.result);
     EXPECT_NE(log.entries().back().msg.find(c.message), std::string::npos) << c.message;
+    EXPECT_EQ(updater.is_psram_noflash(&c.info), c.noflash);
   }
   EXPECT_EQ(updater.fw_version_check(nullptr), -1);
   EXPECT_TRUE(log.contains("fw_info: version is invalid"));
+  EXPECT_EQ(updater.is_psram_noflash(nullptr), -1);
 
   // Texts that fill their whole field without a terminator stay inside it.
   wear_firmware_info_t full;
   std::memset(&full, 'A', sizeof full);
   EXPECT_EQ(updater.fw_version_check(&full), -1);
   EXPECT_EQ(updater.is_psram_noflash(&full), -1);
-}
 
-TEST_F(VersionCheckTest, NoflashVariantIsToldByTheAppsVersionOnly) {
-  wear_firmware_info_t psram = record("TBX.1.0-NOFLASH_PSRAM", "", "");
-  wear_firmware_info_t elsewhere = record("TBX.1.0", "NOFLASH_PSRAM", "NOFLASH_PSRAM");
-  EXPECT_EQ(updater.is_psram_noflash(&psram), 0);
-  EXPECT_EQ(updater.is_psram_noflash(&elsewhere), -1);
-  EXPECT_EQ(updater.is_psram_noflash(nullptr), -1);
+  // A version file without keys: any running build holds its empty build number.
+  root.write(kPrimary, "no keys here\n");
+  wear_firmware_info_t other = record("OTHER", "", "");
+  EXPECT_EQ(updater.fw_version_check(&other), 0);
 }
 
 }  // namespace
