@@ -22,6 +22,7 @@
 #include <cutils/properties.h>
 
 #include "capture/capture_limits.h"
+#include "capture/current_file.h"
 #include "capture/message_cut.h"
 #include "capture/pcapng_writer.h"
 #include "platform/os.h"
@@ -67,10 +68,6 @@ class Recorder final : public platform::wire::Observer {
  public:
   void apply(Level level) EXCLUDES(mutex_);
   void stop() EXCLUDES(mutex_);
-  std::string file_name() EXCLUDES(mutex_) {
-    platform::lock_guard lock(mutex_);
-    return file_name_;
-  }
 
   void message(const Message& m) override;
   void life(Node node, Direction direction, const char* comment) override;
@@ -100,7 +97,6 @@ class Recorder final : public platform::wire::Observer {
   uint64_t dropped_ GUARDED_BY(mutex_) = 0;
   uint64_t generation_ GUARDED_BY(mutex_) = 0;  // one per capture session
   bool stopping_ GUARDED_BY(mutex_) = false;
-  std::string file_name_ GUARDED_BY(mutex_);
   std::thread writer_ GUARDED_BY(mutex_);
 
   // The writer thread's own state.
@@ -352,10 +348,7 @@ bool Recorder::open_file(Level level, uint64_t generation) {
     fail(generation);
     return false;
   }
-  {
-    platform::lock_guard lock(mutex_);
-    file_name_ = name;
-  }
+  publish_current_file(name);
   prune_ring(name);
   return true;
 }
@@ -365,8 +358,7 @@ void Recorder::close_file(bool sync) {
   flush();
   if (sync) platform::fdatasync(file_.get());
   file_.reset();
-  platform::lock_guard lock(mutex_);
-  file_name_.clear();
+  publish_current_file("");
 }
 
 // Removes the oldest capture files while more than the ring's count remain;
@@ -430,8 +422,6 @@ void poll_property() {
                                                 : "on, full");
   recorder().apply(level);
 }
-
-std::string current_file() { return recorder().file_name(); }
 
 void shutdown() { recorder().stop(); }
 

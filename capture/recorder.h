@@ -26,10 +26,6 @@ namespace marlo::capture {
 // call: the daemon calls it at start-up and on its once-a-second poll.
 void poll_property();
 
-// The base name of the file being written ("marlod-...-0001.pcapng"), or ""
-// when the capture is off.
-std::string current_file();
-
 // Ends the capture: what is queued is written, the file synced and closed,
 // the writer thread joined. Registered to run at the daemon's exit.
 void shutdown();

@@ -10,7 +10,7 @@
 #include <ctime>
 #include <utility>
 
-#include "capture/recorder.h"
+#include "capture/current_file.h"
 #include "daemon/marlo_deamon_log.h"
 #include "platform/os.h"
 #include "platform/read_file.h"

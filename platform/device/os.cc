@@ -10,8 +10,6 @@
 #include <cerrno>
 #include <cstring>
 
-#include <cutils/uevent.h>
-
 #include "platform/wire_tap.h"
 
 namespace platform {
@@ -117,13 +115,6 @@ int fcntl(int fd, int cmd, int arg) {
   const int result = ::fcntl(fd, cmd, arg);
   if (result >= 0 && (cmd == F_DUPFD || cmd == F_DUPFD_CLOEXEC)) wire::duplicated(fd, result);
   return result;
-}
-
-ssize_t receive_uevent(int socket, void* buffer, size_t length) {
-  const ssize_t n = uevent_kernel_multicast_recv(socket, buffer, length);
-  if (n > 0)
-    wire::uevent(buffer, n < static_cast<ssize_t>(length) ? static_cast<size_t>(n) : length, static_cast<size_t>(n));
-  return n;
 }
 
 unsigned int sleep(unsigned int seconds) { return ::sleep(seconds); }

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "capture/capture_limits.h"
+#include "capture/current_file.h"
 #include "capture/recorder.h"
 #include "common/le32.h"
 #include "platform/unique_fd.h"
