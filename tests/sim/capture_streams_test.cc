@@ -38,8 +38,13 @@ TEST(CaptureStreams, ReconnectsAreRecordedInOrderWithTheirStreams) {
     int second = test::open_node("/dev/glink_pkt_marlo_dfu");
     ASSERT_GE(second, 0);
     platform::close(second);
+    // No open connection proves both closes were seen only once the second
+    // one has been accepted: before that the count is 0 as well.
     ASSERT_TRUE(marlo::test::wait_until(
-        [&] { return device.driver().open_connections() == 0 && device.dfu().open_connections() == 0; },
+        [&] {
+          return device.dfu().node().opens_seen() == 2 && device.driver().open_connections() == 0 &&
+                 device.dfu().open_connections() == 0;
+        },
         std::chrono::seconds(5)));
   }
   CaptureFile capture;
