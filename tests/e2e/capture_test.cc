@@ -53,24 +53,21 @@ class Capture : public E2e, public ::testing::WithParamInterface<Case> {
   }
 
   // Every packet of the daemon's files, oldest file first.
-  std::vector<sim::CapturedPacket> daemon_packets(std::vector<sim::CaptureFile>* files_read = nullptr) const {
+  std::vector<sim::CapturedPacket> daemon_packets() const {
     std::vector<sim::CapturedPacket> all;
     for (const std::string& name : files()) {
       sim::CaptureFile f;
       std::string error;
-      if (!sim::read_capture(dir() + "/" + name, &f, &error)) continue;
-      all.insert(all.end(), f.packets.begin(), f.packets.end());
-      if (files_read != nullptr) files_read->push_back(std::move(f));
+      if (sim::read_capture(dir() + "/" + name, &f, &error)) all.insert(all.end(), f.packets.begin(), f.packets.end());
     }
     return all;
   }
 
-  void start(Scenario scenario, const char* level, int write_delay_ms = 0) {
+  void start(Scenario scenario, const char* level) {
     std::error_code ec;  // an existing file in its place stays
     fs::create_directories(dir(), ec);
     if (*level != '\0') set_property(kProperty, level);
     sim::DeviceOptions options = scenario == Scenario::Update ? sim::DeviceOptions{} : noflash_options();
-    options.dfu.write_delay_ms = write_delay_ms;
     if (scenario == Scenario::Update) set_property("persist.vendor.zt_aon.dfu_update", "1");
     sim_capture_ = root_ + "/sim.pcapng";
     options.capture_file = sim_capture_;
@@ -193,36 +190,6 @@ INSTANTIATE_TEST_SUITE_P(Levels, Capture,
                                            Case{"NoflashRmaHeaders", Scenario::NoflashRma, "1"},
                                            Case{"NoflashRmaFull", Scenario::NoflashRma, "2"}),
                          [](const ::testing::TestParamInfo<Case>& info) { return std::string(info.param.name); });
-
-// Switched back and forth while a download runs: each switch starts a new
-// file of the right kind, the ring keeps the newest four (older captures
-// removed first), and the download goes on untouched.
-TEST_F(Capture, SwitchedDuringADownloadKeepsTheRingToItsBound) {
-  fs::create_directories(dir());
-  for (int i = 1; i <= 6; ++i) std::ofstream(dir() + "/marlod-20000101T000000Z-000" + std::to_string(i) + ".pcapng");
-  start(Scenario::Update, "0", 25);  // a download of a few seconds
-  ASSERT_TRUE(wait_for([&] { return device_->dfu().status().sessions_started >= 1; }));
-  const char* levels[] = {"1", "2", "1", "2", "1", "2"};
-  for (const char* level : levels) {
-    const std::vector<std::string> before = files();
-    set_property(kProperty, level);
-    ASSERT_TRUE(wait_for([&] {
-      std::vector<sim::CaptureFile> read;
-      daemon_packets(&read);
-      const std::vector<std::string> now = files();
-      return now != before && now.size() <= 4 && !read.empty() &&
-             read.back().setup == (std::string(level) == "1" ? "capture=headers" : "capture=full");
-    })) << "level "
-        << level << ", files: " << ::testing::PrintToString(files());
-  }
-  EXPECT_EQ(device_->dfu().status().sessions_completed, 0) << "the switches came after the download";
-  ASSERT_TRUE(wait_for([&] { return update_finished(); }));
-  const std::vector<std::string> kept = files();
-  ASSERT_EQ(kept.size(), 4u);
-  for (const std::string& name : kept) EXPECT_EQ(name.find("marlod-2000"), std::string::npos) << name;
-  sim::DfuStatus dfu = device_->dfu().status();
-  EXPECT_EQ(dfu.crc_errors + dfu.protocol_errors + dfu.resends, 0);
-}
 
 // A capture directory that cannot hold files: one log line, no file, and the
 // update runs as without a capture.

@@ -1,9 +1,8 @@
 // Faults from outside the daemon, each checked for what must not be lost: a
-// control device busy for a while or for good, a failed FLASH boot, a broken
-// image set, a data directory that cannot take a partition, a backing file
-// left half-made. Cuts and restarts at every packet are the crash sweeps'
-// (crash_sweep_test.cc); co-processor behaviour of every kind, the generated
-// co-processor's (tests/property).
+// control device busy for good, a failed FLASH boot, a broken or truncated
+// image set, a data directory that cannot take a partition. Kills at every
+// packet are the crash sweeps' (crash_sweep_test.cc); co-processor behaviour
+// of every kind, the generated co-processor's (tests/property).
 #include <sys/stat.h>
 
 #include <cstdlib>
@@ -17,20 +16,6 @@ namespace marlo::e2e {
 namespace {
 
 constexpr const char* kImageDir = "/vendor/firmware_mnt/image/";
-
-TEST_F(E2e, BusyControlDeviceIsRetriedUntilItOpens) {
-  set_property("persist.vendor.zt_aon.dfu_update", "1");
-  sim::DeviceOptions options;
-  options.flash = sim::FlashContents::Shipped;
-  start_device(options);
-  device_->busy_control_opens(3);
-  start_daemon();
-  ASSERT_TRUE(wait_for([&] { return log_count("Marlo firmware versions are MATHCHED") == 1; }));
-  EXPECT_EQ(log_count("marlocom_dev is busy, retrying in 1 seconds..."), 3);
-  EXPECT_EQ(log_count("Failed to open marlocom_dev after multiple attempts"), 0);
-  EXPECT_EQ(device_->driver().requests().front().name(), "GET_BOOT_MODE");
-  EXPECT_EQ(device_->dfu().status().sessions_started, 0);
-}
 
 TEST_F(E2e, FailedFlashBootFallsBackToHostAndUpdates) {
   set_property("persist.vendor.zt_aon.dfu_update", "1");
@@ -46,19 +31,6 @@ TEST_F(E2e, FailedFlashBootFallsBackToHostAndUpdates) {
   EXPECT_EQ(device_->driver().requests()[static_cast<size_t>(reset)].data, sim::kResetData);
   EXPECT_LT(request_index("SET_BOOT_MODE", sim::kBootModeHost), reset);
   expect_flash_holds_shipped_firmware();
-}
-
-TEST_F(E2e, StaleTemporaryOfAnInterruptedCreationIsRemovedAtStartUp) {
-  start_device(noflash_options());
-  // A daemon killed while it created the first partition's file.
-  const std::string backing = root_ + sim::RmaClient::backing_file(sim::RmaConfig{}.partitions[0]);
-  const std::string stale = backing + ".tmp";
-  std::ofstream(stale, std::ios::binary) << std::string(1000, '\0');
-  ASSERT_EQ(std::filesystem::file_size(stale), 1000u);
-  start_daemon();
-  ASSERT_TRUE(wait_for([&] { return device_->rma().status().runs_completed >= 1; }));
-  EXPECT_FALSE(std::filesystem::exists(stale));
-  EXPECT_EQ(device_->rma().verify_backing_files(), "");
 }
 
 using FaultScenarios = E2e;
