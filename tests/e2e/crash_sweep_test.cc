@@ -1,160 +1,50 @@
-// Crash sweeps. A download runs once to count the packets the co-processor
-// receives; then, for each packet N, it runs again, the daemon is killed
-// right as the co-processor receives packet N and the device power cycled
-// before a new daemon starts, which must bring the shipped firmware into
-// flash. (Restarts at any moment are the generated co-processor's; a
-// flash-less session's disk, the backing-file sweep's.) The backing-file
-// sweep rebuilds, from a recorded RMA session, every disk state a power loss
-// could leave, and serves each with a fresh daemon.
+// Crash sweeps: from a recorded RMA session, every disk state a power loss
+// could leave is rebuilt and served with a fresh daemon. A daemon killed or
+// a co-processor restarted at any moment is the generated co-processor's
+// (its relaunch and restart steps); a lost erase request, the case below.
 //
-// MARLO_SWEEP=all sweeps every point (scripts/sweep.sh); otherwise the first,
-// the last and a fixed handful of points run, as part of the normal suite.
-#include <signal.h>
-#include <sys/wait.h>
-
-#include <atomic>
+// MARLO_SWEEP=all checks every state (scripts/sweep.sh); otherwise the first,
+// the last and a fixed handful run, as part of the normal suite.
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <set>
-#include <sstream>
-#include <thread>
 
 #include "crash_states.h"
 #include "e2e_fixture.h"
 #include "sim/device_root.h"
-#include "support/wait_until.h"
 
 namespace marlo::e2e {
 namespace {
 
 namespace fs = std::filesystem;
 
-std::string sweep_mode() {
+bool full_sweep() {
   const char* mode = std::getenv("MARLO_SWEEP");
-  return mode != nullptr ? mode : "";
+  return mode != nullptr && std::string(mode) == "all";
 }
-
-// Every point of 1..total (MARLO_SWEEP=all), the points MARLO_SWEEP lists
-// (say "2,17", to replay a run), or the first, the last and a fixed handful.
-std::vector<int> cut_points(int total) {
-  std::set<int> points{1, 2, total / 3, total / 2, total - 1, total};
-  if (sweep_mode() == "all") {
-    for (int n = 1; n <= total; ++n) points.insert(n);
-  } else if (!sweep_mode().empty()) {
-    points.clear();
-    std::stringstream in(sweep_mode());
-    for (std::string item; std::getline(in, item, ',');) points.insert(std::atoi(item.c_str()));
-  }
-  points.erase(0);
-  return {points.begin(), points.end()};
-}
-
-// A download swept: the older firmware in flash and the update property set.
-class DownloadSweep : public E2e {
- protected:
-  void prepare() {
-    set_property("persist.vendor.zt_aon.dfu_update", "1");
-    sim::DeviceOptions options;
-    options.dfu.fragment_size = 8192;  // a modest packet count for the sample set
-    start_device(options);
-  }
-
-  // What is still wrong, empty once the shipped firmware is byte for byte in
-  // flash and running from it, and the update property is set.
-  std::string converged() {
-    if (std::string flash = flash_problem(); !flash.empty()) return flash;
-    std::optional<sim::FirmwareManifest> running = device_->coprocessor().running_firmware();
-    if (!running || running->apps != shipped_.versions.apps) return "the shipped firmware does not run";
-    if (device_->coprocessor().boot_mode() != sim::kBootModeFlash) return "not booted from flash";
-    const std::string update = property("persist.vendor.zt_aon.dfu_update");
-    return update == "1" ? "" : "persist.vendor.zt_aon.dfu_update is " + update;
-  }
-
-  // Arms the kill at packet `n` of a device already started, then starts
-  // the daemon. The kill lands before the co-processor handles the packet:
-  // the daemon is dead (not yet reaped) when the handling begins.
-  void start_daemon_killed_at(int n) {
-    victim_ = 0;
-    cut_done_ = false;
-    device_->at_packet(n, [this] {
-      pid_t pid;
-      while ((pid = victim_.load()) == 0) std::this_thread::yield();
-      ::kill(pid, SIGKILL);
-      siginfo_t info;
-      ::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT);
-      cut_done_ = true;
-      return false;
-    });
-    start_daemon();
-    victim_ = daemon_->pid();
-  }
-
-  // Runs the session once to count its packets, then once per cut point
-  // with the kill, a power cycle and a new daemon that must converge.
-  void run() {
-    prepare();
-    start_daemon();
-    ASSERT_TRUE(wait_for([&] { return update_finished(); })) << "the session to count did not finish";
-    const int packets = device_->packets_received();
-    int runs = 0, not_reached = 0;
-    bool failed = false;
-    for (int n : cut_points(packets)) {
-      renew_root(failed);
-      prepare();
-      start_daemon_killed_at(n);
-      // A session may take fewer packets than the one counted (an answer
-      // late under load is asked for again, and the count includes that).
-      std::string why;
-      test::wait_until([&] { return cut_done_.load() || converged().empty(); }, std::chrono::seconds(20));
-      failed = false;
-      if (!cut_done_) {
-        ++not_reached;
-        device_->at_packet(0, nullptr);
-        continue;
-      }
-      ++runs;
-      stop_daemon();
-      device_->power_cycle();
-      start_daemon();
-      failed = !test::wait_until(
-          [&] {
-            why = converged();
-            return why.empty();
-          },
-          std::chrono::seconds(20));
-      EXPECT_FALSE(failed) << "cut at packet " << n << " of " << packets << ": " << why;
-    }
-    std::printf("[ sweep    ] %d packets, %d runs, %d cut points past the session's end\n", packets, runs, not_reached);
-    EXPECT_GT(runs, 0);
-    EXPECT_LE(not_reached, 2);
-  }
-
-  std::atomic<pid_t> victim_{0};
-  std::atomic<bool> cut_done_{false};
-};
 
 // The erase requests open the download, one at a time. A hang-up that takes
 // an erase request with it (or a restart as it arrives) leaves that
 // partition, and the ones not yet asked for, to be erased when the download
 // is taken up again: the update must not complete over stale partitions.
-TEST_F(DownloadSweep, EraseLostWithAHangUpIsAskedForAgain) {
+TEST_F(E2e, EraseLostWithAHangUpIsAskedForAgain) {
   for (int lost : {1, 2}) {
     SCOPED_TRACE("erase request " + std::to_string(lost) + " lost");
     renew_root();
-    prepare();
+    set_property("persist.vendor.zt_aon.dfu_update", "1");
+    start_device({});
     device_->at_packet(lost, [this] {
       device_->dfu().hang_up_all();
       return true;
     });
     start_daemon();
     ASSERT_TRUE(wait_for([&] { return update_finished(); }));
-    EXPECT_EQ(converged(), "");
+    expect_flash_holds_shipped_firmware();
+    EXPECT_EQ(property("persist.vendor.zt_aon.dfu_update"), "1");
     EXPECT_EQ(device_->dfu().status().erases.size(), 2u);
   }
 }
-
-TEST_F(DownloadSweep, DaemonKilledAtEachPacketConvergesAfterPowerCycle) { run(); }
 
 // ---- the backing files across a power loss ------------------------------
 
@@ -249,7 +139,7 @@ TEST_F(BackingFileSweep, EveryPowerLossStateKeepsDurableBlocksAndNoHalfMadeFile)
   std::vector<CrashState> states = crash_states(ops, kTearBlock, &generated);
   std::set<size_t> picked{0, states.size() - 1};  // with a handful between, unless every state is swept
   for (size_t k = 1; k < 6; ++k) picked.insert(k * states.size() / 6);
-  for (size_t i = 0; sweep_mode() == "all" && i < states.size(); ++i) picked.insert(i);
+  for (size_t i = 0; full_sweep() && i < states.size(); ++i) picked.insert(i);
   for (size_t i : picked) {
     for (const std::string& problem : check(states[i])) {
       ADD_FAILURE() << "cut after " << states[i].cut << " of " << ops.size() << " operations (" << states[i].how

@@ -76,14 +76,16 @@ void PrintTo(const Row& row, std::ostream* out) { *out << row.name; }
 // One cell: a device and a daemon, a fault, the measurements.
 class FaultCell : public DaemonRig {
  public:
-  FaultCell(const Row& row, ReadFault fault) : DaemonRig(kTimeScale), row_(row), fault_(fault) {}
+  FaultCell(const Row& row, ReadFault fault) : DaemonRig(kTimeScale), fault_(fault), row_(row) {}
 
-  // Runs the cell; what went wrong, as text. A failed cell keeps its root.
-  std::vector<std::string> run() {
+  // Runs the cell; a failed cell keeps its root.
+  void run() {
     steps();
     keep_root_ = !problems_.empty();
-    return problems_;
   }
+
+  const ReadFault fault_;
+  std::vector<std::string> problems_;  // what went wrong, as text
 
  private:
   void steps() {
@@ -172,10 +174,8 @@ class FaultCell : public DaemonRig {
   }
 
   const Row& row_;
-  const ReadFault fault_;
   std::atomic<bool> struck_{false};
   std::atomic<long> struck_log_size_{0};
-  std::vector<std::string> problems_;
 };
 
 class ReadFaultMatrix : public ::testing::TestWithParam<Row> {};
@@ -183,17 +183,16 @@ class ReadFaultMatrix : public ::testing::TestWithParam<Row> {};
 TEST_P(ReadFaultMatrix, EveryFaultIsBoundedQuietAndRecoveredAtThePowerUp) {
   const Row& row = GetParam();
   std::vector<std::unique_ptr<FaultCell>> cells;
-  std::vector<std::vector<std::string>> problems(std::size(kFaults));
   std::vector<std::thread> threads;
-  for (size_t i = 0; i < std::size(kFaults); ++i) {
-    cells.push_back(std::make_unique<FaultCell>(row, kFaults[i]));
-    threads.emplace_back([&cell = *cells[i], &found = problems[i]] { found = cell.run(); });
+  for (ReadFault fault : kFaults) {
+    cells.push_back(std::make_unique<FaultCell>(row, fault));
+    threads.emplace_back([&cell = *cells.back()] { cell.run(); });
   }
   for (std::thread& thread : threads) thread.join();
-  for (size_t i = 0; i < std::size(kFaults); ++i) {
-    for (const std::string& problem : problems[i]) {
-      ADD_FAILURE() << row.name << " / " << sim::read_fault_name(kFaults[i]) << ": " << problem << " (root "
-                    << cells[i]->root_ << ")";
+  for (const auto& cell : cells) {
+    for (const std::string& problem : cell->problems_) {
+      ADD_FAILURE() << row.name << " / " << sim::read_fault_name(cell->fault_) << ": " << problem << " (root "
+                    << cell->root_ << ")";
     }
   }
 }
