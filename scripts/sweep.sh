@@ -1,9 +1,7 @@
 #!/usr/bin/env bash
-# The full crash sweep: every packet boundary of a download (daemon killed
-# and device power cycled; co-processor restarted) and every power-loss
-# state of the RMA backing files rebuilt from a recorded session, each
-# served by a fresh daemon. The normal suite runs a sampled subset of the
-# same cases; this runs them all (a few minutes on 2 cores).
+# The full crash sweep: every power-loss state of the RMA backing files
+# rebuilt from a recorded session, each served by a fresh daemon. The normal
+# suite runs a sampled subset of the same states; this runs them all.
 #
 #   scripts/sweep.sh [gtest filter]      default: every sweep
 set -euo pipefail

@@ -64,19 +64,14 @@ struct Model {
     const FileOp& op = ops[i];
     switch (op.kind) {
       case FileOp::Create:
-        inodes.emplace_back();
-        dir_inode[i] = static_cast<int>(inodes.size() - 1);
-        names[op.path] = dir_inode[i];
-        pending_dir.push_back(i);
-        break;
       case FileOp::Rename:
-        if (names.count(op.path) == 0) break;
-        names[op.to] = names[op.path];
-        names.erase(op.path);
-        pending_dir.push_back(i);
-        break;
       case FileOp::Unlink:
-        names.erase(op.path);
+        if (op.kind == FileOp::Rename && names.count(op.path) == 0) break;
+        if (op.kind == FileOp::Create) {
+          inodes.emplace_back();
+          dir_inode[i] = static_cast<int>(inodes.size() - 1);
+        }
+        apply_dir(names, i);
         pending_dir.push_back(i);
         break;
       case FileOp::Sync:

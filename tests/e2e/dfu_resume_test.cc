@@ -1,13 +1,12 @@
 // A download and the co-processor's power-up: an outage longer than the
-// transport's reopen attempts is taken up at the power-up, and a power-up
-// that finds nothing lost leaves the DFU channel alone.
+// transport's reopen attempts is taken up at the power-up. A power-up during
+// or after the download is the generated co-processor's (its power-events
+// and restart steps).
 #include <atomic>
-#include <chrono>
 #include <ostream>
 
 #include "e2e_fixture.h"
 #include "sim/uevent_sender.h"
-#include "support/wait_until.h"
 
 namespace marlo::e2e {
 namespace {
@@ -15,36 +14,6 @@ namespace {
 // Packets 1-2 are the erases, 3 the state query, 4 MG_UPDT_REQ, 5 the first
 // IMG_INFO_RESP: packet 10 is a fragment answer in the image phase.
 constexpr int kImagePhasePacket = 10;
-
-class DfuResume : public E2e {
- protected:
-  void start_updating_device() {
-    set_property("persist.vendor.zt_aon.dfu_update", "1");
-    sim::DeviceOptions options;
-    options.dfu.fragment_size = 2048;
-    start_device(options);
-  }
-  // The co-processor goes down and stays down (no power-up of its own).
-  // Without `announced` its uevent is lost.
-  void power_down(bool announced = true) {
-    device_->coprocessor().unload("restart: going down");
-    if (announced) sim::send_uevent(root_, sim::marlo_uevent(sim::kEventPowerDown));
-  }
-  // With `lost_in_overrun` the uevent is lost and the daemon finds the
-  // co-processor running when it re-reads the state.
-  void power_up(bool lost_in_overrun = false) {
-    ASSERT_EQ(device_->coprocessor().load(), 0);
-    if (lost_in_overrun) {
-      ASSERT_TRUE(sim::arm_uevent_overrun(root_));
-    }
-    ASSERT_TRUE(sim::send_uevent(root_, sim::marlo_uevent(sim::kEventPowerUp)));
-  }
-  // The daemon's DFU transport has tried to reopen the channel `attempts`
-  // times and given up each time.
-  bool reopens_given_up(int attempts) {
-    return wait_for([&] { return log_count("GLINK_int glink_open failed") >= attempts; });
-  }
-};
 
 // How the daemon learns of the restart.
 struct PowerEvents {
@@ -54,26 +23,37 @@ struct PowerEvents {
 };
 void PrintTo(const PowerEvents& events, std::ostream* out) { *out << events.name; }
 
-class DfuResumeAtPowerUp : public DfuResume, public ::testing::WithParamInterface<PowerEvents> {};
+class DfuResumeAtPowerUp : public E2e, public ::testing::WithParamInterface<PowerEvents> {};
 
 TEST_P(DfuResumeAtPowerUp, OutageLongerThanTheReopenAttemptsIsTakenUp) {
   const PowerEvents events = GetParam();
-  start_updating_device();
+  set_property("persist.vendor.zt_aon.dfu_update", "1");
+  sim::DeviceOptions options;
+  options.dfu.fragment_size = 2048;
+  start_device(options);
   std::atomic<bool> down{false};
   device_->at_packet(kImagePhasePacket, [&] {
-    power_down(events.down_announced);
+    // Down and staying down (no power-up of its own); the uevent maybe lost.
+    device_->coprocessor().unload("restart: going down");
+    if (events.down_announced) sim::send_uevent(root_, sim::marlo_uevent(sim::kEventPowerDown));
     down = true;
     return true;  // lost with the co-processor
   });
   start_daemon();
   ASSERT_TRUE(wait_for([&] { return down.load(); }));
-  // Still down when the transport has given up.
-  ASSERT_TRUE(reopens_given_up(1));
+  // Still down when the transport has given up reopening the channel.
+  ASSERT_TRUE(wait_for([&] { return log_count("GLINK_int glink_open failed") >= 1; }));
   EXPECT_TRUE(device_->flash().has_partial_images());
   const sim::DfuStatus before = device_->dfu().status();
   EXPECT_GE(before.fragments, 1) << "the cut is in the image phase";
 
-  power_up(events.up_lost);
+  // A power-up lost in an overrun: the daemon finds the co-processor running
+  // when it re-reads the state.
+  ASSERT_EQ(device_->coprocessor().load(), 0);
+  if (events.up_lost) {
+    ASSERT_TRUE(sim::arm_uevent_overrun(root_));
+  }
+  ASSERT_TRUE(sim::send_uevent(root_, sim::marlo_uevent(sim::kEventPowerUp)));
   ASSERT_TRUE(wait_for([&] { return update_finished(); })) << "the download was not taken up at power-up";
   expect_flash_holds_shipped_firmware();
   const sim::DfuStatus after = device_->dfu().status();
@@ -90,47 +70,6 @@ INSTANTIATE_TEST_SUITE_P(Restarts, DfuResumeAtPowerUp,
                          ::testing::Values(PowerEvents{"PowerUpLostInAnOverrun", true, true},
                                            PowerEvents{"BothLostInAnOverrun", false, true}),
                          [](const ::testing::TestParamInfo<PowerEvents>& info) { return info.param.name; });
-
-// The power-up arrives while the channel is open and the download runs: the
-// co-processor never went down as far as the session can tell.
-TEST_F(DfuResume, PowerUpDuringAnOpenDownloadLeavesTheChannelAlone) {
-  start_updating_device();
-  std::atomic<bool> refused{false};
-  device_->at_packet(kImagePhasePacket, [&] {
-    sim::send_uevent(root_, sim::marlo_uevent(sim::kEventPowerUp));
-    // The download waits for this answer until the power-up has been seen.
-    refused = test::wait_until([&] { return log_count("GLINK_int channel is already opened") >= 1; },
-                               std::chrono::seconds(5));
-    return false;
-  });
-  start_daemon();
-  ASSERT_TRUE(wait_for([&] { return update_finished(); }));
-  EXPECT_TRUE(refused) << "the power-up was not handled during the download";
-  expect_flash_holds_shipped_firmware();
-  const sim::DfuStatus dfu = device_->dfu().status();
-  EXPECT_EQ(dfu.state_queries, 1) << "only the one after the erases";
-  EXPECT_EQ(dfu.sessions_started, 1);
-  EXPECT_EQ(log_count("resuming the download"), 0);
-}
-
-// A finished download is not taken up again, even after an outage that
-// outlasted the transport's reopen attempts.
-TEST_F(DfuResume, PowerUpAfterTheDownloadFinishedLeavesTheChannelClosed) {
-  start_updating_device();
-  start_daemon();
-  ASSERT_TRUE(wait_for([&] { return update_finished(); }));
-  const int failed_reopens = log_count("GLINK_int glink_open failed");
-  power_down();
-  ASSERT_TRUE(reopens_given_up(failed_reopens + 1));
-  const int opens = device_->dfu().node().opens_seen();
-  const sim::DfuStatus before = device_->dfu().status();
-
-  power_up();
-  ASSERT_TRUE(wait_for([&] { return log_count("no unfinished download, DFU channel left as it is") >= 1; }));
-  EXPECT_EQ(device_->dfu().node().opens_seen(), opens);
-  EXPECT_EQ(device_->dfu().status().state_queries, before.state_queries);
-  EXPECT_EQ(device_->dfu().status().sessions_started, 1);
-}
 
 }  // namespace
 }  // namespace marlo::e2e

@@ -1,9 +1,7 @@
 // Faults from outside the daemon, each checked for what must not be lost: a
-// control device busy for a while or for good, a failed FLASH boot, a broken
-// image set, a data directory that cannot take a partition, a backing file
-// left half-made. Cuts and restarts at every packet are the crash sweeps'
-// (crash_sweep_test.cc); co-processor behaviour of every kind, the generated
-// co-processor's (tests/property).
+// control device busy for good, a failed FLASH boot, a broken image set, a
+// data directory that cannot take a partition. Co-processor
+// behaviour of every kind is the generated co-processor's (tests/property).
 #include <sys/stat.h>
 
 #include <cstdlib>
@@ -17,20 +15,6 @@ namespace marlo::e2e {
 namespace {
 
 constexpr const char* kImageDir = "/vendor/firmware_mnt/image/";
-
-TEST_F(E2e, BusyControlDeviceIsRetriedUntilItOpens) {
-  set_property("persist.vendor.zt_aon.dfu_update", "1");
-  sim::DeviceOptions options;
-  options.flash = sim::FlashContents::Shipped;
-  start_device(options);
-  device_->busy_control_opens(3);
-  start_daemon();
-  ASSERT_TRUE(wait_for([&] { return log_count("Marlo firmware versions are MATHCHED") == 1; }));
-  EXPECT_EQ(log_count("marlocom_dev is busy, retrying in 1 seconds..."), 3);
-  EXPECT_EQ(log_count("Failed to open marlocom_dev after multiple attempts"), 0);
-  EXPECT_EQ(device_->driver().requests().front().name(), "GET_BOOT_MODE");
-  EXPECT_EQ(device_->dfu().status().sessions_started, 0);
-}
 
 TEST_F(E2e, FailedFlashBootFallsBackToHostAndUpdates) {
   set_property("persist.vendor.zt_aon.dfu_update", "1");
@@ -46,19 +30,6 @@ TEST_F(E2e, FailedFlashBootFallsBackToHostAndUpdates) {
   EXPECT_EQ(device_->driver().requests()[static_cast<size_t>(reset)].data, sim::kResetData);
   EXPECT_LT(request_index("SET_BOOT_MODE", sim::kBootModeHost), reset);
   expect_flash_holds_shipped_firmware();
-}
-
-TEST_F(E2e, StaleTemporaryOfAnInterruptedCreationIsRemovedAtStartUp) {
-  start_device(noflash_options());
-  // A daemon killed while it created the first partition's file.
-  const std::string backing = root_ + sim::RmaClient::backing_file(sim::RmaConfig{}.partitions[0]);
-  const std::string stale = backing + ".tmp";
-  std::ofstream(stale, std::ios::binary) << std::string(1000, '\0');
-  ASSERT_EQ(std::filesystem::file_size(stale), 1000u);
-  start_daemon();
-  ASSERT_TRUE(wait_for([&] { return device_->rma().status().runs_completed >= 1; }));
-  EXPECT_FALSE(std::filesystem::exists(stale));
-  EXPECT_EQ(device_->rma().verify_backing_files(), "");
 }
 
 using FaultScenarios = E2e;
@@ -117,20 +88,6 @@ TEST_F(FaultScenarios, ControlDeviceThatStaysBusyLeavesTheDaemonServingResets) {
   set_property("vendor.marlo_reset", "1");
   ASSERT_TRUE(wait_for([&] { return property("vendor.marlo_reset") == "0"; }));
   EXPECT_GE(request_index("RESET", -1), 0);
-  EXPECT_TRUE(daemon_->alive());
-}
-
-TEST_F(FaultScenarios, TruncatedImageIsServedExactlyAsShipped) {
-  set_property("persist.vendor.zt_aon.dfu_update", "1");
-  const std::string partition_1 = root_ + kImageDir + "partition_1.bin";
-  std::filesystem::resize_file(partition_1, 1000);
-  start_device({});
-  start_daemon();
-  ASSERT_TRUE(wait_for([&] { return device_->dfu().status().sessions_completed >= 1; }));
-  std::optional<sim::Bytes> served = device_->flash().image(sim::kPartition1ImageId);
-  ASSERT_TRUE(served.has_value());
-  const std::string shipped = sim::read_text(partition_1);
-  EXPECT_EQ(std::string(served->begin(), served->end()), shipped) << "not a byte more, not a byte less";
   EXPECT_TRUE(daemon_->alive());
 }
 

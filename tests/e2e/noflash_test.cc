@@ -1,9 +1,8 @@
 // A co-processor without flash: misc data pushed once and RMA served; a
 // power-up in the middle of its misc-data push or of a download, and power
 // events lost in a uevent socket overrun. The interleavings are forced by
-// hooks of the virtual co-processor. Restarts at every packet of the session
-// are the crash sweeps' (crash_sweep_test.cc); restarts, resets and power
-// events at any moment, the generated co-processor's (tests/property).
+// hooks of the virtual co-processor. Restarts, resets and power events at
+// any moment are the generated co-processor's (tests/property).
 #include <atomic>
 #include <filesystem>
 #include <memory>

@@ -4,12 +4,11 @@
 // core and less than 64 KiB of log a second, give back every wakelock
 // reference, and bring the co-processor back into service at its next
 // power-up. Each row is one test; its four cells run side by side, each with
-// a device and a daemon of its own. Every cell prints its figures.
+// a device and a daemon of its own.
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -27,7 +26,6 @@ namespace marlo::e2e {
 namespace {
 
 using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
 using sim::ReadFault;
 
 // The daemon runs at its own pace (time scale 1): the bounds are rates per
@@ -75,21 +73,19 @@ constexpr Row kRows[] = {
 
 void PrintTo(const Row& row, std::ostream* out) { *out << row.name; }
 
-// One cell: a device and a daemon, a fault, the measurements; `line` is its
-// row of the printed table.
+// One cell: a device and a daemon, a fault, the measurements.
 class FaultCell : public DaemonRig {
  public:
-  FaultCell(const Row& row, ReadFault fault) : DaemonRig(kTimeScale), row_(row), fault_(fault) {}
+  FaultCell(const Row& row, ReadFault fault) : DaemonRig(kTimeScale), fault_(fault), row_(row) {}
 
-  // Runs the cell; what went wrong, as text. A failed cell keeps its root.
-  std::vector<std::string> run() {
+  // Runs the cell; a failed cell keeps its root.
+  void run() {
     steps();
-    if (line.empty()) line = std::string("| ") + row_.name + " | " + sim::read_fault_name(fault_) + " | stopped |";
     keep_root_ = !problems_.empty();
-    return problems_;
   }
 
-  std::string line;
+  const ReadFault fault_;
+  std::vector<std::string> problems_;  // what went wrong, as text
 
  private:
   void steps() {
@@ -107,24 +103,20 @@ class FaultCell : public DaemonRig {
       set_property("vendor.marlo_reset", "1");
     }
     if (!wait([&] { return struck_.load(); }, 60s, "the fault struck")) return;
-    const std::string reaction = measure_reaction();
+    if (fault_ != ReadFault::Silence || !row_.silence_is_idle) reaction();
     if (row_.reader == Reader::MiscAnswer) {
       // The daemon serves RMA once the push has ended, failed or not: that
       // workload is service, not waiting, and is left out of the window.
       test::wait_until([&] { return device_->rma().status().runs_completed > 0; }, 15s);
     }
     const Activity quiet = activity_over(kWindow);
-    const bool released = wakelock_takes() == wakelock_releases();
-    check(quiet.core_share < kMaxCoreShare, "CPU while waiting under 5% of a core");
-    check(quiet.log_bytes_per_second < kMaxLogBytesPerSecond, "log growing under 64 KiB/s");
-    check(released, "every wakelock reference back while waiting");
+    check(quiet.core_share < kMaxCoreShare,
+          "CPU while waiting under 5% of a core: " + std::to_string(quiet.core_share));
+    check(quiet.log_bytes_per_second < kMaxLogBytesPerSecond,
+          "log growing under 64 KiB/s: " + std::to_string(quiet.log_bytes_per_second));
+    check(wakelock_takes() == wakelock_releases(), "every wakelock reference back while waiting");
     check(daemon_->alive(), "marlod running");
-    const bool recovered = recover();
-    char text[256];
-    std::snprintf(text, sizeof(text), "| %s | %s | %s | %.1f %% | %.0f B/s | %s | %s |", row_.name,
-                  sim::read_fault_name(fault_), reaction.c_str(), 100 * quiet.core_share, quiet.log_bytes_per_second,
-                  released ? "0" : "held", recovered ? "yes" : "no");
-    line = text;
+    recover();
   }
 
   void arm() {
@@ -132,7 +124,6 @@ class FaultCell : public DaemonRig {
     channels[static_cast<int>(row_.reader)]->arm_read_fault(fault_, row_.packet, [this] {
       std::error_code unreadable;
       struck_log_size_ = static_cast<long>(std::filesystem::file_size(log_file_, unreadable));
-      struck_at_ = Clock::now().time_since_epoch().count();
       struck_ = true;
     });
   }
@@ -155,26 +146,20 @@ class FaultCell : public DaemonRig {
 
   // The daemon's reaction, seen in its log after the fault (the failed reset
   // for the control device, an error entry elsewhere) with every wakelock
-  // reference back; the time it took, as text.
-  std::string measure_reaction() {
-    if (fault_ == ReadFault::Silence && row_.silence_is_idle) return "waits";
+  // reference back.
+  void reaction() {
     const std::string marker = row_.reader == Reader::ControlAnswer ? "Marlo reset failed" : "\"prio\": 6,";
-    const auto reacted = [&] {
-      std::ifstream in(log_file_);
-      in.seekg(struck_log_size_.load());
-      std::string entry;
-      while (std::getline(in, entry)) {
-        if (entry.find(marker) != std::string::npos) return wakelock_takes() == wakelock_releases();
-      }
-      return false;
-    };
-    if (!wait(reacted, kReactionBound, "a reaction (an error logged and every wakelock reference back)")) {
-      return "none";
-    }
-    const Clock::time_point struck{Clock::duration(struck_at_.load())};
-    char seconds[32];
-    std::snprintf(seconds, sizeof(seconds), "%.2f s", std::chrono::duration<double>(Clock::now() - struck).count());
-    return seconds;
+    wait(
+        [&] {
+          std::ifstream in(log_file_);
+          in.seekg(struck_log_size_.load());
+          std::string entry;
+          while (std::getline(in, entry)) {
+            if (entry.find(marker) != std::string::npos) return wakelock_takes() == wakelock_releases();
+          }
+          return false;
+        },
+        kReactionBound, "a reaction (an error logged and every wakelock reference back)");
   }
 
   // The next power-up (a restart of the co-processor) brings it back into
@@ -189,11 +174,8 @@ class FaultCell : public DaemonRig {
   }
 
   const Row& row_;
-  const ReadFault fault_;
   std::atomic<bool> struck_{false};
   std::atomic<long> struck_log_size_{0};
-  std::atomic<Clock::rep> struck_at_{0};
-  std::vector<std::string> problems_;
 };
 
 class ReadFaultMatrix : public ::testing::TestWithParam<Row> {};
@@ -201,18 +183,16 @@ class ReadFaultMatrix : public ::testing::TestWithParam<Row> {};
 TEST_P(ReadFaultMatrix, EveryFaultIsBoundedQuietAndRecoveredAtThePowerUp) {
   const Row& row = GetParam();
   std::vector<std::unique_ptr<FaultCell>> cells;
-  std::vector<std::vector<std::string>> problems(std::size(kFaults));
   std::vector<std::thread> threads;
-  for (size_t i = 0; i < std::size(kFaults); ++i) {
-    cells.push_back(std::make_unique<FaultCell>(row, kFaults[i]));
-    threads.emplace_back([&cell = *cells[i], &found = problems[i]] { found = cell.run(); });
+  for (ReadFault fault : kFaults) {
+    cells.push_back(std::make_unique<FaultCell>(row, fault));
+    threads.emplace_back([&cell = *cells.back()] { cell.run(); });
   }
   for (std::thread& thread : threads) thread.join();
-  for (size_t i = 0; i < std::size(kFaults); ++i) {
-    std::printf("%s\n", cells[i]->line.c_str());
-    for (const std::string& problem : problems[i]) {
-      ADD_FAILURE() << row.name << " / " << sim::read_fault_name(kFaults[i]) << ": " << problem << " (root "
-                    << cells[i]->root_ << ")";
+  for (const auto& cell : cells) {
+    for (const std::string& problem : cell->problems_) {
+      ADD_FAILURE() << row.name << " / " << sim::read_fault_name(cell->fault_) << ": " << problem << " (root "
+                    << cell->root_ << ")";
     }
   }
 }

@@ -30,8 +30,6 @@ void PrintTo(const Story& story, std::ostream* out) { *out << story.name; }
 
 class UpdateHistory : public E2e, public ::testing::WithParamInterface<Story> {
  public:
-  using E2e::device_;
-  using E2e::root_;
   using E2e::start_daemon;
   using E2e::start_device;
   using E2e::stop_daemon;

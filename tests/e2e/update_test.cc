@@ -61,31 +61,5 @@ TEST_F(E2e, DroppedChannelResumesFromReportedStateAndFlashIsExact) {
   expect_flash_holds_shipped_firmware();
 }
 
-TEST_F(E2e, DaemonKilledMidDownloadCompletesOnNextStart) {
-  set_property("persist.vendor.zt_aon.dfu_update", "1");
-  sim::DeviceOptions options;
-  options.dfu.write_delay_ms = 10;
-  start_device(options);
-  start_daemon();
-  ASSERT_TRUE(wait_for([&] { return device_->dfu().status().fragments >= 5; }));
-  stop_daemon();
-  EXPECT_EQ(property("persist.vendor.zt_aon.dfu_update"), "0") << "set when the image update starts";
-  EXPECT_TRUE(device_->flash().has_partial_images());
-  EXPECT_FALSE(device_->flash().bootable_manifest().has_value());
-
-  // The device reboots in FLASH mode; the unfinished update is taken up.
-  device_->power_cycle();
-  device_->dfu().set_config([] {
-    sim::DfuConfig fast;
-    fast.image_ids = sim::make_firmware_set(sim::shipped_versions()).image_ids();
-    return fast;
-  }());
-  start_daemon();
-  ASSERT_TRUE(wait_for([&] { return update_finished(); }));
-  EXPECT_EQ(log_count("zt_aon.dfu_update is 0, do fW_update"), 1);
-  EXPECT_EQ(device_->dfu().status().sessions_started, 2);
-  expect_flash_holds_shipped_firmware();
-}
-
 }  // namespace
 }  // namespace marlo::e2e

@@ -1,15 +1,9 @@
 #include "device_under_test.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <map>
-#include <sstream>
 #include <thread>
 #include <utility>
 
@@ -39,10 +33,6 @@ constexpr long kMaxLogBytesPerSecond = 64 * 1024;
 
 // A channel the daemon is about to open is waited for this long.
 constexpr std::chrono::milliseconds kChannelOpen{1000};
-// The RMA workload is between runs once it sent nothing for this long.
-constexpr std::chrono::milliseconds kWorkloadIdle{200};
-// The daemon answers an RMA request within this, or is taken not to answer.
-constexpr std::chrono::milliseconds kRmaAnswer{1000};
 
 constexpr const char* kResetProperty = "vendor.marlo_reset";
 // Sequences start once the daemon has found the co-processor running and
@@ -58,22 +48,6 @@ int count_entries(const std::string& dir) {
   int count = 0;
   for (std::filesystem::directory_iterator it(dir, error), end; !error && it != end; it.increment(error)) ++count;
   return error ? -1 : count;
-}
-
-// The message logged most often in the log file from byte `from` on, with
-// its count: what a noisy daemon repeats.
-std::string most_repeated_line(const std::string& log_file, long from) {
-  std::ifstream in(log_file);
-  in.seekg(from);
-  std::map<std::string, int> counts;
-  std::string line;
-  while (std::getline(in, line)) {
-    const size_t msg = line.find("\"msg\": ");
-    if (msg != std::string::npos) ++counts[line.substr(msg + 7, 100)];
-  }
-  auto top =
-      std::max_element(counts.begin(), counts.end(), [](const auto& a, const auto& b) { return a.second < b.second; });
-  return top == counts.end() ? "" : std::to_string(top->second) + " x " + top->first;
 }
 
 sim::Bytes hostile_dfu_message(uint32_t kind) {
@@ -129,12 +103,6 @@ DeviceUnderTest::DeviceUnderTest(Variant variant, std::string* start_error) {
     options.dfu.write_delay_ms = kFlashWriteMs;
   }
   start_device(options);
-  device_->rma().set_answer_tap([this](const sim::Bytes& answer) {
-    if (!RmaProbe::is_probe_answer(answer)) return false;
-    std::lock_guard<std::mutex> lock(answers_mutex_);
-    probe_answers_.push_back(answer);
-    return true;
-  });
   *start_error = launch_daemon();
   if (start_error->empty() && std::getenv("MARLO_PROPERTY_EARLY") == nullptr &&
       !test::wait_until([this] { return sim::get_property(root_, kBootCompleteProperty) == "1"; }, kBootComplete)) {
@@ -187,11 +155,7 @@ std::string DeviceUnderTest::apply(const Step& step) {
       }
       break;
     }
-    case Action::Rma:
-      if (std::string wrong = probe_rma(step); !wrong.empty()) return wrong;
-      break;
     case Action::Relaunch: {
-      rma_probe_.forget_session();
       // A workload run the killed daemon was serving is lost with its
       // connection (the co-processor's next power-up starts another); one
       // not yet started is still owed to the new daemon.
@@ -207,50 +171,6 @@ std::string DeviceUnderTest::apply(const Step& step) {
     }
   }
   return check_running();
-}
-
-std::string DeviceUnderTest::probe_rma(const Step& step) {
-  // The daemon keeps one stored partition: the probe speaks between the
-  // workload's runs, never inside one, and after the run a power-up owes.
-  test::wait_until(
-      [&] {
-        return runs_before_power_up_ < 0 ||
-               static_cast<int>(device_->rma().status().last_completed_run) > runs_before_power_up_;
-      },
-      kResetServed);
-  int messages = device_->rma().status().messages;
-  test::wait_until(
-      [&] {
-        std::this_thread::sleep_for(kWorkloadIdle);
-        const int now = device_->rma().status().messages;
-        return std::exchange(messages, now) == now;
-      },
-      kResetServed);
-  const RmaRequest request = decode_rma_step(step);
-  const uint32_t number = static_cast<uint32_t>(script_.steps.size());
-  {
-    std::lock_guard<std::mutex> lock(answers_mutex_);
-    probe_answers_.clear();
-  }
-  const bool session = messages == workload_messages_at_connect_;
-  if (request.command == sim::kRmaConnect) workload_messages_at_connect_ = messages;
-  if (!device_->rma().inject(RmaProbe::request(request, number))) return "";  // channel not open
-  std::optional<sim::Bytes> answer;
-  test::wait_until(
-      [&] {
-        std::lock_guard<std::mutex> lock(answers_mutex_);
-        if (!probe_answers_.empty()) answer = probe_answers_.front();
-        return answer.has_value();
-      },
-      kRmaAnswer);
-  if (std::getenv("MARLO_PROPERTY_VERBOSE") != nullptr) {
-    std::printf("  %s: %s\n", describe_rma_step(step).c_str(),
-                answer ? ("answer of " + std::to_string(answer->size()) + " bytes, result word " +
-                          std::to_string(sim::get_u32(*answer, 28)))
-                             .c_str()
-                       : "no answer");
-  }
-  return rma_probe_.check(request, number, answer, session || request.command == sim::kRmaConnect);
 }
 
 std::string DeviceUnderTest::check_wakelock() const {
@@ -313,50 +233,20 @@ std::string DeviceUnderTest::work_left() const {
 
 ProcessShape DeviceUnderTest::shape() const {
   const std::string proc = "/proc/" + std::to_string(daemon_->pid());
-  ProcessShape shape{count_entries(proc + "/fd"), count_entries(proc + "/task"), {}};
-  std::error_code error;
-  for (std::filesystem::directory_iterator it(proc + "/fd", error), end; !error && it != end; it.increment(error)) {
-    std::error_code unreadable;
-    std::string target = std::filesystem::read_symlink(it->path(), unreadable).string();
-    // Sockets and pipes differ by inode from run to run: their kind is kept.
-    if (const size_t colon = target.find(":["); colon != std::string::npos) target.resize(colon);
-    if (const size_t root = target.find(root_); root != std::string::npos) target.erase(root, root_.size());
-    shape.targets.push_back(target);
-  }
-  std::sort(shape.targets.begin(), shape.targets.end());
-  return shape;
+  return ProcessShape{count_entries(proc + "/fd"), count_entries(proc + "/task")};
 }
-
-namespace {
-
-// "+x" for what `now` has beyond `then`, "-x" for what it lacks.
-std::string difference(std::vector<std::string> then, std::vector<std::string> now) {
-  std::vector<std::string> gained, lost;
-  std::set_difference(now.begin(), now.end(), then.begin(), then.end(), std::back_inserter(gained));
-  std::set_difference(then.begin(), then.end(), now.begin(), now.end(), std::back_inserter(lost));
-  std::string text;
-  for (const std::string& t : gained) text += " +" + t;
-  for (const std::string& t : lost) text += " -" + t;
-  return text;
-}
-
-}  // namespace
 
 std::string DeviceUnderTest::check_quiet_window() const {
   // The log's writer thread lands what the last work logged a few
   // milliseconds late: that is not the quiet daemon's.
   std::this_thread::sleep_for(kLogLanding);
   const Activity window = activity_over(kQuietWindow);
-  const double share = window.core_share;
-  const double log_rate = window.log_bytes_per_second;
-  std::ostringstream out;
-  if (share >= kMaxCoreShare) out << "a quiet daemon uses " << static_cast<int>(share * 100) << "% of a core";
-  if (log_rate >= kMaxLogBytesPerSecond) {
-    out << (out.tellp() > 0 ? "; " : "") << "a quiet daemon logs " << static_cast<long>(log_rate / 1024)
-        << " KiB a second";
+  if (window.core_share >= kMaxCoreShare || window.log_bytes_per_second >= kMaxLogBytesPerSecond) {
+    return "a quiet daemon uses " + std::to_string(static_cast<int>(window.core_share * 100)) +
+           "% of a core and logs " + std::to_string(static_cast<long>(window.log_bytes_per_second / 1024)) +
+           " KiB a second";
   }
-  if (out.tellp() > 0) out << " (most logged: " << most_repeated_line(log_file_, window.log_from) << ")";
-  return out.str();
+  return "";
 }
 
 std::string DeviceUnderTest::quiesce(const ProcessShape* baseline) {
@@ -373,7 +263,7 @@ std::string DeviceUnderTest::quiesce(const ProcessShape* baseline) {
     if (now.descriptors > baseline->descriptors || now.threads > baseline->threads) {
       return "descriptors/threads at quiescence " + std::to_string(now.descriptors) + "/" +
              std::to_string(now.threads) + ", baseline " + std::to_string(baseline->descriptors) + "/" +
-             std::to_string(baseline->threads) + " (descriptors:" + difference(baseline->targets, now.targets) + ")";
+             std::to_string(baseline->threads);
     }
   }
   return check_running();

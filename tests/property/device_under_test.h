@@ -7,13 +7,11 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "e2e/e2e_fixture.h"
-#include "rma_probe.h"
 #include "steps.h"
 
 namespace marlo::property {
@@ -22,7 +20,6 @@ namespace marlo::property {
 struct ProcessShape {
   int descriptors = -1;
   int threads = -1;
-  std::vector<std::string> targets;  // what each descriptor names, sorted
 };
 
 class DeviceUnderTest : public e2e::DaemonRig {
@@ -53,7 +50,6 @@ class DeviceUnderTest : public e2e::DaemonRig {
   void note_restart();
   void note_power_up();
   std::string check_wakelock() const;
-  std::string probe_rma(const Step& step);
 
   Script script_;
   // RMA workload runs the co-processor had started before it last went
@@ -64,12 +60,6 @@ class DeviceUnderTest : public e2e::DaemonRig {
   // killed daemon held is the kernel's until some release follows.
   size_t takes_at_relaunch_ = 0;
   size_t releases_at_relaunch_ = 0;
-  RmaProbe rma_probe_;
-  // Workload messages when the probe last sent CONNECT: any later one may
-  // have changed the daemon's stored partition.
-  int workload_messages_at_connect_ = -1;
-  std::mutex answers_mutex_;
-  std::vector<sim::Bytes> probe_answers_;  // guarded by answers_mutex_
 };
 
 }  // namespace marlo::property

@@ -1,7 +1,5 @@
 #include "steps.h"
 
-#include "rma_probe.h"
-
 #include <array>
 #include <sstream>
 
@@ -9,62 +7,15 @@ namespace marlo::property {
 
 namespace {
 
-struct ActionName {
-  Action action;
-  const char* name;
-};
-
-constexpr std::array<ActionName, 9> kActionNames{{
-    {Action::Wait, "wait"},
-    {Action::Restart, "restart"},
-    {Action::PowerEvents, "power-events"},
-    {Action::HalfClose, "half-close"},
-    {Action::MiscAnswer, "misc-answer"},
-    {Action::DfuHostile, "dfu-hostile"},
-    {Action::Reset, "reset"},
-    {Action::Relaunch, "relaunch"},
-    {Action::Rma, "rma"},
-}};
-
-const char* name_of(Action action) {
-  for (const ActionName& entry : kActionNames) {
-    if (entry.action == action) return entry.name;
-  }
-  return "?";
-}
-
-std::string explain(const Step& step) {
-  static const char* const kChannels[] = {"dfu", "misc", "rma"};
-  static const char* const kMisc[] = {"failure status", "no answer then silence", "cut short then silence"};
-  static const char* const kHostile[] = {
-      "wrong magic",     "wrong CRC",    "length beyond the packet", "length short of packet",
-      "unknown command", "half a header"};
-  switch (step.action) {
-    case Action::Wait: return std::to_string(step.arg) + " ms";
-    case Action::Restart: return "offline " + std::to_string(step.arg) + " ms";
-    case Action::PowerEvents: return step.arg == 0 ? "down and up, channels kept" : "up only";
-    case Action::HalfClose: return step.arg < 3 ? kChannels[step.arg] : "?";
-    case Action::MiscAnswer: {
-      const uint32_t mode = step.detail & 0xFF;
-      std::string text = std::string(mode < 3 ? kMisc[mode] : "?") + " after " + std::to_string(step.arg) + " answers";
-      if (mode == kMiscCutShort) text += ", " + std::to_string(step.detail >> 8) + " bytes";
-      return text;
-    }
-    case Action::DfuHostile: return step.arg < 6 ? kHostile[step.arg] : "?";
-    case Action::Rma: return describe_rma_step(step);
-    case Action::Reset:
-    case Action::Relaunch: break;
-  }
-  return "";
-}
+// By Action, in its order.
+constexpr std::array<const char*, 8> kActionNames{"wait",        "restart",     "power-events", "half-close",
+                                                  "misc-answer", "dfu-hostile", "reset",        "relaunch"};
 
 }  // namespace
 
 std::string show_step(const Step& step) {
-  std::string text =
-      std::string(name_of(step.action)) + " " + std::to_string(step.arg) + " " + std::to_string(step.detail);
-  const std::string why = explain(step);
-  return why.empty() ? text : text + "  # " + why;
+  return std::string(kActionNames.at(static_cast<size_t>(step.action))) + " " + std::to_string(step.arg) + " " +
+         std::to_string(step.detail);
 }
 
 std::optional<Step> parse_step(const std::string& line) {
@@ -74,9 +25,9 @@ std::optional<Step> parse_step(const std::string& line) {
   if (!(in >> name >> step.arg >> step.detail)) return std::nullopt;
   std::string rest;
   if (in >> rest) return std::nullopt;
-  for (const ActionName& entry : kActionNames) {
-    if (name == entry.name) {
-      step.action = entry.action;
+  for (size_t i = 0; i < kActionNames.size(); ++i) {
+    if (name == kActionNames[i]) {
+      step.action = static_cast<Action>(i);
       return step;
     }
   }
@@ -91,33 +42,22 @@ std::string format_script(const Script& script) {
 
 std::optional<Script> parse_script(const std::string& text, std::string* error) {
   std::istringstream in(text);
-  std::string line;
-  Script script;
-  bool have_variant = false;
-  int number = 0;
-  while (std::getline(in, line)) {
-    ++number;
-    if (line.find_first_not_of(" \t") == std::string::npos || line[line.find_first_not_of(" \t")] == '#') continue;
-    if (!have_variant) {
-      if (line == "variant flash" || line == "variant noflash") {
-        script.variant = line == "variant noflash" ? Variant::Noflash : Variant::Flash;
-        have_variant = true;
-        continue;
-      }
-      *error = "line " + std::to_string(number) + ": expected \"variant flash\" or \"variant noflash\"";
-      return std::nullopt;
+  std::optional<Script> script;
+  for (std::string line; std::getline(in, line);) {
+    const size_t first = line.find_first_not_of(" \t");
+    if (first == std::string::npos || line[first] == '#') continue;
+    if (!script && (line == "variant flash" || line == "variant noflash")) {
+      script = Script{line == "variant noflash" ? Variant::Noflash : Variant::Flash, {}};
+      continue;
     }
     std::optional<Step> step = parse_step(line);
-    if (!step) {
-      *error = "line " + std::to_string(number) + ": not a step: " + line;
+    if (!script || !step) {
+      *error = "not a step after a variant line: " + line;
       return std::nullopt;
     }
-    script.steps.push_back(*step);
+    script->steps.push_back(*step);
   }
-  if (!have_variant) {
-    *error = "no variant line";
-    return std::nullopt;
-  }
+  if (!script) *error = "no variant line";
   return script;
 }
 

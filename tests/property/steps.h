@@ -21,7 +21,6 @@ enum class Action {
   DfuHostile,   // an unasked DFU message of kind `arg` (DfuHostileKind)
   Reset,        // "vendor.marlo_reset" set to "1"
   Relaunch,     // the daemon killed and started again
-  Rma,          // an RMA request of command `arg` with fields packed in `detail` (rma_probe.h)
 };
 
 // Channels by index, as HalfClose names them.
