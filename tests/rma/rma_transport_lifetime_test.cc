@@ -168,6 +168,7 @@ class RmaTransportLifetime : public ::testing::Test {
 // returned; later answers find none.
 TEST_F(RmaTransportLifetime, OpenFailureReportedInsideTheConnectIsActedOnAfterIt) {
   rma_->startMarloRmaConnection();
+  EXPECT_EQ(log_.count("GLINK_int about to open glink channel on dev node = /dev/glink_pkt_marlo_rma"), 3);
   EXPECT_TRUE(log_.contains("conn_error_cb =0"));
   EXPECT_EQ(watch_.destroyed, 1);
   EXPECT_EQ(rma_->send_aon_request(1, nullptr, 0), 0);
