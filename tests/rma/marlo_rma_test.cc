@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <functional>
 #include <initializer_list>
 #include <memory>
 #include <string>
@@ -185,25 +184,21 @@ TEST_F(RmaTest, ReadsOfWholeBlocksAreServedAndOthersFail) {
 
 // The backing file of a connected partition changed under the daemon.
 TEST_F(RmaTest, ReadsOfABackingFileThatCannotBeReadFail) {
-  const std::string path = "/data/vendor/aon/757";
-  struct Case {
-    const char* what;
-    std::function<void()> damage;
-    const char* logged;
-  } cases[] = {
-      {"removed", [&] { std::filesystem::remove(root_.at(path)); }, "File open failed : /data/vendor/aon/757"},
-      {"truncated", [&] { std::filesystem::resize_file(root_.at(path), 100); }, "fewer than the 64 asked"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
-    std::filesystem::remove_all(root_.at(path));
+  const std::string path = root_.at("/data/vendor/aon/757");
+  for (const bool removed : {true, false}) {
+    SCOPED_TRACE(removed ? "removed" : "truncated");
+    std::filesystem::remove(path);
     exchange(connect_request(7, 5, 4096, 99));
     ASSERT_EQ(words(exchange(data_request(256, 7, 7, 64, 64)), 5)[4], 0u);
-    c.damage();
+    if (removed) {
+      std::filesystem::remove(path);
+    } else {
+      std::filesystem::resize_file(path, 100);
+    }
     Bytes answer = exchange(data_request(256, 7, 7, 64, 64));
     EXPECT_EQ(answer.size(), 32u);
     EXPECT_EQ(words(answer, 5), (std::vector<uint32_t>{7, 99, 7, 64, 1}));
-    EXPECT_TRUE(log_.contains(c.logged));
+    EXPECT_TRUE(log_.contains(removed ? "File open failed : /data/vendor/aon/757" : "fewer than the 64 asked"));
   }
 }
 
