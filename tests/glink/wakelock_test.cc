@@ -26,8 +26,6 @@ TEST(Wakelock, OnlyTheFirstAndLastReferenceReachTheKernel) {
   root.write("/sys/power/wake_unlock", "");
   LogCapture log;
   client_wakelock lock;
-  lock.put_n_locks(1);
-  EXPECT_EQ(log.count("_in_count 1 is larger than _accu_count 0"), 1);
   lock.get_n_locks(1);
   lock.get_n_locks(1);
   lock.put_n_locks(1);
@@ -46,7 +44,7 @@ TEST(Wakelock, OnlyTheFirstAndLastReferenceReachTheKernel) {
     EXPECT_EQ(root.read("/sys/power/wake_unlock"), kRecord);
   }
   EXPECT_EQ(lock.references(), 0u);
-  EXPECT_EQ(log.count("is larger than"), 1) << "no reference given back twice";
+  EXPECT_FALSE(log.contains("is larger than")) << "no reference given back twice";
   EXPECT_EQ(root.read("/sys/power/wake_lock"), kRecord + kRecord);
   EXPECT_EQ(root.read("/sys/power/wake_unlock"), kRecord + kRecord);
 }

@@ -6,7 +6,7 @@ namespace marlo::test {
 
 void LogCapture::add(int prio, const char* tag, const char* msg) {
   std::lock_guard<std::mutex> lock(mutex_);
-  entries_.push_back(LogEntry{prio, tag != nullptr, tag != nullptr ? tag : "", msg});
+  entries_.push_back(LogEntry{prio, tag != nullptr ? tag : "", msg});
 }
 
 std::vector<LogEntry> LogCapture::entries() const {

@@ -9,7 +9,6 @@ namespace marlo::test {
 
 struct LogEntry {
   int prio;
-  bool has_tag;
   std::string tag;
   std::string msg;
 };

@@ -2,11 +2,7 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <sstream>
-
-#include "common/le32.h"
 
 namespace marlo::wire {
 
@@ -67,43 +63,6 @@ Decoded decode(const std::string& capture, std::vector<std::string> fields) {
   }
   if (status != 0) decoded.error += "tshark failed (not installed? scripts/setup.sh installs it)";
   return decoded;
-}
-
-bool edit_capture(const std::string& in, const std::string& out,
-                  const std::function<void(uint32_t, std::vector<uint8_t>&)>& edit) {
-  std::ifstream file(in, std::ios::binary);
-  const std::vector<uint8_t> data((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-  std::vector<uint8_t> result;
-  size_t at = 0;
-  for (uint32_t length; at + 12 <= data.size(); at += length) {
-    const uint32_t type = get_le32(&data[at]);
-    length = get_le32(&data[at + 4]);
-    if (length < 12 || length % 4 != 0 || at + length > data.size()) return false;
-    const uint8_t* block = &data[at];
-    if (type != 6 || length < 32) {
-      result.insert(result.end(), block, block + length);
-      continue;
-    }
-    // Enhanced packet block: type, length, interface, timestamp (2 words), captured and original
-    // length, the padded packet, options, the length again.
-    const uint32_t captured = get_le32(block + 20);
-    const size_t padded = (captured + 3u) & ~size_t{3};
-    if (28 + padded + 4 > length) return false;
-    std::vector<uint8_t> packet(block + 28, block + 28 + captured);
-    edit(get_le32(block + 8), packet);
-    std::vector<uint8_t> rebuilt(block, block + 28);
-    put_le32(&rebuilt[20], static_cast<uint32_t>(packet.size()));
-    put_le32(&rebuilt[24], static_cast<uint32_t>(packet.size()));
-    rebuilt.insert(rebuilt.end(), packet.begin(), packet.end());
-    rebuilt.resize((rebuilt.size() + 3) & ~size_t{3}, 0);
-    rebuilt.insert(rebuilt.end(), block + 28 + padded, block + length);  // options and the length
-    put_le32(&rebuilt[4], static_cast<uint32_t>(rebuilt.size()));
-    put_le32(&rebuilt[rebuilt.size() - 4], static_cast<uint32_t>(rebuilt.size()));
-    result.insert(result.end(), rebuilt.begin(), rebuilt.end());
-  }
-  std::ofstream(out, std::ios::binary)
-      .write(reinterpret_cast<const char*>(result.data()), static_cast<std::streamsize>(result.size()));
-  return at == data.size();
 }
 
 }  // namespace marlo::wire

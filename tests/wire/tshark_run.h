@@ -2,8 +2,6 @@
 // on a capture and returns the decoded fields, one row per frame.
 #pragma once
 
-#include <cstdint>
-#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -27,10 +25,5 @@ struct Decoded {
 // dissecting, so that requests learn the frame of their answer. frame.number, frame.interface_id and the
 // expert severities and messages are always among the fields.
 Decoded decode(const std::string& capture, std::vector<std::string> fields);
-
-// Copies a pcapng file, letting `edit` change the payload of each enhanced packet block (interface id,
-// payload); the payload may change size. False when the file is not a sequence of whole blocks.
-bool edit_capture(const std::string& in, const std::string& out,
-                  const std::function<void(uint32_t, std::vector<uint8_t>&)>& edit);
 
 }  // namespace marlo::wire
