@@ -121,9 +121,12 @@ class FaultCell : public DaemonRig {
 
   void arm() {
     sim::ChannelServer* channels[] = {&device_->driver(), &device_->dfu(), &device_->rma(), &device_->misc()};
-    channels[static_cast<int>(row_.reader)]->arm_read_fault(fault_, row_.packet, [this] {
+    // The log of the daemon the fault strikes (the running one, else the
+    // next one started), named here: the strike comes on the device's thread.
+    const std::string log = root_ + "/sim/marlod-" + std::to_string(daemon_ ? starts_ : starts_ + 1) + ".log";
+    channels[static_cast<int>(row_.reader)]->arm_read_fault(fault_, row_.packet, [this, log] {
       std::error_code unreadable;
-      struck_log_size_ = static_cast<long>(std::filesystem::file_size(log_file_, unreadable));
+      struck_log_size_ = static_cast<long>(std::filesystem::file_size(log, unreadable));
       struck_ = true;
     });
   }
