@@ -70,20 +70,6 @@ TEST_F(ComHandlerTest, EachCommandSendsItsRequestAndBlock) {
   EXPECT_EQ(device_->coprocessor().boots(), 2u) << "loaded, then restarted by the reset";
 }
 
-TEST_F(ComHandlerTest, FailuresAreReportedByResultAndLog) {
-  device_->coprocessor().set_boot_mode(2);  // a mode the daemon does not know is passed through
-  EXPECT_EQ(handler_.get_marlo_boot_mode(), 2);
-  driver().set_refusal([](const ControlRequest&) { return EIO; });
-  EXPECT_EQ(handler_.marloLoad(), -1);
-  EXPECT_TRUE(log_.contains("Send MARLO_LOAD flag failed"));
-  EXPECT_EQ(handler_.set_marlo_boot_status(1), -1);
-  EXPECT_TRUE(log_.contains("Send BOOT_STATUS ioctl failed"));
-  handler_.marloReset();
-  marlo::test::LogEntry entry;
-  ASSERT_TRUE(log_.find("***** Marlo reset failed *****", &entry));
-  EXPECT_EQ(entry.prio, 3);
-}
-
 TEST_F(ComHandlerTest, BusyDeviceIsRetriedFifteenTimes) {
   device_->busy_control_opens(15);
   EXPECT_EQ(handler_.marloLoad(), -1);
@@ -97,14 +83,6 @@ TEST_F(ComHandlerTest, BusyDeviceIsRetriedFifteenTimes) {
   device_->busy_control_opens(2);
   EXPECT_EQ(handler_.marloLoad(), 0);
   EXPECT_EQ(driver().requests().size(), 1u);
-}
-
-TEST_F(ComHandlerTest, MissingDeviceFailsAtOnce) {
-  device_.reset();
-  handler_.cmd_save_aon_dump();
-  EXPECT_EQ(log_.count("Failed to open the marlocom_dev"), 1);
-  EXPECT_EQ(log_.count("busy"), 0);
-  EXPECT_TRUE(log_.contains("Cannot open kz_com_dev node fd =-1\n"));
 }
 
 TEST_F(ComHandlerTest, VersionQueryWaitsForBootCompleteAndRetries) {

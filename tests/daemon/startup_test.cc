@@ -1,10 +1,6 @@
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <climits>
 #include <memory>
 #include <string>
 
@@ -76,28 +72,6 @@ TEST_F(StartupTest, TwmExitRunsItsCommandsBetweenTheRamdumpWrites) {
   // The restart listener was started; wait for its socket so that it binds
   // inside this root.
   EXPECT_TRUE(marlo::test::wait_until([&] { return root_.exists("/dev/uevent"); }, std::chrono::seconds(5)));
-}
-
-TEST_F(StartupTest, TwmExitStateIsReadOnDescriptorZero) {
-  root_.write("/sys/class/pmic-lpm/pmic_twm_exit", "1");
-  MarloDaemon daemon;
-  // As in a process started with standard input closed: the open of the
-  // state file is handed descriptor 0.
-  const int saved_stdin = ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3);
-  ASSERT_GE(saved_stdin, 0);
-  ::close(STDIN_FILENO);
-  const bool exiting = daemon.isTWMexit();
-  // Descriptor 0 may be taken again meanwhile by another thread of this
-  // process (the log writer, an emulator's own files): only the state file
-  // left open there is a fault.
-  char target[PATH_MAX] = {};
-  const ssize_t length = ::readlink("/proc/self/fd/0", target, sizeof(target) - 1);
-  const bool state_file_left_open =
-      length > 0 && std::string(target, static_cast<size_t>(length)).find("pmic_twm_exit") != std::string::npos;
-  ::dup2(saved_stdin, STDIN_FILENO);
-  ::close(saved_stdin);
-  EXPECT_TRUE(exiting);
-  EXPECT_FALSE(state_file_left_open);
 }
 
 TEST_F(StartupTest, UnsupportedSubtypeSkipsTheBoot) {

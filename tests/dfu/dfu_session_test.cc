@@ -10,7 +10,6 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <filesystem>
 #include <memory>
 #include <thread>
 
@@ -230,60 +229,12 @@ TEST_F(DfuSessionTest, EdgeRequestsAndShortMessagesAreAnsweredWithWhatTheyCanNam
     send(e.id, e.payload, e.length);
     EXPECT_EQ(receive(e.answer_id, 16 + 4 * e.answer.size()), words(e.answer));
   }
-  EXPECT_TRUE(cb.wait_for("Updating Image ID: 7 size:0", Status::STATUS_INFO));
-  EXPECT_TRUE(cb.wait_for("Image ID: 3 flash write 0% Completed...", Status::STATUS_INFO));
-  // A DFU_SPCL_OPERATION_RESP for operation 2 is neither an erase nor a
-  // state: only its receipt is reported, nothing is sent.
-  ASSERT_TRUE(cb.wait_for("Updating Device firmware with ID: 0", Status::STATUS_INFO));  // the last report so far
-  const size_t reports = cb.reports().size();
-  send(14, {2, 1, 0, OFFSET_REQ, 3, 0, 16});
-  send(13, {});
-  EXPECT_TRUE(cb.wait_for("Received INVALID CMD RESP", Status::STATUS_ERROR));
-  const auto all = cb.reports();
-  EXPECT_EQ(std::vector<RecordingCallback::Report>(all.begin() + std::min(reports, all.size()), all.end()),
-            (std::vector<RecordingCallback::Report>{
-                {"Received DFU_SPCL_OPERATION_RESP response code: 1", Status::STATUS_INFO},
-                {"Received INVALID CMD RESP", Status::STATUS_ERROR}}));
-  EXPECT_TRUE(silent());
-}
-
-TEST_F(DfuSessionTest, ProgressPercentageWrapsIn32Bits) {
-  root.write(dir + "big.bin", "");
-  std::filesystem::resize_file(root.at(dir + "big.bin"), 50000000);
-  write_table(partition(1 << 20, 6, "big", 0));
-  start();
-  fragment(6, 45000000, 16, 44);
-  EXPECT_TRUE(cb.wait_for("Image ID: 6 flash write 4% Completed...", Status::STATUS_INFO));
-}
-
-// Answers are built in one send buffer per thread: a large fragment, the
-// small answers after it (the buffer given back in between) and a fragment
-// zero-filled past the image's end each carry exactly their own bytes.
-TEST_F(DfuSessionTest, AnswersAfterALargeFragmentCarryOnlyTheirOwnBytes) {
-  std::string big(300000, '\0');
-  for (size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>(i * 7 + i / 251);
-  root.write(dir + "big.bin", big);
-  write_table(partition(1 << 20, 6, "big", 0));
-  start();
-  const Bytes image(big.begin(), big.end());
-  EXPECT_EQ(fragment(6, 1000, 200000, 200028), Bytes(image.begin() + 1000, image.begin() + 201000));
-  EXPECT_EQ(fragment(3, 16, 32, 60), boot_bytes(16, 48));
-  send(3, {3});
-  EXPECT_EQ(receive(4), words({3, 10000, 0}));
-  Bytes tail(image.begin() + 290000, image.end());
-  tail.resize(20000, 0);
-  EXPECT_EQ(fragment(6, 290000, 20000, 20028), tail);
 }
 
 TEST_F(DfuSessionTest, DroppedChannelResumesFromReportedStateUntilSessionEnds) {
   start();
   restart_channel();
   EXPECT_EQ(receive(13), words({1, 0, 0}));
-  send(14, {1, 0, 0, OFFSET_REQ, 3, 1024, 512});
-  Bytes answer = receive(6, 540);
-  EXPECT_EQ(Bytes(answer.begin() + 12, answer.end()), boot_bytes(1024, 1536));
-  EXPECT_TRUE(cb.wait_for("Current Marlo DFU state = OFFSET_REQ  Image ID: 3 offset: 1024 fragment_len: 512",
-                          Status::STATUS_INFO));
 
   // A resume whose query cannot be sent raises an I/O error inside the
   // resume: it is not resumed again from there.
@@ -300,27 +251,6 @@ TEST_F(DfuSessionTest, DroppedChannelResumesFromReportedStateUntilSessionEnds) {
   EXPECT_TRUE(cb.wait_for("### Marlo Firmware Update finished. ###", Status::STATUS_SUCCESS));
   restart_channel();
   EXPECT_TRUE(silent());  // after the session's end an error resumes nothing
-}
-
-// The power-up arrives while the transport's last reopen attempt is still
-// waiting: whichever of the two resumes, the session is resumed once.
-TEST_F(DfuSessionTest, PowerUpDuringTheTransportsLastReopenAttemptResumesOnce) {
-  start();
-  updater->getCurrentDFUStateAndContinueDownload();
-  receive(13);
-  ::close(peer);
-  peer = -1;
-  refuse_next_open();
-  refuse_next_open();
-  ASSERT_TRUE(open_attempt_waiting());  // the third attempt holds the transport
-  std::thread power_up([&] { updater->resumeDownloadOnPowerUp(); });
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));  // let it wait on the transport
-  refuse_next_open();
-  peer = node.accept_open(5000);
-  power_up.join();
-  ASSERT_GE(peer, 0);
-  EXPECT_EQ(receive(13), words({1, 0, 0}));
-  EXPECT_TRUE(silent()) << "resumed once";
 }
 
 // A failed open reported while the set-up's connect runs, from another
@@ -340,36 +270,6 @@ TEST_F(DfuSessionTest, OpenFailureReportedDuringTheConnectEndsTheSessionOnceAfte
   reporter.join();
   EXPECT_EQ(cb.count("Marlo dfu channel open failed", Status::STATUS_CHANNEL_ERROR), 2);
   EXPECT_EQ(cb.count("MarloDownloader END", Status::STATUS_ENDED), 1);
-}
-
-// An I/O error reported on another thread while a resume is sending its
-// request is taken up by that resume: the reporter does not wait for it, and
-// as the request went out, the session is asked for its state once more.
-TEST_F(DfuSessionTest, ErrorReportedWhileAResumeSendsIsTakenUpByThatResume) {
-  struct HoldingCallback : RecordingCallback {
-    void handleDFUResponse(std::string message, Status status) override {
-      const bool hold = message == "### Getting Marlo DFU State. ###" && !held.exchange(true);
-      RecordingCallback::handleDFUResponse(std::move(message), status);
-      if (hold) wait_until([&] { return released.load(); }, std::chrono::seconds(10));
-    }
-    std::atomic<bool> held{false};
-    std::atomic<bool> released{false};
-  } holding;
-  start(&holding);
-  restart_channel();  // the reader resumes and is held once its query is out
-  EXPECT_EQ(receive(13), words({1, 0, 0}));
-  ASSERT_TRUE(wait_until([&] { return holding.held.load(); }, std::chrono::seconds(5)));
-  std::atomic<bool> handled{false};
-  std::thread reporter([&] {
-    updater->conn_error_cb(GLINK_IO_ERROR);
-    handled = true;
-  });
-  EXPECT_TRUE(wait_until([&] { return handled.load(); }, std::chrono::seconds(2))) << "waited for the resume";
-  holding.released = true;
-  reporter.join();
-  EXPECT_EQ(receive(13), words({1, 0, 0})) << "asked once more";
-  EXPECT_TRUE(silent());
-  updater.reset();  // its reader reports to `holding` until it is joined
 }
 
 // The reader thread is answering a request when the updater is destroyed:
@@ -395,24 +295,6 @@ TEST_F(DfuSessionTest, AnswerInProgressWhileTheUpdaterIsDestroyedStillGoesOut) {
   EXPECT_TRUE(holding.stopping_seen);
   EXPECT_EQ(receive(4), words({3, 10000, 0}));
   EXPECT_FALSE(holding.log.contains("glinkInterface != nullptr"));
-}
-
-TEST(DfuWithoutChannel, OpenFailureEndsTheSessionAndABareQueryHandsTheStateOver) {
-  TestRoot root;
-  root.write("/vendor/firmware_mnt/image/partition_table.xml", "<t><Bank_1/></t>");
-  RecordingCallback cb;
-  marlo_fw_updater updater;
-  updater.startMarloDownloaderWithCallback(&cb);      // nothing listens on the channel
-  updater.eraseAllRAWPartitionAndContinueDownload();  // no transport: nothing happens
-  EXPECT_EQ(cb.reports(),
-            (std::vector<RecordingCallback::Report>{{"Marlo dfu channel open failed", Status::STATUS_CHANNEL_ERROR},
-                                                    {"MarloDownloader END", Status::STATUS_ENDED}}));
-  EXPECT_EQ(updater.firmwareResources().size(), 2u);  // loaded after the end all the same
-
-  Bytes state7 = dfu_message(14, words({1, 0, 0, 7, 0, 0, 0}));
-  updater.conn_res_event_cb(state7.data(), static_cast<uint32_t>(state7.size()));
-  EXPECT_EQ(cb.count("Current Marlo DFU state =  ", Status::STATUS_INFO), 1);
-  EXPECT_EQ(cb.count("<state 7>", Status::STATUS_INFO), 1);
 }
 
 TEST(DfuMessageDeathTest, MessageLongerThanTheReceiveBufferAborts) {

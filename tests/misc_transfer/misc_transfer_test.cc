@@ -109,27 +109,23 @@ TEST_F(MiscTransferTest, PacketsOfOneResource) {
   EXPECT_EQ(cb.count("Marlo Misc Data Resources Update Done", Status::STATUS_ERASE_DONE), 5);
 }
 
-TEST_F(MiscTransferTest, RejectedStartIsRetriedFromTheStartPacket) {
+// A start answered with an error, then one whose answer cannot be read: each
+// fails the step, and the start packet is sent again.
+TEST_F(MiscTransferTest, RejectedOrUnreadableStartIsRetriedFromTheStartPacket) {
   root.write(kBtfw, letters(10));
-  auto packets = run(4096, {{0, 7}});
-  ASSERT_EQ(packets.size(), 5u);
-  EXPECT_EQ(header(packets[1]), header(packets[0]));
-  EXPECT_EQ(cb.count("Sending Data buffer failed for type: 0", Status::STATUS_INFO), 1);
-  EXPECT_EQ(cb.count("Finished transfer for type: 0 with response code: 7", Status::STATUS_INFO), 1);
-  EXPECT_EQ(cb.count("Finished transfer for type: 0 with response code: 0", Status::STATUS_INFO), 1);
-}
-
-TEST_F(MiscTransferTest, UnreadableAnswerFailsTheStepAndTheStartIsRetried) {
-  root.write(kBtfw, letters(10));
-  failed_reads = 1;
   LogCapture log;
-  auto packets = run(4096);
-  ASSERT_EQ(packets.size(), 5u);
-  EXPECT_EQ(header(packets[1]), header(packets[0]));
-  EXPECT_TRUE(log.contains("read_response: Read error"));
-  EXPECT_EQ(cb.count("Sending Data buffer failed for type: 0", Status::STATUS_INFO), 1);
-  // No answer was read for the failed attempt: it reports code 0 as well.
-  EXPECT_EQ(cb.count("Finished transfer for type: 0 with response code: 0", Status::STATUS_INFO), 2);
+  for (int unreadable = 0; unreadable < 2; ++unreadable) {
+    SCOPED_TRACE(unreadable);
+    failed_reads = unreadable;
+    auto packets = run(4096, {{0, unreadable != 0 ? 0 : 7}});
+    ASSERT_EQ(packets.size(), 5u);
+    EXPECT_EQ(header(packets[1]), header(packets[0]));
+    EXPECT_EQ(cb.count("Sending Data buffer failed for type: 0", Status::STATUS_INFO), 1 + unreadable);
+  }
+  EXPECT_EQ(cb.count("Finished transfer for type: 0 with response code: 7", Status::STATUS_INFO), 1);
+  // No answer was read for the unreadable attempt: it reports code 0 as a success does.
+  EXPECT_EQ(cb.count("Finished transfer for type: 0 with response code: 0", Status::STATUS_INFO), 3);
+  EXPECT_EQ(log.count("read_response: Read error"), 1);
 }
 
 TEST_F(MiscTransferTest, OnlyTheLastResourceDecidesBetweenFinishAndFailure) {
