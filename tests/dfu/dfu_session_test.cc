@@ -61,17 +61,14 @@ class DfuSessionTest : public ::testing::Test {
     root.write(dir + "boot.bin", std::string(boot.begin(), boot.end()));
     root.write(dir + "cfg.bin", std::string(100, 'c'));
     root.write(dir + "flash.bin", std::string(2048, 'f'));
-    write_table("");
+    // Erasable partitions in table order: boot, cfg (size 0: never erased), data.
+    root.write(dir + "partition_table.xml", "<t><Bank_1><Partition_table>" + partition(4096, 3, "boot", 16384) +
+                                                partition(32768, 4, "cfg", 0) + partition(131072, 5, "data", 8192) +
+                                                "</Partition_table></Bank_1></t>");
   }
   void TearDown() override {
     updater.reset();
     if (peer >= 0) ::close(peer);
-  }
-  // Erasable partitions in table order: boot, cfg (size 0: never erased), data.
-  void write_table(const std::string& extra) {
-    root.write(dir + "partition_table.xml", "<t><Bank_1><Partition_table>" + partition(4096, 3, "boot", 16384) +
-                                                partition(32768, 4, "cfg", 0) + partition(131072, 5, "data", 8192) +
-                                                extra + "</Partition_table></Bank_1></t>");
   }
   void start(marlo_fw_updater::Callback* callback = nullptr) {
     std::thread device([&] { peer = node.accept_open(5000); });
