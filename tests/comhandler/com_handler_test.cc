@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <functional>
 #include <memory>
 #include <string>
 
@@ -31,44 +30,6 @@ class ComHandlerTest : public ::testing::Test {
   std::unique_ptr<marlo::sim::VirtualDevice> device_;
   MarloComHandler handler_;
 };
-
-TEST_F(ComHandlerTest, EachCommandSendsItsRequestAndBlock) {
-  struct Case {
-    std::function<void()> call;
-    const char* name;  // the request as the driver tells it
-    uint32_t value;
-    uint32_t count;
-    uint32_t data;
-    int result = 0;  // the driver's answer
-  };
-  const Case cases[] = {
-      {[&] { handler_.marlocomSpiBusy(); }, "SPI_BUSY", 0, 0, 0},
-      {[&] { handler_.marlocomSpiFree(); }, "SPI_FREE", 0, 0, 0},
-      {[&] { handler_.marloLoad(); }, "LOAD", 0, 0, 0},
-      {[&] { handler_.marloUnload(); }, "UNLOAD", 0, 0, 0},
-      {[&] { handler_.marloSoftReset(); }, "SOFT_RESET", 0, 0, 0},
-      {[&] { handler_.marloTWMexit(); }, "TWM_EXIT", 0, 0, 0},
-      {[&] { handler_.set_marlo_boot_mode(FLASH); }, "SET_BOOT_MODE", 1, 0, 0},
-      {[&] { handler_.cmd_save_aon_dump(); }, "SAVE_DUMP", 0, 0, 0},
-      {[&] { handler_.set_marlo_boot_status(3); }, "BOOT_STATUS", 3, 0, 0},
-      {[&] { handler_.marloReset(); }, "RESET", 0, 1, 0x08000000},
-      {[&] { handler_.get_marlo_boot_mode(); }, "GET_BOOT_MODE", 0, 0, 0, FLASH},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    c.call();
-    const ControlRequest request = last_request();
-    EXPECT_EQ(request.name(), c.name);
-    if (c.data == 0) {
-      EXPECT_EQ(request.value, c.value);  // the reset's value word points at its data word instead
-    }
-    EXPECT_EQ(request.count, c.count);
-    EXPECT_EQ(request.data, c.data);
-    EXPECT_EQ(request.result, c.result) << "the driver refused it: " << request.err;
-  }
-  EXPECT_EQ(driver().requests().size(), std::size(cases));
-  EXPECT_EQ(device_->coprocessor().boots(), 2u) << "loaded, then restarted by the reset";
-}
 
 TEST_F(ComHandlerTest, BusyDeviceIsRetriedFifteenTimes) {
   device_->busy_control_opens(15);

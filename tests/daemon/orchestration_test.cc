@@ -32,16 +32,7 @@ class OrchestrationTest : public ::testing::Test {
     });
   }
 
-  // The requests by name, with the value of those that carry one.
-  std::string trace() const {
-    std::string out;
-    for (const ControlRequest& r : device_->driver().requests()) {
-      if (!out.empty()) out += " ";
-      out += r.name();
-      if (r.name() == "SET_BOOT_MODE" || r.name() == "BOOT_STATUS") out += "=" + std::to_string(r.value);
-    }
-    return out;
-  }
+  std::string trace() const { return marlo::test::request_trace(device_->driver()); }
 
   marlo::test::TestRoot root_;
   marlo::test::LogCapture log_;
@@ -52,7 +43,7 @@ class OrchestrationTest : public ::testing::Test {
 TEST_F(OrchestrationTest, ChangeBootmodeGivesUpSilentlyAfterThreeLoads) {
   script(FLASH, false);
   daemon_.changeBootmode(HOST);
-  EXPECT_EQ(trace(), "SET_BOOT_MODE=0 UNLOAD SPI_BUSY SOFT_RESET LOAD SOFT_RESET LOAD SOFT_RESET LOAD SPI_FREE");
+  EXPECT_EQ(trace(), "SET_BOOT_MODE=0 UNLOAD SPI_BUSY SOFT_RESET LOAD! SOFT_RESET LOAD! SOFT_RESET LOAD! SPI_FREE");
   EXPECT_FALSE(log_.contains("boot complete"));
 }
 
@@ -72,7 +63,7 @@ TEST_F(OrchestrationTest, ChangeBootmodeToHostKeepsTheBusBusyAndToFlashFreesIt) 
 TEST_F(OrchestrationTest, FallBackFromFlashToHostThatDoesNotLoad) {
   script(FLASH, false);
   EXPECT_EQ(daemon_.defaultHandler(), -1);
-  EXPECT_EQ(trace(), "GET_BOOT_MODE SET_BOOT_MODE=0 RESET LOAD");
+  EXPECT_EQ(trace(), "GET_BOOT_MODE SET_BOOT_MODE=0 RESET LOAD!");
   EXPECT_TRUE(log_.contains("Marlo boot fail even on fallback to host from flash"));
   EXPECT_EQ(g_daemon_state.load(), 0);
 

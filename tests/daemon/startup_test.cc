@@ -16,11 +16,7 @@ class StartupTest : public ::testing::Test {
  protected:
   // The virtual co-processor on a sample root, offline.
   void serve() { device_ = marlo::test::serve_control_device(root_); }
-  std::vector<std::string> requests() const {
-    std::vector<std::string> names;
-    for (const auto& request : device_->driver().requests()) names.push_back(request.name());
-    return names;
-  }
+  std::string requests() const { return marlo::test::request_trace(device_->driver()); }
 
   marlo::test::TestRoot root_;
   marlo::test::LogCapture log_;
@@ -66,7 +62,7 @@ TEST_F(StartupTest, TwmExitRunsItsCommandsBetweenTheRamdumpWrites) {
   root_.write("/sys/devices/soc0/platform_subtype_id", "1");
   EXPECT_EQ(daemon.initMarlo(), -19);
   EXPECT_TRUE(log_.contains("platform subtype: -19 is not supported, skip marlo PIL"));
-  EXPECT_EQ(requests(), (std::vector<std::string>{"TWM_EXIT", "SAVE_DUMP"}));
+  EXPECT_EQ(requests(), "TWM_EXIT SAVE_DUMP");
   EXPECT_EQ(ramdumps_at_request, (std::vector<std::string>{"1", "1"}));
   EXPECT_EQ(root_.property("persist.vendor.ssr.enable_ramdumps"), "0");
   EXPECT_EQ(g_daemon_state.load(), 2);
@@ -84,7 +80,7 @@ TEST_F(StartupTest, ResetPropertyResetsOnceAndIsWrittenBack) {
   root_.set_property("vendor.marlo_reset", "1");
   daemon.serviceResetProperty();
   daemon.serviceResetProperty();
-  EXPECT_EQ(requests(), std::vector<std::string>{"RESET"});
+  EXPECT_EQ(requests(), "RESET");
   EXPECT_EQ(root_.property("vendor.marlo_reset"), "0");
 }
 
