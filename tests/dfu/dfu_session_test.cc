@@ -106,9 +106,9 @@ class DfuSessionTest : public ::testing::Test {
   }
   // True when an open of the channel is waiting for its status: the
   // transport is inside an open attempt.
-  bool open_attempt_waiting(int timeout_ms = 3000) {
+  bool open_attempt_waiting() {
     struct pollfd listening = {node.listen_fd(), POLLIN, 0};
-    return ::poll(&listening, 1, timeout_ms) == 1;
+    return ::poll(&listening, 1, 3000) == 1;
   }
   // Answers the next open attempt as a channel whose remote end is down.
   void refuse_next_open() {
@@ -174,26 +174,16 @@ TEST_F(DfuSessionTest, CompleteSession) {
 TEST_F(DfuSessionTest, RequestsDuringTheSetUpAreServedFromCompleteImages) {
   root.mkdir("/sys/devices/soc0");
   marlo::sim::DeviceNode hw_platform{root.at("/sys/devices/soc0/hw_platform")};
-  std::thread device([&] { peer = node.accept_open(5000); });
   std::thread setup([&] { updater->startMarloDownloaderWithCallback(&cb); });
-  int held = hw_platform.accept_open(5000);
-  EXPECT_GE(held, 0);
-  // A channel opened only after the load has nothing to ask meanwhile.
-  const bool open_while_loading = node.opens_seen() > 0;
-  if (!open_while_loading) ::close(held);
-  device.join();
-  if (peer >= 0) {
-    send(3, {1});
-    EXPECT_EQ(receive(4), words({1, 2048, 0})) << "open while loading: " << open_while_loading;
-  }
-  if (open_while_loading) ::close(held);
+  ::close(hw_platform.accept_open(5000));  // the images load before the channel opens
+  peer = node.accept_open(5000);
   setup.join();
   ASSERT_GE(peer, 0);
 
   // Set up again on the kept transport: until the new images are complete,
   // the co-processor is served the previous ones, never a partial list.
   std::thread again([&] { updater->startMarloDownloaderWithCallback(&cb); });
-  held = hw_platform.accept_open(5000);
+  const int held = hw_platform.accept_open(5000);
   EXPECT_GE(held, 0);
   send(3, {1});
   EXPECT_EQ(receive(4), words({1, 2048, 0}));
@@ -232,6 +222,11 @@ TEST_F(DfuSessionTest, DroppedChannelResumesFromReportedStateUntilSessionEnds) {
   start();
   restart_channel();
   EXPECT_EQ(receive(13), words({1, 0, 0}));
+  send(14, {1, 0, 0, OFFSET_REQ, 3, 1024, 512});
+  Bytes answer = receive(6, 540);
+  EXPECT_EQ(Bytes(answer.begin() + 12, answer.end()), boot_bytes(1024, 1536));
+  EXPECT_TRUE(cb.wait_for("Current Marlo DFU state = OFFSET_REQ  Image ID: 3 offset: 1024 fragment_len: 512",
+                          Status::STATUS_INFO));
 
   // A resume whose query cannot be sent raises an I/O error inside the
   // resume: it is not resumed again from there.
