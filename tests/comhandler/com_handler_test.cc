@@ -44,6 +44,17 @@ TEST_F(ComHandlerTest, BusyDeviceIsRetriedFifteenTimes) {
   device_->busy_control_opens(2);
   EXPECT_EQ(handler_.marloLoad(), 0);
   EXPECT_EQ(driver().requests().size(), 1u);
+  driver().set_refusal([](const ControlRequest&) { return EIO; });
+  EXPECT_EQ(handler_.marloLoad(), -1);
+  EXPECT_TRUE(log_.contains("Send MARLO_LOAD flag failed"));
+}
+
+TEST_F(ComHandlerTest, MissingDeviceFailsAtOnce) {
+  device_.reset();
+  EXPECT_EQ(handler_.marloLoad(), -1);
+  handler_.cmd_save_aon_dump();
+  EXPECT_EQ(log_.count("Failed to open the marlocom_dev"), 2);
+  EXPECT_EQ(log_.count("busy"), 0);
 }
 
 TEST_F(ComHandlerTest, VersionQueryWaitsForBootCompleteAndRetries) {

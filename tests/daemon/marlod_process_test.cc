@@ -23,6 +23,18 @@ marlo::sim::DaemonSettings settings_for(const marlo::test::TestRoot& root) {
           root.at("/marlod.stderr"), 0.01};
 }
 
+TEST(MarlodProcessTest, ExitsWithoutACoProcessor) {
+  marlo::test::TestRoot root;
+  marlo::sim::DaemonProcess marlod(settings_for(root));
+  std::string error;
+  ASSERT_TRUE(marlod.start(&error)) << error;
+  int status = 0;
+  ASSERT_TRUE(marlo::test::wait_until([&] { return !marlod.alive(&status); }, 10s));
+  EXPECT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 237);
+  EXPECT_TRUE(marlo::sim::log_contains(root.at("/marlod.log"), "ZT AON not present: Do not perform PIL"));
+}
+
 TEST(MarlodProcessTest, StartedWithStandardInputClosedKeepsDescriptorZeroOnDevNull) {
   marlo::test::TestRoot root;
   marlo::sim::VirtualDevice::build_sample_root(root.path());

@@ -156,10 +156,10 @@ TEST_F(DfuSessionTest, CompleteSession) {
 
   send(3, {3});
   EXPECT_EQ(receive(4), words({3, 10000, 0}));
-  EXPECT_EQ(fragment(3, 0, 4096, 4124), boot_bytes(0, 4096));
   Bytes tail = boot_bytes(9900, 10000);
-  tail.resize(4096, 0);  // past the image's end: zeros
-  EXPECT_EQ(fragment(3, 9900, 4096, 4124), tail);
+  tail.resize(70000, 0);  // past the image's end: zeros; the answers after it carry only their own bytes
+  EXPECT_EQ(fragment(3, 9900, 70000, 70028), tail);
+  EXPECT_EQ(fragment(3, 0, 4096, 4124), boot_bytes(0, 4096));
   EXPECT_TRUE(cb.wait_for("Image ID: 3 flash write 99% Completed...", Status::STATUS_INFO));
 
   send(11, {});
@@ -216,6 +216,11 @@ TEST_F(DfuSessionTest, EdgeRequestsAndShortMessagesAreAnsweredWithWhatTheyCanNam
     send(e.id, e.payload, e.length);
     EXPECT_EQ(receive(e.answer_id, 16 + 4 * e.answer.size()), words(e.answer));
   }
+  // Neither a special operation other than erase or state, nor an unknown command, is answered.
+  send(14, {2, 1, 0, OFFSET_REQ, 3, 0, 16});
+  send(13, {});
+  EXPECT_TRUE(cb.wait_for("Received INVALID CMD RESP", Status::STATUS_ERROR));
+  EXPECT_TRUE(silent());
 }
 
 TEST_F(DfuSessionTest, DroppedChannelResumesFromReportedStateUntilSessionEnds) {
@@ -243,6 +248,27 @@ TEST_F(DfuSessionTest, DroppedChannelResumesFromReportedStateUntilSessionEnds) {
   EXPECT_TRUE(cb.wait_for("### Marlo Firmware Update finished. ###", Status::STATUS_SUCCESS));
   restart_channel();
   EXPECT_TRUE(silent());  // after the session's end an error resumes nothing
+}
+
+// The power-up arrives while the transport's last reopen attempt is still
+// waiting: whichever of the two resumes, the session is resumed once.
+TEST_F(DfuSessionTest, PowerUpDuringTheTransportsLastReopenAttemptResumesOnce) {
+  start();
+  updater->getCurrentDFUStateAndContinueDownload();
+  receive(13);
+  ::close(peer);
+  peer = -1;
+  refuse_next_open();
+  refuse_next_open();
+  ASSERT_TRUE(open_attempt_waiting());  // the third attempt holds the transport
+  std::thread power_up([&] { updater->resumeDownloadOnPowerUp(); });
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));  // let it wait on the transport
+  refuse_next_open();
+  peer = node.accept_open(5000);
+  power_up.join();
+  ASSERT_GE(peer, 0);
+  EXPECT_EQ(receive(13), words({1, 0, 0}));
+  EXPECT_TRUE(silent()) << "resumed once";
 }
 
 // A failed open reported while the set-up's connect runs, from another
@@ -287,6 +313,19 @@ TEST_F(DfuSessionTest, AnswerInProgressWhileTheUpdaterIsDestroyedStillGoesOut) {
   EXPECT_TRUE(holding.stopping_seen);
   EXPECT_EQ(receive(4), words({3, 10000, 0}));
   EXPECT_FALSE(holding.log.contains("glinkInterface != nullptr"));
+}
+
+TEST(DfuWithoutChannel, EraseDoesNothingAndABareStateAnswerIsHandedOver) {
+  TestRoot root;
+  RecordingCallback cb;
+  marlo_fw_updater updater;
+  updater.startMarloDownloaderWithCallback(&cb);      // nothing listens on the channel: the session ends
+  updater.eraseAllRAWPartitionAndContinueDownload();  // no transport: nothing happens
+  EXPECT_EQ(cb.count("MarloDownloader END", Status::STATUS_ENDED), 1);
+  Bytes state7 = dfu_message(14, words({1, 0, 0, 7, 0, 0, 0}));
+  updater.conn_res_event_cb(state7.data(), static_cast<uint32_t>(state7.size()));
+  EXPECT_EQ(cb.count("Current Marlo DFU state =  ", Status::STATUS_INFO), 1);
+  EXPECT_EQ(cb.count("<state 7>", Status::STATUS_INFO), 1);
 }
 
 TEST(DfuMessageDeathTest, MessageLongerThanTheReceiveBufferAborts) {

@@ -46,6 +46,7 @@ TEST_F(PlatformInfoTest, SysfsTextsGiveTheFiveWordsOnTheDebugPolicySegment) {
   struct Case {
     const char *hw, *subtype, *dload;
     std::vector<uint32_t> words;  // debug policy, platform, major, minor, subtype
+    uint8_t elf_class = 1;        // neither 32 (1) nor 64 bits (2): read as 32 bits
   };
   const Case cases[] = {
       {kAbsent, kAbsent, kAbsent, {0, 0x22, 0xFFFFFFFF, 0xFFFFFFFF, 0}},
@@ -53,7 +54,7 @@ TEST_F(PlatformInfoTest, SysfsTextsGiveTheFiveWordsOnTheDebugPolicySegment) {
       {"WDP", "12\n", "full\n", {0, 0x24, 0xFFFFFFFF, 0xFFFFFFFF, 12}},
       {"IDP\n", "123", "mini\n", {1, 0x22, 0xFFFFFFFF, 0xFFFFFFFF, 12}},
       {"QRD", "7", "full,mini\n", {1, 0x22, 0xFFFFFFFF, 0xFFFFFFFF, 7}},
-      {"WD", "", "", {0, 0x22, 0xFFFFFFFF, 0xFFFFFFFF, 0}},
+      {"WD", "", "", {0, 0x22, 0xFFFFFFFF, 0xFFFFFFFF, 0}, 3},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.hw != kAbsent ? c.hw : "no files");
@@ -64,7 +65,9 @@ TEST_F(PlatformInfoTest, SysfsTextsGiveTheFiveWordsOnTheDebugPolicySegment) {
       std::filesystem::remove(root.at(path));
       if (text != kAbsent) root.write(path, text);
     }
-    std::vector<uint8_t> expected = flash_with(elf.bytes);
+    std::vector<uint8_t> boot = elf.bytes;
+    boot[4] = c.elf_class;
+    std::vector<uint8_t> expected = flash_with(boot);
     for (size_t w = 0; w < c.words.size(); ++w) {
       put_le32(&expected[kElfOffset + elf.debug_policy_offset + 4 * w], c.words[w]);
     }
@@ -74,7 +77,8 @@ TEST_F(PlatformInfoTest, SysfsTextsGiveTheFiveWordsOnTheDebugPolicySegment) {
 
 TEST_F(PlatformInfoTest, HostileOrTruncatedImagesAreServedUnchanged) {
   const uint32_t phoff = get_le32(&elf.bytes[kPhoffAt]);
-  std::vector<std::vector<uint8_t>> hostile(3, elf.bytes);
+  std::vector<std::vector<uint8_t>> hostile(4, elf.bytes);
+  hostile[3][4] = 2;                             // a 32-bit image whose class says 64 bits: its fields read elsewhere
   put_le32(&hostile[0][kPhoffAt], 0xFFFFFFF0u);  // table far past the end
   hostile[1][kPhnumAt] = 0xFF;                   // more headers than bytes
   hostile[1][kPhnumAt + 1] = 0xFF;

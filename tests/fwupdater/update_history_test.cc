@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -61,12 +62,16 @@ TEST(UpdateHistory, KeepsTheLastRecordsAndDropsWhatItCannotTrust) {
   EXPECT_NE(lines[63].find(R"("kind":"misc-data","boot_mode":"FLASH","decision":"skip")"), std::string::npos);
   EXPECT_EQ(log.count("2 corrupt lines and 7 lines beyond the last 64 dropped"), 1);
 
-  // A file above the cap is not read.
+  // A file above the cap is not read; a directory that is gone is logged.
   root.write(history::kHistoryFile, std::string(history::kMaxFileBytes + 1, '{'));
   history::update_history after_cap;
   after_cap.record(attempt_kind::dfu, facts("up-to-date"), "done");
   EXPECT_EQ(records(root).size(), 1u);
   EXPECT_EQ(log.count("its records are dropped"), 1);
+  std::filesystem::remove_all(root.at("/data/vendor/marlod/"));
+  history::update_history gone;
+  gone.record(attempt_kind::dfu, facts("up-to-date"), "done");
+  EXPECT_EQ(log.count("update history: creating /data/vendor/marlod/updates.jsonl.tmp failed"), 1);
 }
 
 }  // namespace

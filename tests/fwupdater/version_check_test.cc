@@ -54,6 +54,10 @@ TEST_F(VersionCheckTest, ReadsTheLastValueOfEachKeyFromThePrimaryOrElseTheFallba
        std::string("aon build from ") + kPrimary + ".\n"},
       // Several pairs on a line: the last pair's value, for every key named.
       {"\"dsp_cochip\": \"D1\", \"note\": \"see apps_cochip\", \"x\": \"LAST\"\n", none, "LAST", "", "LAST", ""},
+      // The first group stops at an equals sign; an ampersand may end the line, and so may the file.
+      {"\"apps_cochip\": \"A=B\" &\n\"btfw_cochip=\": \"x\", \"k\": \"BT&\"\n=\"dsp_cochip\": \"D\"\ndsp_cochip\": "
+       "\"V\"=",
+       none, "A=B", "BT", "D", ""},
       // The fallback is read only when the primary cannot be opened.
       {none, "\"apps_cochip\": \"FALLBACK\"\n", "FALLBACK", "", "", ""},
       {"no keys here\n", "\"apps_cochip\": \"FALLBACK\"\n", "", "", "", ""},

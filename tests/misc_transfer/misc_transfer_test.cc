@@ -7,6 +7,7 @@
 
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <thread>
 
 #include "common/le32.h"
@@ -43,7 +44,7 @@ class MiscTransferTest : public ::testing::Test {
   std::vector<Bytes> run(uint32_t max_payload, std::map<size_t, int32_t> statuses = {}) {
     std::vector<Bytes> packets;
     std::thread device([&] {
-      int fd = node.accept_open(5000);
+      int fd = node ? node->accept_open(5000) : -1;
       Bytes buf(1 << 20);
       long n;
       while (fd >= 0 && (n = marlo::sim::receive_packet(fd, buf.data(), buf.size(), 3000)) > 0) {
@@ -67,7 +68,8 @@ class MiscTransferTest : public ::testing::Test {
   }
 
   TestRoot root;
-  marlo::sim::DeviceNode node{root.at("/dev/glink_pkt_marlo_custom_data")};
+  std::unique_ptr<marlo::sim::DeviceNode> node =
+      std::make_unique<marlo::sim::DeviceNode>(root.at("/dev/glink_pkt_marlo_custom_data"));
   RecordingCallback cb;
   marlo_fw_updater updater;
   int failed_reads = 0;  // reads of the first answer that fail
@@ -137,7 +139,7 @@ TEST_F(MiscTransferTest, OnlyTheLastResourceDecidesBetweenFinishAndFailure) {
   EXPECT_EQ(cb.count(kFailed, Status::STATUS_ERROR), 1);
 }
 
-TEST_F(MiscTransferTest, NoRoomForDataOrNoResourcesEndInFailure) {
+TEST_F(MiscTransferTest, NoRoomForDataNoResourcesOrNoChannelEndInFailure) {
   root.write(kBtfw, letters(100));
   EXPECT_EQ(run(16).size(), 3u);  // three start packets, and no endless empty packets
   EXPECT_EQ(cb.count(kFailed, Status::STATUS_ERROR), 1);
@@ -145,6 +147,12 @@ TEST_F(MiscTransferTest, NoRoomForDataOrNoResourcesEndInFailure) {
   std::filesystem::remove(root.at(kBtfw));
   EXPECT_TRUE(run(4096).empty());
   EXPECT_EQ(cb.count(kFailed, Status::STATUS_ERROR), 2);
+
+  node.reset();
+  root.write(kNv, letters(5));
+  run(4096);
+  EXPECT_EQ(cb.count("Marlo SHM Updater:: Glink channel open failed", Status::STATUS_CHANNEL_ERROR), 1);
+  EXPECT_EQ(cb.count(kFailed, Status::STATUS_ERROR), 3);
 }
 
 }  // namespace
