@@ -71,17 +71,4 @@ TEST_F(StartupTest, TwmExitRunsItsCommandsBetweenTheRamdumpWrites) {
   EXPECT_TRUE(marlo::test::wait_until([&] { return root_.exists("/dev/uevent"); }, std::chrono::seconds(5)));
 }
 
-TEST_F(StartupTest, ResetPropertyResetsOnceAndIsWrittenBack) {
-  serve();
-  MarloDaemon daemon;
-  root_.set_property("vendor.marlo_reset", "2");
-  daemon.serviceResetProperty();
-  EXPECT_TRUE(requests().empty());
-  root_.set_property("vendor.marlo_reset", "1");
-  daemon.serviceResetProperty();
-  daemon.serviceResetProperty();
-  EXPECT_EQ(requests(), "RESET");
-  EXPECT_EQ(root_.property("vendor.marlo_reset"), "0");
-}
-
 }  // namespace
