@@ -1,9 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <cstdlib>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "daemon/marlo_deamon_log.h"
@@ -69,31 +66,6 @@ TEST_F(LogStatementTest, PrefixesFunctionAndLineAndCopiesToStderr) {
   ASSERT_EQ(entries.size(), 1u);
   EXPECT_EQ(entries[0].msg, text);
   EXPECT_EQ(entries[0].tag, "marlo_fw_updater");
-}
-
-// Statements go through the repeat limiter on the daemon's clock, which
-// MARLO_TIME_SCALE scales: at scale 1 a burst stays inside one second; a
-// smaller scale then lets that second end at once, and the summary comes
-// without a further statement.
-TEST_F(LogStatementTest, RepeatsBeyondTenInASecondAreSummarised) {
-  ::setenv("MARLO_TIME_SCALE", "1", 1);
-  int line = 0;
-  for (int i = 0; i < 25; ++i) {
-    line = __LINE__ + 1;
-    MARLO_LOGE("read has failed with errno = %d", 0);
-  }
-  const std::string text = "TestBody:" + std::to_string(line) + ", read has failed with errno = 0";
-  EXPECT_EQ(log_.count(text), 10);
-
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  ::setenv("MARLO_TIME_SCALE", "0.001", 1);  // 20 ms are now 20 s of the daemon's clock
-  marlo_deamon_log::flush_repeat_summaries();
-  ::unsetenv("MARLO_TIME_SCALE");
-  marlo::test::LogEntry summary;
-  ASSERT_TRUE(log_.find(text + " ... repeated 15 times", &summary));
-  EXPECT_EQ(summary.prio, ANDROID_LOG_ERROR);
-  EXPECT_EQ(summary.tag, "MarloDaemon");
-  EXPECT_EQ(log_.count(text), 11);
 }
 
 }  // namespace

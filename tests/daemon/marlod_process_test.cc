@@ -28,14 +28,11 @@ TEST(MarlodProcessTest, ExitsWithoutACoProcessor) {
   marlo::sim::DaemonProcess marlod(settings_for(root));
   std::string error;
   ASSERT_TRUE(marlod.start(&error)) << error;
-  const pid_t pid = marlod.pid();  // the main thread's id in the log
   int status = 0;
   ASSERT_TRUE(marlo::test::wait_until([&] { return !marlod.alive(&status); }, 10s));
   EXPECT_TRUE(WIFEXITED(status));
   EXPECT_EQ(WEXITSTATUS(status), 237);
-  EXPECT_TRUE(
-      marlo::sim::log_contains(root.at("/marlod.log"), "{\"prio\": 4, \"tag\": null, \"tid\": " + std::to_string(pid) +
-                                                           ", \"msg\": \"ZT AON not present: Do not perform PIL\"}"));
+  EXPECT_TRUE(marlo::sim::log_contains(root.at("/marlod.log"), "ZT AON not present: Do not perform PIL"));
 }
 
 TEST(MarlodProcessTest, StartedWithStandardInputClosedKeepsDescriptorZeroOnDevNull) {

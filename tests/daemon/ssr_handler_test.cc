@@ -2,25 +2,15 @@
 // kernel would send them.
 #include <gtest/gtest.h>
 
-#include <dirent.h>
-#include <fcntl.h>
-#include <sys/resource.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "daemon/SSRHandler.h"
 #include "daemon/marlo_deamon_log.h"
+#include "sim/uevent_sender.h"
 #include "support/log_capture.h"
 #include "support/test_root.h"
 #include "support/wait_until.h"
@@ -35,20 +25,8 @@ class SSRHandlerTest : public ::testing::Test {
     root_.mkdir("/dev");
     handler_ = std::make_unique<SSRHandler>(nullptr);
     ASSERT_TRUE(marlo::test::wait_until([&] { return root_.exists("/dev/uevent"); }, 5s));
-    sender_ = ::socket(AF_UNIX, SOCK_DGRAM, 0);
   }
-  void TearDown() override {
-    handler_.reset();
-    ::close(sender_);
-  }
-
-  ssize_t send_to_listener(const std::string& message) {
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    std::strcpy(addr.sun_path, root_.at("/dev/uevent").c_str());
-    return ::sendto(sender_, message.data(), message.size(), 0, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
-  }
-  void send(const std::string& message) { ASSERT_EQ(send_to_listener(message), static_cast<ssize_t>(message.size())); }
+  void send(const std::string& message) { ASSERT_TRUE(marlo::sim::send_uevent(root_.path(), message)); }
 
   // A uevent of the control device carrying the given strings.
   static std::string event(const std::string& strings) {
@@ -62,14 +40,13 @@ class SSRHandlerTest : public ::testing::Test {
   // later message's value is stored, everything sent before it has been
   // acted upon. The way to check that an event did nothing.
   bool all_handled(int32_t marker) {
-    send(event("MARLO_EVENT=" + std::to_string(marker) + std::string(1, '\0')));
+    send(marlo::sim::marlo_uevent(marker));
     return wait_for_event(marker);
   }
 
   marlo::test::TestRoot root_;
   marlo::test::LogCapture log_;
   std::unique_ptr<SSRHandler> handler_;
-  int sender_ = -1;
 };
 
 // Only power events of the control device in messages of at most 1024
@@ -83,12 +60,12 @@ TEST_F(SSRHandlerTest, PowerEventsOfTheControlDeviceKeepBootCompleteInStep) {
     std::string boot_complete;  // "untouched": the message changed nothing
   };
   const Case cases[] = {
-      {event(std::string("MARLO_EVENT=4\0", 14)), 4, "1"},
-      {event(std::string("MARLO_EVENT=1\0", 14)), 1, "0"},
-      {event(std::string("MARLO_EVENT=2\0", 14)), 2, "untouched"},
+      {marlo::sim::marlo_uevent(4), 4, "1"},
+      {marlo::sim::marlo_uevent(1), 1, "0"},
+      {marlo::sim::marlo_uevent(2), 2, "untouched"},
       {std::string("change@/devices/platform/other\0MARLO_EVENT=4\0", 45), 0, "untouched"},
-      {std::string("\0marlo_com_dev\0MARLO_EVENT=4\0", 29), 0, "untouched"},                 // first byte NUL
-      {event(std::string("MARLO_EVENT=4\0", 14)) + std::string(1100, 'x'), 0, "untouched"},  // over 1024 bytes
+      {std::string("\0marlo_com_dev\0MARLO_EVENT=4\0", 29), 0, "untouched"},   // first byte NUL
+      {marlo::sim::marlo_uevent(4) + std::string(1100, 'x'), 0, "untouched"},  // over 1024 bytes
       // Exactly 1024 bytes, ending in the event string without its NUL.
       {head + std::string(1024 - head.size() - 14, 'f') + std::string("\0MARLO_EVENT=1", 14), 1, "0"},
   };
@@ -125,64 +102,10 @@ TEST_F(SSRHandlerTest, FloodOfBadMessagesIsLoggedTenTimesAndSummarised) {
 // The handler owns its listener: destroying it ends the thread, which
 // closes its socket, and a uevent sent afterwards finds no receiver.
 TEST_F(SSRHandlerTest, DestroyingTheHandlerEndsItsListener) {
-  send(event(std::string("MARLO_EVENT=4\0", 14)));
+  send(marlo::sim::marlo_uevent(4));
   ASSERT_TRUE(wait_for_event(4));
   handler_.reset();
-  EXPECT_EQ(send_to_listener(event(std::string("MARLO_EVENT=1\0", 14))), -1);
-  EXPECT_EQ(errno, ECONNREFUSED);
-}
-
-// While it lives, the process has exactly one free descriptor: a pipe (two)
-// cannot be made, a socket (one) can.
-class OneFreeDescriptor {
- public:
-  OneFreeDescriptor() {
-    ::getrlimit(RLIMIT_NOFILE, &saved_);
-    int highest = 0;
-    if (DIR* dir = ::opendir("/proc/self/fd")) {
-      while (const dirent* entry = ::readdir(dir)) highest = std::max(highest, std::atoi(entry->d_name));
-      ::closedir(dir);
-    }
-    // Every hole below the highest descriptor is filled; the one above it
-    // is the free one.
-    for (int fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC); fd >= 0 && fd <= highest;
-         fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC)) {
-      fillers_.push_back(fd);
-    }
-    ::close(highest + 1);
-    struct rlimit lowered = saved_;
-    lowered.rlim_cur = static_cast<rlim_t>(highest + 2);
-    ::setrlimit(RLIMIT_NOFILE, &lowered);
-  }
-  ~OneFreeDescriptor() {
-    ::setrlimit(RLIMIT_NOFILE, &saved_);
-    for (int fd : fillers_) ::close(fd);
-  }
-  OneFreeDescriptor(const OneFreeDescriptor&) = delete;
-  OneFreeDescriptor& operator=(const OneFreeDescriptor&) = delete;
-
- private:
-  struct rlimit saved_ = {};
-  std::vector<int> fillers_;
-};
-
-// A handler that could not make its wake-up pipe still serves uevents, and
-// its destructor still ends and joins the listener (within its once-a-second
-// look at the stop request), which closes the socket.
-TEST_F(SSRHandlerTest, ListenerWithoutAWakeUpPipeIsStillJoined) {
-  handler_.reset();
-  {
-    OneFreeDescriptor one_free;
-    handler_ = std::make_unique<SSRHandler>(nullptr);
-  }
-  EXPECT_TRUE(log_.contains("uevent listener wake-up pipe failed"));
-  // Sent until the new listener's socket takes it.
-  const std::string power_up = event(std::string("MARLO_EVENT=4\0", 14));
-  ASSERT_TRUE(marlo::test::wait_until([&] { return send_to_listener(power_up) > 0; }, 5s));
-  ASSERT_TRUE(wait_for_event(4));
-  handler_.reset();
-  EXPECT_EQ(send_to_listener(event(std::string("MARLO_EVENT=1\0", 14))), -1);
-  EXPECT_EQ(errno, ECONNREFUSED);
+  EXPECT_FALSE(marlo::sim::send_uevent(root_.path(), marlo::sim::marlo_uevent(1)));
 }
 
 }  // namespace

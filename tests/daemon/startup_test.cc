@@ -1,10 +1,6 @@
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <climits>
 #include <memory>
 #include <string>
 
@@ -20,11 +16,7 @@ class StartupTest : public ::testing::Test {
  protected:
   // The virtual co-processor on a sample root, offline.
   void serve() { device_ = marlo::test::serve_control_device(root_); }
-  std::vector<std::string> requests() const {
-    std::vector<std::string> names;
-    for (const auto& request : device_->driver().requests()) names.push_back(request.name());
-    return names;
-  }
+  std::string requests() const { return marlo::test::request_trace(device_->driver()); }
 
   marlo::test::TestRoot root_;
   marlo::test::LogCapture log_;
@@ -69,58 +61,14 @@ TEST_F(StartupTest, TwmExitRunsItsCommandsBetweenTheRamdumpWrites) {
   // An unsupported subtype: the boot itself is skipped.
   root_.write("/sys/devices/soc0/platform_subtype_id", "1");
   EXPECT_EQ(daemon.initMarlo(), -19);
-  EXPECT_EQ(requests(), (std::vector<std::string>{"TWM_EXIT", "SAVE_DUMP"}));
+  EXPECT_TRUE(log_.contains("platform subtype: -19 is not supported, skip marlo PIL"));
+  EXPECT_EQ(requests(), "TWM_EXIT SAVE_DUMP");
   EXPECT_EQ(ramdumps_at_request, (std::vector<std::string>{"1", "1"}));
   EXPECT_EQ(root_.property("persist.vendor.ssr.enable_ramdumps"), "0");
   EXPECT_EQ(g_daemon_state.load(), 2);
   // The restart listener was started; wait for its socket so that it binds
   // inside this root.
   EXPECT_TRUE(marlo::test::wait_until([&] { return root_.exists("/dev/uevent"); }, std::chrono::seconds(5)));
-}
-
-TEST_F(StartupTest, TwmExitStateIsReadOnDescriptorZero) {
-  root_.write("/sys/class/pmic-lpm/pmic_twm_exit", "1");
-  MarloDaemon daemon;
-  // As in a process started with standard input closed: the open of the
-  // state file is handed descriptor 0.
-  const int saved_stdin = ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3);
-  ASSERT_GE(saved_stdin, 0);
-  ::close(STDIN_FILENO);
-  const bool exiting = daemon.isTWMexit();
-  // Descriptor 0 may be taken again meanwhile by another thread of this
-  // process (the log writer, an emulator's own files): only the state file
-  // left open there is a fault.
-  char target[PATH_MAX] = {};
-  const ssize_t length = ::readlink("/proc/self/fd/0", target, sizeof(target) - 1);
-  const bool state_file_left_open =
-      length > 0 && std::string(target, static_cast<size_t>(length)).find("pmic_twm_exit") != std::string::npos;
-  ::dup2(saved_stdin, STDIN_FILENO);
-  ::close(saved_stdin);
-  EXPECT_TRUE(exiting);
-  EXPECT_FALSE(state_file_left_open);
-}
-
-TEST_F(StartupTest, UnsupportedSubtypeSkipsTheBoot) {
-  serve();
-  root_.write("/sys/devices/soc0/platform_subtype_id", "1");
-  MarloDaemon daemon;
-  EXPECT_EQ(daemon.platformSubtypeCheck(), -19);
-  EXPECT_EQ(daemon.startMarloPIL(), -19);
-  EXPECT_TRUE(log_.contains("platform subtype: -19 is not supported, skip marlo PIL"));
-  EXPECT_TRUE(requests().empty());
-}
-
-TEST_F(StartupTest, ResetPropertyResetsOnceAndIsWrittenBack) {
-  serve();
-  MarloDaemon daemon;
-  root_.set_property("vendor.marlo_reset", "2");
-  daemon.serviceResetProperty();
-  EXPECT_TRUE(requests().empty());
-  root_.set_property("vendor.marlo_reset", "1");
-  daemon.serviceResetProperty();
-  daemon.serviceResetProperty();
-  EXPECT_EQ(requests(), std::vector<std::string>{"RESET"});
-  EXPECT_EQ(root_.property("vendor.marlo_reset"), "0");
 }
 
 }  // namespace

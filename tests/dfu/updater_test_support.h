@@ -22,10 +22,6 @@ class RecordingCallback : public marlo_fw_updater::Callback {
   void handleSHMResponse(std::string message, Status status) override { add(std::move(message), status); }
   void onDFUStateRecived(DFUState state) override { add("<state " + std::to_string(state) + ">", STATUS_INFO); }
 
-  std::vector<Report> reports() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return reports_;
-  }
   int count(const std::string& message, Status status) const {
     std::lock_guard<std::mutex> lock(mutex_);
     return static_cast<int>(std::count(reports_.begin(), reports_.end(), Report(message, status)));

@@ -49,7 +49,6 @@ TEST_F(PartitionTableTest, AbsentChildrenCarryOverFromThePreviousPartition) {
   EXPECT_EQ(record(1).xml_size, 65536);
   EXPECT_EQ(record(1).partition_name, "second");
   EXPECT_EQ(as_string(record(1).data), "BOOTIMAGE");
-  EXPECT_EQ(record(1).size, 9u);
   EXPECT_FALSE(record(1).isErasable);
 
   // A leading slash is not absolute: it doubles the directory's slash.
@@ -58,11 +57,6 @@ TEST_F(PartitionTableTest, AbsentChildrenCarryOverFromThePreviousPartition) {
   EXPECT_EQ(as_string(record(2).data), "ABS");
   EXPECT_FALSE(record(2).isErasable);
   EXPECT_TRUE(log.contains("readFile Path : /vendor/firmware_mnt/image//abs.img"));
-
-  EXPECT_EQ(record(3).img_id, 1);
-  EXPECT_EQ(as_string(record(3).data), "FLASH");
-  EXPECT_EQ(record(4).img_id, 2);
-  EXPECT_EQ(as_string(record(4).data), "PART1");
 }
 
 TEST_F(PartitionTableTest, MissingOrUnreadableImagesGiveEmptyRecordsAndShadowTheFlashId) {
@@ -128,12 +122,6 @@ TEST_F(PartitionTableTest, ImagesOverTheSizeCapGiveEmptyRecordsAndNoDownload) {
   EXPECT_TRUE(log.contains("File too large : /vendor/firmware_mnt/image/./flash.bin is 268435457 bytes"));
   EXPECT_FALSE(updater.checkForFlashbin());
   EXPECT_EQ(as_string(record(2).data), "PART1");
-
-  // 2 to 4 GiB: sizes a 32-bit process cannot even ask to allocate.
-  sparse("big.bin", uintmax_t{3} << 30);
-  ASSERT_EQ(load(), 1u);
-  EXPECT_EQ(record(0).size, 0u);
-  EXPECT_TRUE(log.contains("File too large : /vendor/firmware_mnt/image/big.bin is 3221225472 bytes"));
 }
 
 TEST_F(PartitionTableTest, MissingSectionsAndBrokenFiles) {

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <memory>
+#include <string>
 
 #include "sim/device_root.h"
 #include "sim/virtual_device.h"
@@ -22,6 +23,19 @@ inline std::unique_ptr<sim::VirtualDevice> serve_control_device(const TestRoot& 
   auto device = std::make_unique<sim::VirtualDevice>(root.path(), options);
   device->driver().set_reset_offline_ms(0);  // a reset restarts it at once
   return device;
+}
+
+// The requests the driver saw, by name, with the value of those that carry
+// one, and "!" after each it refused (a block it could not take fails too).
+inline std::string request_trace(const sim::ControlDriver& driver) {
+  std::string out;
+  for (const sim::ControlRequest& r : driver.requests()) {
+    if (!out.empty()) out += " ";
+    out += r.name();
+    if (r.name() == "SET_BOOT_MODE" || r.name() == "BOOT_STATUS") out += "=" + std::to_string(r.value);
+    if (r.err != 0) out += "!";
+  }
+  return out;
 }
 
 }  // namespace marlo::test
