@@ -3,7 +3,7 @@
 # worktree of HEAD, and prints which of them the native suite catches
 # (docs/coverage.md, "Faults the suite catches"). The faults and the options:
 #   scripts/faults.sh --list
-#   scripts/faults.sh [--keep DIR] [--rev REV] [--full] [--only NAME...]
+#   scripts/faults.sh [--keep DIR] [--rev REV] [--full] [--timeout S] [--only NAME...]
 # --keep DIR keeps the scratch worktree and its build for the next run;
 # --full runs the whole suite per fault instead of stopping at the first
 # failure. Exits 1 when a fault is missed or the unchanged code fails.

@@ -238,13 +238,13 @@ def kill_leftovers(build):
                 pass
 
 
-def ctest(build, log_file, full, names=None):
+def ctest(build, log_file, full, timeout, names=None):
     """Runs the suite (or the named tests); the failed tests, [] when all passed."""
     for stale in ("LastTestsFailed.log",):
         path = os.path.join(build, "Testing", "Temporary", stale)
         if os.path.exists(path):
             os.remove(path)
-    command = ["ctest", "--test-dir", build, "-j2", "--timeout", "120"]
+    command = ["ctest", "--test-dir", build, "-j2", "--timeout", str(timeout)]
     if not full:
         command.append("--stop-on-failure")
     if names:
@@ -274,9 +274,9 @@ def prepare_scratch(repo, scratch, rev):
     return commit
 
 
-def cell(names, total):
+def cell(names):
     shown = ", ".join(f"`{n}`" for n in names[:SHOWN_TESTS])
-    more = total - min(total, SHOWN_TESTS)
+    more = len(names) - min(len(names), SHOWN_TESTS)
     return shown + (f" and {more} more" if more > 0 else "")
 
 
@@ -288,6 +288,7 @@ def main():
                         help="scratch worktree and build to use and keep (incremental builds across runs)")
     parser.add_argument("--rev", default="HEAD", help="commit to check (default HEAD)")
     parser.add_argument("--full", action="store_true", help="run the whole suite per fault, listing every failure")
+    parser.add_argument("--timeout", type=int, default=120, help="ctest's time-out per test, in seconds (120)")
     parser.add_argument("--only", nargs="+", metavar="NAME", help="only these faults")
     parser.add_argument("--list", action="store_true", help="print the faults and exit")
     args = parser.parse_args()
@@ -315,41 +316,45 @@ def main():
         if not build(scratch, build_dir, baseline_log):
             log(f"== the unchanged code does not build, see {baseline_log}")
             return 1
-        failed = ctest(build_dir, baseline_log, full=True)
+        failed = ctest(build_dir, baseline_log, True, args.timeout)
         if failed:
             # Run once more: a test that fails again without any fault would
             # make every row a false catch.
-            again = ctest(build_dir, baseline_log, full=True, names=failed)
+            again = ctest(build_dir, baseline_log, True, args.timeout, failed)
             if again:
                 log(f"== the suite fails without a fault ({', '.join(again)}), see {baseline_log}")
                 return 1
             log(f"== without a fault {', '.join(failed)} failed once and passed when run again")
         log(f"== baseline passed in {time.monotonic() - started:.0f} s")
 
-        print(f"| Fault | File | Caught | Failed tests | Time |")
-        print(f"|---|---|---|---|---|")
-        missed = 0
+        print("| Fault | File | Caught | Failed tests | Time |")
+        print("|---|---|---|---|---|")
+        missed = unapplied = 0
         for fault in faults:
             fault_started = time.monotonic()
             path = os.path.join(scratch, fault["file"])
             fault_log = os.path.join(logs, fault["name"] + ".log")
             original, faulty, why = apply_edits(path, fault["edits"])
             caught, names = "did not apply", why
+            unapplied += faulty is None
             if faulty is not None:
                 try:
                     with open(path, "w") as f:
                         f.write(faulty)
                     if not build(scratch, build_dir, fault_log):
                         caught, names = "did not build", f"see {fault_log}"
+                        unapplied += 1
                     else:
-                        failed = ctest(build_dir, fault_log, full=args.full)
+                        failed = ctest(build_dir, fault_log, args.full, args.timeout)
                         if not failed:
                             caught, names = "**no**", ""
                             missed += 1
                         else:
-                            repeated = ctest(build_dir, fault_log, full=True, names=failed[:SHOWN_TESTS])
+                            repeated = ctest(build_dir, fault_log, True, args.timeout, failed[:SHOWN_TESTS])
                             caught = "yes" if repeated else "once"
-                            names = cell(failed, len(failed))
+                            with open(os.path.join(logs, "failed.txt"), "a") as f:
+                                f.write(f"{fault['name']}: {' '.join(failed)}\n")
+                            names = cell(failed)
                 finally:
                     with open(path, "w") as f:
                         f.write(original)
@@ -358,8 +363,9 @@ def main():
                   flush=True)
         # Leave the scratch build matching the unchanged code for the next run.
         build(scratch, build_dir, os.path.join(logs, "restore.log"))
-        log(f"== {len(faults)} faults, {missed} missed, {time.monotonic() - started:.0f} s in all; logs in {logs}")
-        return 1 if missed else 0
+        log(f"== {len(faults)} faults, {missed} missed, {unapplied} not applied, "
+            f"{time.monotonic() - started:.0f} s in all; logs in {logs}")
+        return 1 if missed or unapplied else 0
     finally:
         if not args.keep and os.path.exists(scratch):
             run(["git", "-C", repo, "worktree", "remove", "--force", scratch], check=False)
