@@ -189,17 +189,26 @@ def log(message):
 
 
 def run(command, cwd=None, log_file=None, check=True):
-    """Runs `command`; its output goes to `log_file` (appended) or is returned."""
-    if log_file is None:
-        result = subprocess.run(command, cwd=cwd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
-        output = result.stdout
-    else:
-        with open(log_file, "a") as out:
-            result = subprocess.run(command, cwd=cwd, stdout=out, stderr=subprocess.STDOUT)
-        output = ""
-    if check and result.returncode != 0:
-        raise RuntimeError(f"{' '.join(command)} failed ({result.returncode}):\n{output}")
-    return result.returncode, output
+    """Runs `command`; its output goes to `log_file` (appended) or is returned.
+
+    The command runs in a process group of its own, ended as a whole when
+    this script is stopped: a build's compilers do not outlive it."""
+    out = open(log_file, "a") if log_file else subprocess.PIPE
+    try:
+        process = subprocess.Popen(command, cwd=cwd, stdout=out, stderr=subprocess.STDOUT, text=True,
+                                   start_new_session=True)
+        try:
+            output, _ = process.communicate()
+        except BaseException:
+            os.killpg(process.pid, signal.SIGTERM)
+            process.wait()
+            raise
+    finally:
+        if log_file:
+            out.close()
+    if check and process.returncode != 0:
+        raise RuntimeError(f"{' '.join(command)} failed ({process.returncode}):\n{output}")
+    return process.returncode, output or ""
 
 
 def apply_edits(path, edits):
