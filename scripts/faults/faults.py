@@ -213,6 +213,8 @@ def run(command, cwd=None, log_file=None, check=True):
 
 def apply_edits(path, edits):
     """The file's original text and the faulty one, or None and why not."""
+    if not os.path.exists(path):
+        return None, None, "file not found"
     with open(path) as f:
         original = f.read()
     text = original
@@ -249,10 +251,9 @@ def kill_leftovers(build):
 
 def ctest(build, log_file, full, timeout, names=None):
     """Runs the suite (or the named tests); the failed tests, [] when all passed."""
-    for stale in ("LastTestsFailed.log",):
-        path = os.path.join(build, "Testing", "Temporary", stale)
-        if os.path.exists(path):
-            os.remove(path)
+    stale = os.path.join(build, "Testing", "Temporary", "LastTestsFailed.log")
+    if os.path.exists(stale):
+        os.remove(stale)
     command = ["ctest", "--test-dir", build, "-j2", "--timeout", str(timeout)]
     if not full:
         command.append("--stop-on-failure")
@@ -262,11 +263,11 @@ def ctest(build, log_file, full, timeout, names=None):
     kill_leftovers(build)
     failed = failed_tests(build)
     if status != 0 and not failed:
-        failed = ["(ctest failed, see log)"]
+        raise RuntimeError(f"ctest failed without naming a failed test, see {log_file}")
     return failed
 
 
-def build(source, build_dir, log_file):
+def build(build_dir, log_file):
     status, _ = run(["cmake", "--build", build_dir, "-j2"], log_file=log_file, check=False)
     return status == 0
 
@@ -294,7 +295,8 @@ def main():
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     parser.add_argument("--keep", metavar="DIR",
-                        help="scratch worktree and build to use and keep (incremental builds across runs)")
+                        help="scratch worktree and build to use and keep (incremental builds across runs); "
+                        "it is checked out afresh, changes in it are lost")
     parser.add_argument("--rev", default="HEAD", help="commit to check (default HEAD)")
     parser.add_argument("--full", action="store_true", help="run the whole suite per fault, listing every failure")
     parser.add_argument("--timeout", type=int, default=120, help="ctest's time-out per test, in seconds (120)")
@@ -322,7 +324,7 @@ def main():
         commit = prepare_scratch(repo, scratch, args.rev)
         log(f"== {commit[:7]} in {scratch}; logs in {logs}")
         baseline_log = os.path.join(logs, "baseline.log")
-        if not build(scratch, build_dir, baseline_log):
+        if not build(build_dir, baseline_log):
             log(f"== the unchanged code does not build, see {baseline_log}")
             return 1
         failed = ctest(build_dir, baseline_log, True, args.timeout)
@@ -350,7 +352,7 @@ def main():
                 try:
                     with open(path, "w") as f:
                         f.write(faulty)
-                    if not build(scratch, build_dir, fault_log):
+                    if not build(build_dir, fault_log):
                         caught, names = "did not build", f"see {fault_log}"
                         unapplied += 1
                     else:
@@ -371,7 +373,7 @@ def main():
             print(f"| `{fault['name']}`: {fault['what']} | `{fault['file']}` | {caught} | {names} | {seconds:.0f} s |",
                   flush=True)
         # Leave the scratch build matching the unchanged code for the next run.
-        build(scratch, build_dir, os.path.join(logs, "restore.log"))
+        build(build_dir, os.path.join(logs, "restore.log"))
         log(f"== {len(faults)} faults, {missed} missed, {unapplied} not applied, "
             f"{time.monotonic() - started:.0f} s in all; logs in {logs}")
         return 1 if missed or unapplied else 0
