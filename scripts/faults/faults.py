@@ -254,7 +254,7 @@ def ctest(build, log_file, full, timeout, names=None):
     stale = os.path.join(build, "Testing", "Temporary", "LastTestsFailed.log")
     if os.path.exists(stale):
         os.remove(stale)
-    command = ["ctest", "--test-dir", build, "-j2", "--timeout", str(timeout)]
+    command = ["ctest", "--test-dir", build, "-j2", "--timeout", str(timeout), "--output-on-failure"]
     if not full:
         command.append("--stop-on-failure")
     if names:
