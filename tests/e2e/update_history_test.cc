@@ -35,9 +35,10 @@ class UpdateHistory : public E2e, public ::testing::WithParamInterface<Story> {
   using E2e::stop_daemon;
   using E2e::wait_for;
 
-  std::vector<std::string> records() const {
+  std::vector<std::string> records() const { return records_in(sim::read_text(root_ + kHistory)); }
+  static std::vector<std::string> records_in(const std::string& text) {
     std::vector<std::string> lines;
-    std::istringstream in(sim::read_text(root_ + kHistory));
+    std::istringstream in(text);
     for (std::string line; std::getline(in, line);) lines.push_back(line);
     return lines;
   }
@@ -54,14 +55,15 @@ class UpdateHistory : public E2e, public ::testing::WithParamInterface<Story> {
 TEST_P(UpdateHistory, TellsEachAttemptsStory) {
   GetParam().run(*this);
   const auto& expected = GetParam().records;
-  // One summary line per attempt ended by the daemon running now; the log
-  // lands a few milliseconds after the file.
+  // One summary line per attempt ended by the daemon running now. The file is
+  // read once per look: the daemon may rewrite it between two reads.
   const int summaries = static_cast<int>(expected.size()) - (starts_ - 1);
   std::vector<std::string> lines;
   ASSERT_TRUE(wait_for([&] {
-    lines = records();
-    return lines.size() == expected.size() && sim::read_text(root_ + kHistory).find("running") == npos &&
-           log_count("update record: ") >= summaries;
+    const bool summarised = log_count("update record: ") >= summaries;
+    const std::string text = sim::read_text(root_ + kHistory);
+    lines = records_in(text);
+    return summarised && lines.size() == expected.size() && text.find("running") == npos;
   })) << sim::read_text(root_ + kHistory);
   uint64_t shipped_bytes = 0;
   for (const auto& image : shipped_.images) shipped_bytes += image.second.size();
