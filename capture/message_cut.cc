@@ -3,6 +3,10 @@
 #include <algorithm>
 #include <cstdint>
 
+#include "common/dfu_wire.h"
+#include "common/misc_data_wire.h"
+#include "common/rma_wire.h"
+
 namespace marlo::capture {
 
 namespace {
@@ -11,14 +15,10 @@ using platform::wire::Direction;
 using platform::wire::Message;
 using platform::wire::Node;
 
-constexpr uint32_t kImgOffsetResp = 6;
-constexpr size_t kDfuFragmentAt = 28;
-constexpr uint32_t kMiscDataMore = 1;
-constexpr uint32_t kMiscDataLast = 2;
-constexpr size_t kMiscDataAt = 16;
-constexpr uint32_t kRmaDataReadResp = 257;
-constexpr uint32_t kRmaDataWrite = 512;
-constexpr size_t kRmaBlockAt = 32;
+// Where the data starts in the messages that carry some.
+constexpr size_t kDfuFragmentAt = dfu::DFU_HEADER_SIZE + dfu::DFU_OFFSET_RESP_FIXED_PAYLOAD;
+constexpr size_t kMiscDataAt = misc_data::kShmHeaderSize;
+constexpr size_t kRmaBlockAt = rma::kBlockOffset;
 
 uint32_t word_at(const Message& m, size_t offset) {
   uint32_t v = 0;
@@ -33,19 +33,21 @@ size_t kept_of_headers(const Message& m) {
   size_t keep = length;
   switch (m.node) {
     case Node::Dfu:
-      if (m.direction == Direction::Outbound && length >= 4 && word_at(m, 0) == kImgOffsetResp) keep = kDfuFragmentAt;
+      if (m.direction == Direction::Outbound && length >= 4 &&
+          word_at(m, dfu::DFU_HDR_COMMAND_ID) == dfu::IMG_OFFSET_RESP)
+        keep = kDfuFragmentAt;
       break;
     case Node::Misc:
       if (m.direction == Direction::Outbound && length >= 4) {
         const uint32_t kind = word_at(m, 0);
-        if (kind == kMiscDataMore || kind == kMiscDataLast) keep = kMiscDataAt;
+        if (kind == misc_data::SHM_PKT_DATA_MORE || kind == misc_data::SHM_PKT_DATA_LAST) keep = kMiscDataAt;
       }
       break;
     case Node::Rma:
-      if (length >= 12) {
-        const uint32_t cmd = word_at(m, 8);
-        if ((m.direction == Direction::Inbound && cmd == kRmaDataWrite) ||
-            (m.direction == Direction::Outbound && cmd == kRmaDataReadResp)) {
+      if (length >= rma::kHeaderSize) {
+        const uint32_t cmd = word_at(m, rma::kCommandOffset);
+        if ((m.direction == Direction::Inbound && cmd == rma::RMA_DATA_WRITE) ||
+            (m.direction == Direction::Outbound && cmd == rma::RMA_DATA_READ_RESP)) {
           keep = kRmaBlockAt;
         }
       }

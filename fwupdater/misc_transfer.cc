@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "common/crc32.h"
+#include "common/misc_data_wire.h"
 #include "daemon/marlo_deamon_log.h"
 #include "fwupdater/dfu_protocol.h"
 #include "fwupdater/marlo_fw_updater.h"
@@ -22,22 +23,13 @@
 using dfu::append_le32;
 using dfu::get_le32;
 using marlo::history::attempt_kind;
+using namespace marlo::misc_data;  // packet kinds and header size
 
 namespace {
 
 constexpr const char* kMiscDataChannel = "glink_pkt_marlo_custom_data";
 constexpr uint32_t kMiscReadSize = 44;
 
-// Packet kinds (first header word).
-enum shm_packet_kind : uint32_t {
-  SHM_PKT_START = 0,
-  SHM_PKT_DATA_MORE = 1,
-  SHM_PKT_DATA_LAST = 2,
-  SHM_PKT_CRC = 4,
-  SHM_PKT_FINISH = 5,
-};
-
-constexpr uint32_t kShmHeaderSize = 16;
 constexpr uint32_t kShmResponseSize = 24;
 // Packet limit when the start answer gave none.
 constexpr uint32_t kDefaultMaxPayload = 4096;

@@ -10,6 +10,7 @@
 
 #include "common/crc32.h"
 #include "common/le32.h"
+#include "common/rma_wire.h"
 #include "daemon/marlo_deamon_log.h"
 #include "glink/marlo_glink.h"
 #include "platform/os.h"
@@ -19,32 +20,12 @@
 
 namespace {
 
-using marlo::rma::kPartitionDir;
+// kPartitionDir, and the wire numbering: command words and field offsets.
+using namespace marlo::rma;
 
 constexpr uint32_t kReadSize = 40;
-
-enum rma_command : uint32_t {
-  RMA_CONNECT = 0,
-  RMA_CONNECT_RESP = 1,
-  RMA_DISCONNECT = 2,
-  RMA_DISCONNECT_RESP = 3,
-  RMA_DATA_READ = 256,
-  RMA_DATA_READ_RESP = 257,
-  RMA_DATA_WRITE = 512,
-  RMA_DATA_WRITE_RESP = 513,
-};
-
-constexpr size_t kHeaderSize = 12;
-constexpr size_t kCrcStart = 4;
 constexpr size_t kConnectSize = 40;
-// Request fields, as offsets from the start of the message.
-constexpr size_t kCommandOffset = 8;
-constexpr size_t kRequestWordOffset = 12;
-constexpr size_t kMemoryIdOffset = 16;
-constexpr size_t kSecondIdOffset = 20;  // CONNECT; DATA_READ/DATA_WRITE: offset in the file
-constexpr size_t kSizeOffset = 24;      // CONNECT: partition size; DATA_*: block size
-constexpr size_t kBlockOffset = 32;     // DATA_WRITE: the block
-constexpr size_t kClientPrivOffset = 36;
+
 // Fixed values of the CONNECT response.
 constexpr uint32_t kConnectVersion = 3;
 constexpr uint32_t kConnectBlockSize = 4096;
