@@ -9,7 +9,9 @@
 
 #include <cerrno>
 #include <cstring>
+#include <vector>
 
+#include "platform/shared/control_message.h"
 #include "platform/wire_tap.h"
 
 namespace platform {
@@ -59,42 +61,29 @@ int poll(struct pollfd* fds, nfds_t nfds, int timeout_ms) {
 
 namespace {
 
-// The control device's request block and the words the driver follows.
-constexpr unsigned long kResetRequest = 0xc0205605;
-constexpr unsigned long kIpcRequest = 0xc0205608;
-constexpr size_t kRequestBlock = 32;
-constexpr size_t kVersionRecord = 308;
-constexpr size_t kBlockValueWord = 0;
-constexpr size_t kBlockReplyWord = 28;
+using namespace control_message;
 
 const uint8_t* block_pointer(const uint8_t* block, size_t word) {
-  uint32_t value;
-  std::memcpy(&value, block + word, sizeof(value));
-  return reinterpret_cast<const uint8_t*>(static_cast<uintptr_t>(value));
+  return reinterpret_cast<const uint8_t*>(static_cast<uintptr_t>(block_word(block, word)));
 }
 
 // The control device's request and answer as the virtual device carries
 // them, for the wire's observer.
 int observed_control_ioctl(int fd, unsigned long request, uint8_t* block) {
-  uint8_t message[4 + kRequestBlock + 4];
-  const uint32_t request_word = static_cast<uint32_t>(request);
-  std::memcpy(message, &request_word, 4);
-  std::memcpy(message + 4, block, kRequestBlock);
-  size_t length = 4 + kRequestBlock;
-  const uint8_t* data = request == kResetRequest ? block_pointer(block, kBlockValueWord) : nullptr;
-  if (data != nullptr) {
-    std::memcpy(message + length, data, 4);
-    length += 4;
+  uint32_t reset_data = 0;
+  if (request == kResetRequest) {
+    if (const uint8_t* data = block_pointer(block, kBlockValueWord)) std::memcpy(&reset_data, data, sizeof(reset_data));
   }
-  wire::control(fd, wire::Direction::Outbound, message, length);
+  const std::vector<uint8_t> message = control_message::request(request, block, reset_data);
+  wire::control(fd, wire::Direction::Outbound, message.data(), message.size());
   const uint8_t* reply = request == kIpcRequest ? block_pointer(block, kBlockReplyWord) : nullptr;
   const int32_t result = ::ioctl(fd, request, block);
   const int32_t err = result == -1 ? errno : 0;
-  uint8_t answer[8 + kRequestBlock + kVersionRecord];
+  uint8_t answer[kMaxAnswer];
   std::memcpy(answer, &result, 4);
   std::memcpy(answer + 4, &err, 4);
-  std::memcpy(answer + 8, block, kRequestBlock);
-  size_t answer_length = 8 + kRequestBlock;
+  std::memcpy(answer + kAnswerHeader, block, kRequestBlock);
+  size_t answer_length = kAnswerHeader + kRequestBlock;
   if (reply != nullptr && result != -1) {
     std::memcpy(answer + answer_length, reply, kVersionRecord);
     answer_length += kVersionRecord;

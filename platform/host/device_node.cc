@@ -27,6 +27,7 @@
 #include "host_root.h"
 #include "platform/host_testing.h"
 #include "platform/os.h"
+#include "platform/shared/control_message.h"
 #include "platform/wire_tap.h"
 
 namespace {
@@ -40,13 +41,7 @@ constexpr time_t kOpenStatusTimeoutSeconds = 10;
 // driver's bounded wait does, instead of holding the caller for ever.
 constexpr int kAnswerTimeoutMs = 5000;
 
-// Requests whose data travels beside the request block.
-constexpr unsigned long kResetRequest = 0xc0205605;
-constexpr unsigned long kIpcRequest = 0xc0205608;
-constexpr size_t kRequestBlock = 32;
-constexpr size_t kVersionRecord = 308;
-constexpr size_t kBlockValueWord = 0;
-constexpr size_t kBlockReplyWord = 28;
+using namespace platform::control_message;
 
 struct Fault {
   int err = 0;
@@ -130,28 +125,18 @@ void* user_pointer(uint32_t word) {
   return t_user_words[word - 1];
 }
 
-uint32_t block_word(const uint8_t* block, size_t offset) {
-  uint32_t word;
-  std::memcpy(&word, block + offset, sizeof(word));
-  return word;
-}
-
 int node_ioctl(int fd, unsigned long request, void* arg) {
   auto* block = static_cast<uint8_t*>(arg);
-  std::vector<uint8_t> message(sizeof(uint32_t) + kRequestBlock);
-  uint32_t request_word = static_cast<uint32_t>(request);
-  std::memcpy(message.data(), &request_word, sizeof(request_word));
-  std::memcpy(message.data() + sizeof(uint32_t), block, kRequestBlock);
+  uint32_t reset_data = 0;
   if (request == kResetRequest) {
-    uint32_t data = 0;
-    if (const void* p = user_pointer(block_word(block, kBlockValueWord))) std::memcpy(&data, p, sizeof(data));
-    const auto* bytes = reinterpret_cast<const uint8_t*>(&data);
-    message.insert(message.end(), bytes, bytes + sizeof(data));
+    if (const void* p = user_pointer(block_word(block, kBlockValueWord)))
+      std::memcpy(&reset_data, p, sizeof(reset_data));
   }
+  const std::vector<uint8_t> message = platform::control_message::request(request, block, reset_data);
   void* reply = (request == kIpcRequest) ? user_pointer(block_word(block, kBlockReplyWord)) : nullptr;
   t_user_words.clear();
 
-  uint8_t answer[8 + kRequestBlock + kVersionRecord];
+  uint8_t answer[kMaxAnswer];
   // An answer that came after its request timed out belongs to no request.
   while (::recv(fd, answer, sizeof(answer), MSG_DONTWAIT) > 0) {
   }
@@ -164,7 +149,7 @@ int node_ioctl(int fd, unsigned long request, void* arg) {
     return -1;
   }
   ssize_t n = ::recv(fd, answer, sizeof(answer), MSG_DONTWAIT);
-  if (n < static_cast<ssize_t>(8 + kRequestBlock)) {
+  if (n < static_cast<ssize_t>(kAnswerHeader + kRequestBlock)) {
     if (n >= 0) errno = EIO;
     return -1;
   }
@@ -173,9 +158,9 @@ int node_ioctl(int fd, unsigned long request, void* arg) {
   int32_t err;
   std::memcpy(&result, answer, sizeof(result));
   std::memcpy(&err, answer + 4, sizeof(err));
-  std::memcpy(block, answer + 8, kRequestBlock);
+  std::memcpy(block, answer + kAnswerHeader, kRequestBlock);
   if (reply != nullptr && n == static_cast<ssize_t>(sizeof(answer))) {
-    std::memcpy(reply, answer + 8 + kRequestBlock, kVersionRecord);
+    std::memcpy(reply, answer + kAnswerHeader + kRequestBlock, kVersionRecord);
   }
   if (result == -1) errno = err;
   return result;
