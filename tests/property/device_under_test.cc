@@ -1,5 +1,6 @@
 #include "device_under_test.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -41,11 +42,14 @@ constexpr long kMaxLogBytesPerSecond = 64 * 1024;
 constexpr std::chrono::milliseconds kChannelOpen{1000};
 
 constexpr const char* kResetProperty = "vendor.marlo_reset";
-// Sequences start once the daemon has found the co-processor running and
-// reported its boot complete. A co-processor that restarts before then makes
-// the boot fail for good ("Marlo boot failed in Host Mode.", no version
-// record, later power-ups do nothing): a known open fault, left to the
-// exploration (MARLO_PROPERTY_EARLY=1) until the boot takes a restart.
+// Sequences start once the daemon has found the co-processor running,
+// reported its boot complete and had its version query answered: it sets the
+// property before it asks, so the property alone lets a loaded machine start
+// a sequence in the middle of the query. A co-processor that restarts before
+// then makes the boot fail for good ("Marlo boot failed in Host Mode.", or
+// no version record and no download; later power-ups do nothing): a known
+// open fault, left to the exploration (MARLO_PROPERTY_EARLY=1) until the
+// boot takes a restart.
 constexpr const char* kBootCompleteProperty = "vendor.marlo.boot_complete";
 constexpr std::chrono::milliseconds kBootComplete{10000};
 
@@ -92,6 +96,11 @@ sim::AnswerFault misc_fault(const Step& step) {
 
 }  // namespace
 
+bool DeviceUnderTest::version_answered() const {
+  const std::vector<sim::ControlRequest> requests = device_->driver().requests();
+  return std::any_of(requests.begin(), requests.end(), [](const sim::ControlRequest& r) { return r.version_replied; });
+}
+
 // The rig's time scale keeps the daemon's fixed waits (1 s per boot attempt,
 // 2 s after misc data) at a few milliseconds; poll time-outs are not scaled.
 DeviceUnderTest::DeviceUnderTest(Variant variant, std::string* start_error) {
@@ -111,7 +120,8 @@ DeviceUnderTest::DeviceUnderTest(Variant variant, std::string* start_error) {
   start_device(options);
   *start_error = launch_daemon();
   if (start_error->empty() && std::getenv("MARLO_PROPERTY_EARLY") == nullptr &&
-      !test::wait_until([this] { return sim::get_property(root_, kBootCompleteProperty) == "1"; }, kBootComplete)) {
+      !test::wait_until([this] { return sim::get_property(root_, kBootCompleteProperty) == "1" && version_answered(); },
+                        kBootComplete)) {
     *start_error = "marlod did not report its boot complete";
   }
 }

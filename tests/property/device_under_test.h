@@ -47,6 +47,8 @@ class DeviceUnderTest : public e2e::DaemonRig {
   std::string check_running() const;
   std::string work_left() const;
   std::string check_quiet_window() const;
+  // The daemon's boot has had its version query answered.
+  bool version_answered() const;
   void note_restart();
   void note_power_up();
   std::string check_wakelock() const;
