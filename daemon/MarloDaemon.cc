@@ -244,11 +244,12 @@ int MarloDaemon::startMarloPIL() {
     notifyBootProgress(1);
     booted_mode = FLASH;
     char value[PROPERTY_VALUE_MAX] = {};
-    property_get("persist.vendor.zt_aon.dfu_update", value, "0");
+    // Unset reads as "0" here; the update record tells the two apart.
+    const bool update_flag_set = property_get("persist.vendor.zt_aon.dfu_update", value, "") > 0;
     if (std::atoi(value) != 1) {
       notifyBootProgress(2);
       __android_log_print(ANDROID_LOG_INFO, nullptr, "zt_aon.dfu_update is 0, do fW_update");
-      recordUnfinishedUpdateDecision();
+      recordUnfinishedUpdateDecision(update_flag_set ? value : nullptr);
       changeBootmode(HOST);
       startFirmwareUpdate();
       return 0;
@@ -271,15 +272,14 @@ int MarloDaemon::startMarloPIL() {
 // A FLASH boot without "persist.vendor.zt_aon.dfu_update" = 1: with the
 // property "0", a download started and did not finish (the co-processor's
 // DFU state says where it stands); unset, none was ever recorded.
-void MarloDaemon::recordUnfinishedUpdateDecision() {
-  char value[PROPERTY_VALUE_MAX] = {};
-  if (property_get("persist.vendor.zt_aon.dfu_update", value, "") == 0) {
+void MarloDaemon::recordUnfinishedUpdateDecision(const char* update_flag) {
+  if (update_flag == nullptr) {
     fw_updater->history().begin(
         attempt_kind::dfu, attemptFacts("download", "persist.vendor.zt_aon.dfu_update unset: no download recorded"));
     return;
   }
   const std::string why =
-      std::string("persist.vendor.zt_aon.dfu_update is ") + value + ": the last download did not finish";
+      std::string("persist.vendor.zt_aon.dfu_update is ") + update_flag + ": the last download did not finish";
   fw_updater->history().begin(attempt_kind::dfu, attemptFacts("resume", why.c_str()));
 }
 

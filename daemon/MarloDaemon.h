@@ -93,8 +93,9 @@ class MarloDaemon {
   // the versions the co-processor reported and the versions shipped.
   marlo::history::attempt_facts attemptFacts(const char* decision, const char* why);
   // Begins the record of the download that a FLASH boot starts because no
-  // download is recorded as finished.
-  void recordUnfinishedUpdateDecision();
+  // download is recorded as finished; `update_flag` is the value of
+  // "persist.vendor.zt_aon.dfu_update", null when it is unset.
+  void recordUnfinishedUpdateDecision(const char* update_flag);
 
   // Shared between the main thread, the restart listener, the flash-less
   // worker and the updater's reader thread without a lock: every such field
