@@ -6,7 +6,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 . scripts/lib/packages.sh
-packages=(cmake ninja-build g++ pkg-config libtinyxml2-dev libgtest-dev libgmock-dev librapidcheck-dev zlib1g-dev binutils)
+packages=(cmake ninja-build g++ pkg-config libtinyxml2-dev libgtest-dev libgmock-dev librapidcheck-dev zlib1g-dev)
 ensure_packages "${packages[@]}"
 # tshark decodes the captures of the wire tests (tools/wireshark/marlo.lua). Its
 # package asks whether non-root users may capture; the answer is no.
