@@ -78,17 +78,11 @@ class FaultCell : public DaemonRig {
  public:
   FaultCell(const Row& row, ReadFault fault) : DaemonRig(kTimeScale), fault_(fault), row_(row) {}
 
-  // Runs the cell; a failed cell keeps its root.
-  void run() {
-    steps();
-    keep_root_ = !problems_.empty();
-  }
-
   const ReadFault fault_;
   std::vector<std::string> problems_;  // what went wrong, as text
 
- private:
-  void steps() {
+  // Runs the cell; a failed cell keeps its root (see the test).
+  void run() {
     sim::DeviceOptions options = noflash_options();
     if (row_.reader == Reader::DfuReader) {
       options = {};  // older firmware in flash: a download
@@ -119,6 +113,7 @@ class FaultCell : public DaemonRig {
     recover();
   }
 
+ private:
   void arm() {
     sim::ChannelServer* channels[] = {&device_->driver(), &device_->dfu(), &device_->rma(), &device_->misc()};
     // The log of the daemon the fault strikes (the running one, else the
@@ -189,7 +184,10 @@ TEST_P(ReadFaultMatrix, EveryFaultIsBoundedQuietAndRecoveredAtThePowerUp) {
   std::vector<std::thread> threads;
   for (ReadFault fault : kFaults) {
     cells.push_back(std::make_unique<FaultCell>(row, fault));
-    threads.emplace_back([&cell = *cells.back()] { cell.run(); });
+    threads.emplace_back([&cell = *cells.back()] {
+      cell.run();
+      cell.keep_root_ = !cell.problems_.empty();
+    });
   }
   for (std::thread& thread : threads) thread.join();
   for (const auto& cell : cells) {
