@@ -22,10 +22,9 @@ using Bytes = std::vector<uint8_t>;
 constexpr const char* kProperty = "persist.vendor.marlo.capture";
 constexpr long kWarn = 0x600000;  // tshark's expert severity "warning"
 
-enum class Scenario { Update, NoflashRma };
 struct Case {
   const char* name;
-  Scenario scenario;
+  bool update;        // an update from flash; otherwise a flash-less push and RMA
   const char* level;  // the property's value; "" unset
   bool unwritable;    // a file stands where the directory goes
 };
@@ -72,7 +71,6 @@ class Capture : public E2e, public ::testing::WithParamInterface<Case> {
 // files costs one log line and leaves the wire alone.
 TEST_P(Capture, RecordsTheSessionAsTheDeviceSawIt) {
   const Case c = GetParam();
-  const bool update = c.scenario == Scenario::Update;
   if (c.unwritable) {
     fs::create_directories(fs::path(dir()).parent_path());
     std::ofstream(dir()) << "not a directory";
@@ -80,13 +78,13 @@ TEST_P(Capture, RecordsTheSessionAsTheDeviceSawIt) {
   std::error_code ec;  // an existing file in its place stays
   fs::create_directories(dir(), ec);
   if (*c.level != '\0') set_property(kProperty, c.level);
-  sim::DeviceOptions options = update ? sim::DeviceOptions{} : noflash_options();
-  if (update) set_property("persist.vendor.zt_aon.dfu_update", "1");
+  sim::DeviceOptions options = c.update ? sim::DeviceOptions{} : noflash_options();
+  if (c.update) set_property("persist.vendor.zt_aon.dfu_update", "1");
   options.capture_file = root_ + "/sim.pcapng";
   start_device(options);
   start_daemon();
   ASSERT_TRUE(wait_for([&] {
-    if (update) return update_finished();
+    if (c.update) return update_finished();
     return device_->rma().status().runs_completed >= 1 && device_->misc().status().finishes >= 1;
   }));
   sim::CaptureFile device_side;
@@ -145,7 +143,7 @@ TEST_P(Capture, RecordsTheSessionAsTheDeviceSawIt) {
   // Stretches of image, misc-data and RMA bytes that no header could hold
   // by chance (many distinct byte values).
   std::vector<Bytes> sources;
-  if (update) {
+  if (c.update) {
     for (const auto& image : shipped_.images) sources.push_back(image.second);
   } else {
     for (const auto& stored : device_->misc().status().stored) sources.push_back(stored.second);
@@ -179,12 +177,11 @@ TEST_P(Capture, RecordsTheSessionAsTheDeviceSawIt) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Levels, Capture,
-                         ::testing::Values(Case{"UpdateHeaders", Scenario::Update, "1", false},
-                                           Case{"UpdateFull", Scenario::Update, "2", false},
-                                           Case{"UpdateUnset", Scenario::Update, "", false},
-                                           Case{"UpdateUnwritableDirectory", Scenario::Update, "1", true},
-                                           Case{"NoflashRmaHeaders", Scenario::NoflashRma, "1", false},
-                                           Case{"NoflashRmaFull", Scenario::NoflashRma, "2", false}),
+                         ::testing::Values(Case{"UpdateHeaders", true, "1", false},
+                                           Case{"UpdateFull", true, "2", false}, Case{"UpdateUnset", true, "", false},
+                                           Case{"UpdateUnwritableDirectory", true, "1", true},
+                                           Case{"NoflashRmaHeaders", false, "1", false},
+                                           Case{"NoflashRmaFull", false, "2", false}),
                          [](const ::testing::TestParamInfo<Case>& info) { return std::string(info.param.name); });
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -156,9 +157,7 @@ void E2e::start_device(sim::DeviceOptions options) {
   if (options.capture_file.empty() && capture_dir != nullptr && *capture_dir != '\0') {
     const ::testing::TestInfo* test = ::testing::UnitTest::GetInstance()->current_test_info();
     std::string name = std::string(test->test_suite_name()) + "." + test->name();
-    for (char& c : name) {
-      if (c == '/') c = '_';  // parameterised tests
-    }
+    std::replace(name.begin(), name.end(), '/', '_');  // parameterised tests
     if (devices_ > 1) name += "-" + std::to_string(devices_);
     options.capture_file = std::string(capture_dir) + "/" + name + ".pcapng";
   }
