@@ -9,14 +9,11 @@ namespace marlo::e2e {
 
 namespace {
 
-// The name inside `dir` for a device path; false when the path lies elsewhere.
-bool name_in(const std::string& dir, std::string path, std::string* name) {
-  if (path + "/" == dir || path == dir) {
-    name->clear();
-    return true;
-  }
-  if (path.compare(0, dir.size(), dir) != 0) return false;
-  *name = path.substr(dir.size());
+// The name inside `dir` for a device path (empty for the directory itself);
+// false when the path lies elsewhere.
+bool name_in(const std::string& dir, const std::string& path, std::string* name) {
+  if (path.compare(0, dir.size(), dir) != 0 && path + "/" != dir) return false;
+  *name = path.size() > dir.size() ? path.substr(dir.size()) : "";
   return name->find('/') == std::string::npos;
 }
 
