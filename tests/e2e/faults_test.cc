@@ -1,7 +1,7 @@
 // Faults from outside the daemon, each checked for what must not be lost: a
 // failed FLASH boot, a broken image set, a data directory that cannot take a
-// partition. Co-processor
-// behaviour of every kind is the generated co-processor's (tests/property).
+// partition. Co-processor behaviour of every kind is the generated
+// co-processor's (tests/property).
 #include <sys/stat.h>
 
 #include <cstdlib>
