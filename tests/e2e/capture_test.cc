@@ -22,10 +22,9 @@ using Bytes = std::vector<uint8_t>;
 constexpr const char* kProperty = "persist.vendor.marlo.capture";
 constexpr long kWarn = 0x600000;  // tshark's expert severity "warning"
 
-enum class Scenario { Update, NoflashRma };
 struct Case {
   const char* name;
-  Scenario scenario;
+  bool update;        // an update from flash; otherwise a flash-less push and RMA
   const char* level;  // the property's value; "" unset
   bool unwritable;    // a file stands where the directory goes
 };
@@ -63,47 +62,6 @@ class Capture : public E2e, public ::testing::WithParamInterface<Case> {
     }
     return all;
   }
-
-  void start(Scenario scenario, const char* level) {
-    std::error_code ec;  // an existing file in its place stays
-    fs::create_directories(dir(), ec);
-    if (*level != '\0') set_property(kProperty, level);
-    sim::DeviceOptions options = scenario == Scenario::Update ? sim::DeviceOptions{} : noflash_options();
-    if (scenario == Scenario::Update) set_property("persist.vendor.zt_aon.dfu_update", "1");
-    sim_capture_ = root_ + "/sim.pcapng";
-    options.capture_file = sim_capture_;
-    start_device(std::move(options));
-    start_daemon();
-  }
-
-  bool scenario_done(Scenario scenario) const {
-    if (scenario == Scenario::Update) return update_finished();
-    return device_->rma().status().runs_completed >= 1 && device_->misc().status().finishes >= 1;
-  }
-
-  // Stretches of image, misc-data and RMA bytes that no header could hold
-  // by chance (many distinct byte values).
-  std::vector<std::string> data_windows(Scenario scenario) const {
-    std::vector<Bytes> sources;
-    if (scenario == Scenario::Update) {
-      for (const auto& image : shipped_.images) sources.push_back(image.second);
-    } else {
-      for (const auto& stored : device_->misc().status().stored) sources.push_back(stored.second);
-      for (const sim::RmaPartition& p : sim::RmaConfig{}.partitions)
-        sources.push_back(sim::RmaClient::run_pattern(1, p));
-    }
-    std::vector<std::string> windows;
-    for (const Bytes& b : sources) {
-      for (size_t at = 0; at + 48 <= b.size(); at += 512) {
-        if (std::set<uint8_t>(b.begin() + at, b.begin() + at + 48).size() >= 16) {
-          windows.emplace_back(b.begin() + at, b.begin() + at + 48);
-        }
-      }
-    }
-    return windows;
-  }
-
-  std::string sim_capture_;
 };
 
 // A session leaves files that the dissector decodes without a failure and
@@ -117,11 +75,21 @@ TEST_P(Capture, RecordsTheSessionAsTheDeviceSawIt) {
     fs::create_directories(fs::path(dir()).parent_path());
     std::ofstream(dir()) << "not a directory";
   }
-  start(c.scenario, c.level);
-  ASSERT_TRUE(wait_for([&] { return scenario_done(c.scenario); }));
+  std::error_code ec;  // an existing file in its place stays
+  fs::create_directories(dir(), ec);
+  if (*c.level != '\0') set_property(kProperty, c.level);
+  sim::DeviceOptions options = c.update ? sim::DeviceOptions{} : noflash_options();
+  if (c.update) set_property("persist.vendor.zt_aon.dfu_update", "1");
+  options.capture_file = root_ + "/sim.pcapng";
+  start_device(options);
+  start_daemon();
+  ASSERT_TRUE(wait_for([&] {
+    if (c.update) return update_finished();
+    return device_->rma().status().runs_completed >= 1 && device_->misc().status().finishes >= 1;
+  }));
   sim::CaptureFile device_side;
   std::string error;
-  ASSERT_TRUE(sim::read_capture(sim_capture_, &device_side, &error)) << error;
+  ASSERT_TRUE(sim::read_capture(options.capture_file, &device_side, &error)) << error;
   const Streams expected = streams_of(device_side.packets);
   if (*c.level == '\0' || c.unwritable) {
     stop_daemon();
@@ -172,11 +140,25 @@ TEST_P(Capture, RecordsTheSessionAsTheDeviceSawIt) {
     EXPECT_EQ(fs::status(dir() + "/" + name).permissions() & fs::perms::all,
               fs::perms::owner_read | fs::perms::owner_write);
   }
-  const std::vector<std::string> windows = data_windows(c.scenario);
-  ASSERT_GT(windows.size(), 4u);
-  size_t found = 0;
-  for (const std::string& w : windows) found += raw.find(w) != std::string::npos;
-  EXPECT_EQ(found, full ? windows.size() : 0u);
+  // Stretches of image, misc-data and RMA bytes that no header could hold
+  // by chance (many distinct byte values).
+  std::vector<Bytes> sources;
+  if (c.update) {
+    for (const auto& image : shipped_.images) sources.push_back(image.second);
+  } else {
+    for (const auto& stored : device_->misc().status().stored) sources.push_back(stored.second);
+    for (const sim::RmaPartition& p : sim::RmaConfig{}.partitions) sources.push_back(sim::RmaClient::run_pattern(1, p));
+  }
+  size_t windows = 0, found = 0;
+  for (const Bytes& b : sources) {
+    for (size_t at = 0; at + 48 <= b.size(); at += 512) {
+      if (std::set<uint8_t>(b.begin() + at, b.begin() + at + 48).size() < 16) continue;
+      ++windows;
+      found += raw.find(std::string(b.begin() + at, b.begin() + at + 48)) != std::string::npos;
+    }
+  }
+  ASSERT_GT(windows, 4u);
+  EXPECT_EQ(found, full ? windows : 0u);
 
   for (const std::string& name : files()) {
     const wire::Decoded d = wire::decode(dir() + "/" + name, {"marlo.event"});
@@ -195,12 +177,11 @@ TEST_P(Capture, RecordsTheSessionAsTheDeviceSawIt) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Levels, Capture,
-                         ::testing::Values(Case{"UpdateHeaders", Scenario::Update, "1", false},
-                                           Case{"UpdateFull", Scenario::Update, "2", false},
-                                           Case{"UpdateUnset", Scenario::Update, "", false},
-                                           Case{"UpdateUnwritableDirectory", Scenario::Update, "1", true},
-                                           Case{"NoflashRmaHeaders", Scenario::NoflashRma, "1", false},
-                                           Case{"NoflashRmaFull", Scenario::NoflashRma, "2", false}),
+                         ::testing::Values(Case{"UpdateHeaders", true, "1", false},
+                                           Case{"UpdateFull", true, "2", false}, Case{"UpdateUnset", true, "", false},
+                                           Case{"UpdateUnwritableDirectory", true, "1", true},
+                                           Case{"NoflashRmaHeaders", false, "1", false},
+                                           Case{"NoflashRmaFull", false, "2", false}),
                          [](const ::testing::TestParamInfo<Case>& info) { return std::string(info.param.name); });
 
 }  // namespace

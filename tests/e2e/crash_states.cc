@@ -9,22 +9,11 @@ namespace marlo::e2e {
 
 namespace {
 
-std::vector<std::string> split_tabs(const std::string& line) {
-  std::vector<std::string> fields;
-  std::stringstream in(line);
-  std::string field;
-  while (std::getline(in, field, '\t')) fields.push_back(field);
-  return fields;
-}
-
-// The name inside `dir` for a device path; false when the path lies elsewhere.
-bool name_in(const std::string& dir, std::string path, std::string* name) {
-  if (path + "/" == dir || path == dir) {
-    name->clear();
-    return true;
-  }
-  if (path.compare(0, dir.size(), dir) != 0) return false;
-  *name = path.substr(dir.size());
+// The name inside `dir` for a device path (empty for the directory itself);
+// false when the path lies elsewhere.
+bool name_in(const std::string& dir, const std::string& path, std::string* name) {
+  if (path.compare(0, dir.size(), dir) != 0 && path + "/" != dir) return false;
+  *name = path.size() > dir.size() ? path.substr(dir.size()) : "";
   return name->find('/') == std::string::npos;
 }
 
@@ -38,11 +27,6 @@ void apply(sim::Bytes& file, const FileOp& op, uint64_t from, uint64_t to) {
             file.begin() + static_cast<long>(op.offset + from));
 }
 
-struct Inode {
-  sim::Bytes durable;
-  std::vector<size_t> pending;  // data operations since its last sync
-};
-
 // One choice of pending data operations: for each chosen operation, the
 // byte range of it that reached the disk.
 struct Piece {
@@ -52,53 +36,43 @@ struct Piece {
 
 struct Model {
   const std::vector<FileOp>& ops;
-  std::vector<Inode> inodes;
-  std::vector<int> op_inode;  // inode of each data operation and file sync
+  std::vector<sim::Bytes> durable;  // each inode's synced contents
+  std::vector<int> op_inode;        // the inode of each data operation and file sync, the new one of a creation
   std::map<std::string, int> names, durable_names;
-  std::vector<size_t> pending_dir;
-  std::vector<int> dir_inode;  // Create: the new inode
+  std::vector<size_t> pending_dir, pending_data;  // operations not yet synced, in their order
 
-  explicit Model(const std::vector<FileOp>& o) : ops(o), op_inode(o.size(), -1), dir_inode(o.size(), -1) {}
+  explicit Model(const std::vector<FileOp>& o) : ops(o), op_inode(o.size(), -1) {}
 
   void step(size_t i) {
     const FileOp& op = ops[i];
-    switch (op.kind) {
-      case FileOp::Create:
-      case FileOp::Rename:
-      case FileOp::Unlink:
-        if (op.kind == FileOp::Rename && names.count(op.path) == 0) break;
-        if (op.kind == FileOp::Create) {
-          inodes.emplace_back();
-          dir_inode[i] = static_cast<int>(inodes.size() - 1);
-        }
-        apply_dir(names, i);
-        pending_dir.push_back(i);
-        break;
-      case FileOp::Sync:
-        if (op.path.empty()) {
-          for (size_t d : pending_dir) apply_dir(durable_names, d);
-          pending_dir.clear();
-        } else if (names.count(op.path) != 0) {
-          op_inode[i] = names[op.path];
-          Inode& inode = inodes[static_cast<size_t>(op_inode[i])];
-          for (size_t p : inode.pending) apply(inode.durable, ops[p], 0, ops[p].length);
-          inode.pending.clear();
-        }
-        break;
-      case FileOp::Write:
-      case FileOp::Truncate:
-        if (names.count(op.path) == 0) break;
-        op_inode[i] = names[op.path];
-        inodes[static_cast<size_t>(op_inode[i])].pending.push_back(i);
-        break;
-      case FileOp::Answered:  // changes nothing on the disk
-        break;
+    if (op.kind == FileOp::Create) {
+      durable.emplace_back();
+      op_inode[i] = static_cast<int>(durable.size() - 1);
+    }
+    if (op.kind == FileOp::Create || op.kind == FileOp::Unlink ||
+        (op.kind == FileOp::Rename && names.count(op.path) != 0)) {
+      apply_dir(names, i);
+      pending_dir.push_back(i);
+    } else if (op.kind == FileOp::Sync && op.path.empty()) {
+      for (size_t d : pending_dir) apply_dir(durable_names, d);
+      pending_dir.clear();
+    } else if (op.kind != FileOp::Rename && names.count(op.path) != 0) {  // a write, truncation or sync of a file
+      const int inode = op_inode[i] = names[op.path];
+      if (op.kind != FileOp::Sync) {
+        pending_data.push_back(i);
+        return;
+      }
+      const auto synced = [&](size_t p) { return op_inode[p] == inode; };
+      for (size_t p : pending_data) {
+        if (synced(p)) apply(durable[static_cast<size_t>(inode)], ops[p], 0, ops[p].length);
+      }
+      pending_data.erase(std::remove_if(pending_data.begin(), pending_data.end(), synced), pending_data.end());
     }
   }
 
   void apply_dir(std::map<std::string, int>& entries, size_t d) const {
     const FileOp& op = ops[d];
-    if (op.kind == FileOp::Create) entries[op.path] = dir_inode[d];
+    if (op.kind == FileOp::Create) entries[op.path] = op_inode[d];
     if (op.kind == FileOp::Unlink) entries.erase(op.path);
     if (op.kind == FileOp::Rename && entries.count(op.path) != 0) {
       entries[op.to] = entries[op.path];
@@ -106,18 +80,11 @@ struct Model {
     }
   }
 
-  std::vector<size_t> pending_data() const {
-    std::vector<size_t> all;
-    for (const Inode& inode : inodes) all.insert(all.end(), inode.pending.begin(), inode.pending.end());
-    std::sort(all.begin(), all.end());
-    return all;
-  }
-
   // Choices of pending data operations: every subset of up to eight of them
   // (otherwise every prefix and every single one left out), and each write
   // torn at each block boundary after the ones before it.
   std::vector<std::pair<std::string, std::vector<Piece>>> data_choices(size_t block) const {
-    const std::vector<size_t> pending = pending_data();
+    const std::vector<size_t>& pending = pending_data;
     std::vector<std::pair<std::string, std::vector<Piece>>> choices;
     auto whole = [&](size_t p) { return Piece{p, 0, ops[p].length}; };
     const size_t n = pending.size();
@@ -182,60 +149,35 @@ struct Model {
   }
 };
 
-std::string state_key(const CrashState& state) {
-  std::string key;
-  for (const auto& [name, data] : state.files) {
-    key += name + '\0' + std::to_string(data.size()) + '\0';
-    key.append(data.begin(), data.end());
-  }
-  key += '\1';
-  for (const DurableBlock& block : state.durable) key += block.name + '@' + std::to_string(block.offset) + ';';
-  return key;
-}
-
 }  // namespace
 
 std::vector<FileOp> read_journal(const std::string& journal, const std::string& dir, const AnswerCheck& answered_done) {
   std::ifstream in(journal, std::ios::binary);
   std::vector<FileOp> ops;
-  std::string line;
-  while (std::getline(in, line)) {
-    std::vector<std::string> f = split_tabs(line);
-    if (f.size() < 2 || f[0].size() != 1) break;
+  // One operation a line: a kind letter, a path, then its numbers; a write's
+  // or a packet's bytes follow the line.
+  for (std::string line; std::getline(in, line);) {
+    std::istringstream fields(line);
+    char kind = 0;
+    std::string path, to;
     FileOp op{FileOp::Sync, "", "", 0, 0, {}};
-    const bool ours = name_in(dir, f[1], &op.path);
-    switch (f[0][0]) {
-      case 'C': op.kind = FileOp::Create; break;
-      case 'S': op.kind = FileOp::Sync; break;
-      case 'U': op.kind = FileOp::Unlink; break;
-      case 'T':
-        op.kind = FileOp::Truncate;
-        op.length = f.size() > 2 ? std::stoull(f[2]) : 0;
-        break;
-      case 'R':
-        op.kind = FileOp::Rename;
-        if (f.size() < 3 || !name_in(dir, f[2], &op.to)) continue;
-        break;
-      case 'P': {
-        if (f.size() < 3) return ops;
-        sim::Bytes packet(std::stoull(f[2]));
-        in.read(reinterpret_cast<char*>(packet.data()), static_cast<std::streamsize>(packet.size()));
-        in.ignore(1);
-        if (answered_done(f[1], packet)) ops.push_back(FileOp{FileOp::Answered, "", "", 0, 0, {}});
-        continue;
-      }
-      case 'W': {
-        op.kind = FileOp::Write;
-        if (f.size() < 4) return ops;
-        op.offset = std::stoull(f[2]);
-        op.length = std::stoull(f[3]);
-        op.data.resize(op.length);
-        in.read(reinterpret_cast<char*>(op.data.data()), static_cast<std::streamsize>(op.length));
-        in.ignore(1);  // the newline after the bytes
-        break;
-      }
-      default: return ops;
+    if (!(fields >> kind >> path)) break;
+    const bool ours = name_in(dir, path, &op.path);
+    if (kind == 'R' && !(fields >> to && name_in(dir, to, &op.to))) continue;
+    if (kind == 'T') fields >> op.length;
+    if (kind == 'W' || kind == 'P') {
+      if (!((kind == 'P' || fields >> op.offset) && fields >> op.length)) return ops;
+      op.data.resize(op.length);
+      in.read(reinterpret_cast<char*>(op.data.data()), static_cast<std::streamsize>(op.length));
+      in.ignore(1);  // the newline after the bytes
     }
+    if (kind == 'P') {
+      if (answered_done(path, op.data)) ops.push_back(FileOp{FileOp::Answered, "", "", 0, 0, {}});
+      continue;
+    }
+    const size_t known = std::string("CWTSRU").find(kind);  // in the order of FileOp::Kind
+    if (known == std::string::npos) return ops;
+    op.kind = static_cast<FileOp::Kind>(known);
     if (ours && (op.kind == FileOp::Sync || !op.path.empty())) ops.push_back(std::move(op));
   }
   return ops;
@@ -244,11 +186,14 @@ std::vector<FileOp> read_journal(const std::string& journal, const std::string& 
 std::vector<CrashState> crash_states(const std::vector<FileOp>& ops, size_t block_size, size_t* generated) {
   Model model(ops);
   std::vector<CrashState> states;
-  std::set<std::string> seen;
+  // A state is its files and the places of its durable blocks.
+  std::set<std::pair<std::map<std::string, sim::Bytes>, std::vector<std::pair<std::string, uint64_t>>>> seen;
   *generated = 0;
   for (size_t cut = 0; cut <= ops.size(); ++cut) {
     if (cut > 0) model.step(cut - 1);
     const std::vector<DurableBlock> durable = model.durable_blocks(cut);
+    std::vector<std::pair<std::string, uint64_t>> places;
+    for (const DurableBlock& block : durable) places.emplace_back(block.name, block.offset);
     const auto choices = model.data_choices(block_size);
     for (size_t dirs = 0; dirs <= model.pending_dir.size(); ++dirs) {
       std::map<std::string, int> entries = model.durable_names;
@@ -256,14 +201,14 @@ std::vector<CrashState> crash_states(const std::vector<FileOp>& ops, size_t bloc
       for (const auto& [how, pieces] : choices) {
         CrashState state{cut, how + "; directory changes kept: " + std::to_string(dirs), {}, durable};
         for (const auto& [name, inode] : entries) {
-          sim::Bytes data = model.inodes[static_cast<size_t>(inode)].durable;
+          sim::Bytes data = model.durable[static_cast<size_t>(inode)];
           for (const Piece& piece : pieces) {
             if (model.op_inode[piece.op] == inode) apply(data, ops[piece.op], piece.from, piece.to);
           }
           state.files[name] = std::move(data);
         }
         ++*generated;
-        if (seen.insert(state_key(state)).second) states.push_back(std::move(state));
+        if (seen.emplace(state.files, places).second) states.push_back(std::move(state));
       }
     }
   }

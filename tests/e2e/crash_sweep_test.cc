@@ -19,11 +19,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-bool full_sweep() {
-  const char* mode = std::getenv("MARLO_SWEEP");
-  return mode != nullptr && std::string(mode) == "all";
-}
-
 // The erase requests open the download, one at a time. A hang-up that takes
 // an erase request with it (or a restart as it arrives) leaves that
 // partition, and the ones not yet asked for, to be erased when the download
@@ -50,31 +45,6 @@ TEST_F(E2e, EraseLostWithAHangUpIsAskedForAgain) {
 
 class BackingFileSweep : public E2e {
  protected:
-  // One RMA session with its file operations recorded: the co-processor's
-  // workload runs twice (a restart in between), so the second run
-  // overwrites every block the first one wrote.
-  std::vector<FileOp> record_session() {
-    const std::string journal = root_ + "/sim/files.journal";
-    ::setenv("MARLO_FILE_JOURNAL", journal.c_str(), 1);
-    sim::DeviceOptions options = noflash_options();
-    options.restart_offline_ms = 20;
-    start_device(options);
-    start_daemon();
-    ::unsetenv("MARLO_FILE_JOURNAL");
-    EXPECT_TRUE(wait_for([&] { return device_->rma().status().runs_completed >= 1; }));
-    device_->restart();
-    EXPECT_TRUE(wait_for([&] { return device_->rma().status().runs_completed >= 2; }));
-    EXPECT_TRUE(device_->rma().status().problems.empty());
-    stop_daemon();
-    // DATA_WRITE_RESP (513) with result 0: header (CRC, length, command),
-    // then request word, client value, memory id, block size, result.
-    auto write_done = [](const std::string& node, const sim::Bytes& packet) {
-      return node == "/dev/glink_pkt_marlo_rma" && packet.size() == 32 && sim::get_u32(packet, 8) == 513 &&
-             sim::get_u32(packet, 28) == 0;
-    };
-    return read_journal(journal, "/data/vendor/aon/", write_done);
-  }
-
   // The partition a backing file name belongs to, or -1.
   static int partition_of(const std::string& name) {
     const std::vector<sim::RmaPartition> partitions = sim::RmaConfig{}.partitions;
@@ -133,13 +103,35 @@ class BackingFileSweep : public E2e {
 constexpr size_t kTearBlock = 512;
 
 TEST_F(BackingFileSweep, EveryPowerLossStateKeepsDurableBlocksAndNoHalfMadeFile) {
-  const std::vector<FileOp> ops = record_session();
+  // One RMA session with its file operations recorded: the co-processor's
+  // workload runs twice (a restart in between), so the second run
+  // overwrites every block the first one wrote.
+  const std::string journal = root_ + "/sim/files.journal";
+  ::setenv("MARLO_FILE_JOURNAL", journal.c_str(), 1);
+  sim::DeviceOptions options = noflash_options();
+  options.restart_offline_ms = 20;
+  start_device(options);
+  start_daemon();
+  ::unsetenv("MARLO_FILE_JOURNAL");
+  EXPECT_TRUE(wait_for([&] { return device_->rma().status().runs_completed >= 1; }));
+  device_->restart();
+  EXPECT_TRUE(wait_for([&] { return device_->rma().status().runs_completed >= 2; }));
+  EXPECT_TRUE(device_->rma().status().problems.empty());
+  stop_daemon();
+  // DATA_WRITE_RESP (513) with result 0: header (CRC, length, command),
+  // then request word, client value, memory id, block size, result.
+  auto write_done = [](const std::string& node, const sim::Bytes& packet) {
+    return node == "/dev/glink_pkt_marlo_rma" && packet.size() == 32 && sim::get_u32(packet, 8) == 513 &&
+           sim::get_u32(packet, 28) == 0;
+  };
+  const std::vector<FileOp> ops = read_journal(journal, "/data/vendor/aon/", write_done);
   ASSERT_GT(ops.size(), 20u) << "the journal holds too few operations";
   size_t generated = 0;
   std::vector<CrashState> states = crash_states(ops, kTearBlock, &generated);
   std::set<size_t> picked{0, states.size() - 1};  // with a handful between, unless every state is swept
   for (size_t k = 1; k < 6; ++k) picked.insert(k * states.size() / 6);
-  for (size_t i = 0; full_sweep() && i < states.size(); ++i) picked.insert(i);
+  const char* sweep = std::getenv("MARLO_SWEEP");
+  for (size_t i = 0; sweep != nullptr && std::string(sweep) == "all" && i < states.size(); ++i) picked.insert(i);
   for (size_t i : picked) {
     for (const std::string& problem : check(states[i])) {
       ADD_FAILURE() << "cut after " << states[i].cut << " of " << ops.size() << " operations (" << states[i].how

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -27,13 +28,11 @@ double cpu_seconds(pid_t pid) {
   const size_t end_of_name = text.rfind(')');
   if (end_of_name == std::string::npos) return 0;
   std::istringstream fields(text.substr(end_of_name + 2));
-  std::string field;
-  unsigned long long utime = 0, stime = 0;
   // Fields from the state (3rd) on: utime and stime are the 14th and 15th.
-  for (int number = 3; number <= 15 && fields >> field; ++number) {
-    if (number == 14) utime = std::strtoull(field.c_str(), nullptr, 10);
-    if (number == 15) stime = std::strtoull(field.c_str(), nullptr, 10);
-  }
+  std::string skipped;
+  for (int number = 3; number < 14; ++number) fields >> skipped;
+  unsigned long long utime = 0, stime = 0;
+  fields >> utime >> stime;
   return static_cast<double>(utime + stime) / static_cast<double>(::sysconf(_SC_CLK_TCK));
 }
 
@@ -141,12 +140,12 @@ DaemonRig::Activity DaemonRig::activity_over(std::chrono::milliseconds window) c
   const pid_t pid = daemon_->pid();
   const double cpu_before = cpu_seconds(pid);
   Activity activity;
-  activity.log_from = file_size(log_file_);
+  const long log_from = file_size(log_file_);
   const auto start = std::chrono::steady_clock::now();
   std::this_thread::sleep_for(window);
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   activity.core_share = (cpu_seconds(pid) - cpu_before) / seconds;
-  activity.log_bytes_per_second = static_cast<double>(file_size(log_file_) - activity.log_from) / seconds;
+  activity.log_bytes_per_second = static_cast<double>(file_size(log_file_) - log_from) / seconds;
   return activity;
 }
 
@@ -158,9 +157,7 @@ void E2e::start_device(sim::DeviceOptions options) {
   if (options.capture_file.empty() && capture_dir != nullptr && *capture_dir != '\0') {
     const ::testing::TestInfo* test = ::testing::UnitTest::GetInstance()->current_test_info();
     std::string name = std::string(test->test_suite_name()) + "." + test->name();
-    for (char& c : name) {
-      if (c == '/') c = '_';  // parameterised tests
-    }
+    std::replace(name.begin(), name.end(), '/', '_');  // parameterised tests
     if (devices_ > 1) name += "-" + std::to_string(devices_);
     options.capture_file = std::string(capture_dir) + "/" + name + ".pcapng";
   }

@@ -63,7 +63,6 @@ class DaemonRig {
   struct Activity {
     double core_share = 0;
     double log_bytes_per_second = 0;
-    long log_from = 0;  // the log's size when the window opened
   };
   Activity activity_over(std::chrono::milliseconds window) const;
 
@@ -82,7 +81,7 @@ class DaemonRig {
 };
 
 class E2e : public ::testing::Test, public DaemonRig {
- protected:
+ public:
   void TearDown() override;
 
   // With MARLO_CAPTURE_DIR set (and no capture_file in `options`), the

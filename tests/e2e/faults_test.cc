@@ -1,7 +1,7 @@
 // Faults from outside the daemon, each checked for what must not be lost: a
-// control device busy for good, a failed FLASH boot, a broken image set, a
-// data directory that cannot take a partition. Co-processor
-// behaviour of every kind is the generated co-processor's (tests/property).
+// failed FLASH boot, a broken image set, a data directory that cannot take a
+// partition. Co-processor behaviour of every kind is the generated
+// co-processor's (tests/property).
 #include <sys/stat.h>
 
 #include <cstdlib>
@@ -71,26 +71,6 @@ TEST_F(FaultScenarios, FullDataDirectoryAnswersWritesWithFailureAndRecovers) {
   EXPECT_EQ(device_->rma().verify_backing_files(), "");
 }
 
-TEST_F(FaultScenarios, ControlDeviceThatStaysBusyLeavesTheDaemonServingResets) {
-  set_property("persist.vendor.zt_aon.dfu_update", "1");
-  sim::DeviceOptions options;
-  options.flash = sim::FlashContents::Shipped;
-  options.running_at_start = true;
-  start_device(options);
-  device_->busy_control_opens(1000000);
-  start_daemon();
-  ASSERT_TRUE(wait_for([&] { return log_count("Failed to open marlocom_dev after multiple attempts") >= 1; }));
-  EXPECT_TRUE(device_->driver().requests().empty()) << "no request can have reached the driver";
-  EXPECT_TRUE(daemon_->alive());
-
-  // Once the device is free again, a reset request is served.
-  device_->driver().node().fail_opens(0, 0);
-  set_property("vendor.marlo_reset", "1");
-  ASSERT_TRUE(wait_for([&] { return property("vendor.marlo_reset") == "0"; }));
-  EXPECT_GE(request_index("RESET", -1), 0);
-  EXPECT_TRUE(daemon_->alive());
-}
-
 // An image set the daemon cannot use starts no download and keeps the
 // working firmware in flash.
 TEST_F(FaultScenarios, BrokenImageSetStartsNoDownloadAndKeepsTheWorkingFirmware) {
@@ -111,6 +91,10 @@ TEST_F(FaultScenarios, BrokenImageSetStartsNoDownloadAndKeepsTheWorkingFirmware)
     start_daemon();
     ASSERT_TRUE(wait_for([&] { return log_count("AON Flash bin file is empty or not present") >= 1; }));
     EXPECT_GE(log_count(broken.also_logged), 1);
+    EXPECT_TRUE(wait_for([&] {
+      return sim::read_text(root_ + "/data/vendor/marlod/updates.jsonl")
+                 .find(R"("outcome":"failed: flash image empty or missing")") != std::string::npos;
+    }));
     std::optional<sim::FirmwareManifest> bootable = device_->flash().bootable_manifest();
     ASSERT_TRUE(bootable.has_value()) << "the working firmware in flash was lost";
     EXPECT_EQ(bootable->apps, sim::older_versions().apps);

@@ -5,6 +5,7 @@
 // any moment are the generated co-processor's (tests/property).
 #include <atomic>
 #include <filesystem>
+#include <functional>
 #include <memory>
 
 #include "e2e_fixture.h"
@@ -43,6 +44,25 @@ class Noflash : public E2e {
     EXPECT_EQ(device_->rma().verify_backing_files(), "");
     EXPECT_TRUE(device_->rma().status().problems.empty());
   }
+
+  // The boot push's second packet is held unanswered while `meanwhile` runs
+  // and until the daemon has seen a power-up; then one complete push and one
+  // RMA client. The hook runs on the channel's thread: copies only.
+  void hold_the_boot_push(std::function<void(const std::string& root)> meanwhile) {
+    start_device(noflash_options());
+    const std::string root = root_;
+    const std::string log = root_ + "/sim/marlod-1.log";
+    device_->misc().set_packet_hook([root, log, meanwhile](int packets) {
+      if (packets == 2) {
+        meanwhile(root);
+        EXPECT_TRUE(test::wait_until([&] { return sim::log_contains(log, "on_aon_up: called"); }, 15s));
+      }
+      return true;
+    });
+    start_daemon();
+    expect_one_complete_push_and_one_rma_client(1);
+    EXPECT_EQ(log_count("starting rma connection"), 1);
+  }
 };
 
 TEST_F(Noflash, BootPushesMiscDataOnceAndServesRma) {
@@ -56,21 +76,7 @@ TEST_F(Noflash, BootPushesMiscDataOnceAndServesRma) {
 }
 
 TEST_F(Noflash, PowerUpDuringTheBootPushRestartsItAndStartsOneRmaClient) {
-  start_device(noflash_options());
-  // The boot push's second packet is held unanswered until the daemon has
-  // seen a power-up. The hook runs on the channel's thread: copies only.
-  const std::string root = root_;
-  const std::string log = root_ + "/sim/marlod-1.log";
-  device_->misc().set_packet_hook([root, log](int packets) {
-    if (packets == 2) {
-      EXPECT_TRUE(send_when_listening(root, sim::kEventPowerUp));
-      EXPECT_TRUE(test::wait_until([&] { return sim::log_contains(log, "on_aon_up: called"); }, 15s));
-    }
-    return true;
-  });
-  start_daemon();
-  expect_one_complete_push_and_one_rma_client(1);
-  EXPECT_EQ(log_count("starting rma connection"), 1);
+  hold_the_boot_push([](const std::string& root) { EXPECT_TRUE(send_when_listening(root, sim::kEventPowerUp)); });
   EXPECT_EQ(property("vendor.zt_aon.misc_update"), "0") << "a push whose finish returned bytes reports no success";
 }
 
@@ -79,23 +85,14 @@ TEST_F(Noflash, PowerUpDuringTheBootPushRestartsItAndStartsOneRmaClient) {
 // as on a power-down, and the power-up that follows the reset brings one
 // complete push and one RMA client.
 TEST_F(Noflash, ResetDuringTheBootPushEndsItAsARestartDoes) {
-  start_device(noflash_options());
-  const std::string root = root_;
-  const std::string log = root_ + "/sim/marlod-1.log";
-  device_->misc().set_packet_hook([root, log](int packets) {
-    if (packets != 2) return true;
+  hold_the_boot_push([](const std::string& root) {
     sim::set_property(root, "vendor.marlo_reset", "1");
     EXPECT_TRUE(test::wait_until([&] { return sim::get_property(root, "vendor.marlo_reset", "") == "0"; }, 15s));
-    EXPECT_TRUE(test::wait_until([&] { return sim::log_contains(log, "on_aon_up: called"); }, 15s));
-    return true;
   });
-  start_daemon();
-  expect_one_complete_push_and_one_rma_client(1);
   const int reset = request_index("RESET", -1);
   ASSERT_GE(reset, 0);
   EXPECT_EQ(request_index("RESET", -1, static_cast<size_t>(reset) + 1), -1) << "one RESET for one request";
   EXPECT_EQ(log_count("push abandoned, no rma connection for it"), 1);
-  EXPECT_EQ(log_count("starting rma connection"), 1);
   EXPECT_EQ(property("vendor.marlo.boot_complete"), "1");
 }
 

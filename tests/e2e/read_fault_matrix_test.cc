@@ -47,7 +47,6 @@ enum class Reader { ControlAnswer, DfuReader, RmaReader, MiscAnswer };
 struct Row {
   Reader reader;
   const char* id;  // the test's name
-  const char* name;
   // The packet of the co-processor (sent, or for a read error received)
   // that the fault breaks, counted from the arming.
   int packet;
@@ -59,36 +58,30 @@ struct Row {
 constexpr Row kRows[] = {
     // Armed once the co-processor is in service; the reset property makes
     // the daemon issue the request whose answer breaks.
-    {Reader::ControlAnswer, "ControlAnswer", "control-device answer (reset request)", 1, false},
+    {Reader::ControlAnswer, "ControlAnswer", 1, false},
     // The seventh packet the co-processor sends is in the first image's
     // fragment requests.
-    {Reader::DfuReader, "DfuReader", "DFU channel reader (download)", 7, true},
+    {Reader::DfuReader, "DfuReader", 7, true},
     // The fourth request of the RMA workload: in its first partition's writes.
-    {Reader::RmaReader, "RmaReader", "RMA channel reader", 4, true},
+    {Reader::RmaReader, "RmaReader", 4, true},
     // The answers to the push's start packet and, the sample set's
     // seventeenth, to its finish packet.
-    {Reader::MiscAnswer, "MiscStartAnswer", "misc-data answer read (push start)", 1, false},
-    {Reader::MiscAnswer, "MiscFinishAnswer", "misc-data answer read (push finish)", 17, false},
+    {Reader::MiscAnswer, "MiscStartAnswer", 1, false},
+    {Reader::MiscAnswer, "MiscFinishAnswer", 17, false},
 };
 
-void PrintTo(const Row& row, std::ostream* out) { *out << row.name; }
+void PrintTo(const Row& row, std::ostream* out) { *out << row.id; }
 
 // One cell: a device and a daemon, a fault, the measurements.
 class FaultCell : public DaemonRig {
  public:
   FaultCell(const Row& row, ReadFault fault) : DaemonRig(kTimeScale), fault_(fault), row_(row) {}
 
-  // Runs the cell; a failed cell keeps its root.
-  void run() {
-    steps();
-    keep_root_ = !problems_.empty();
-  }
-
   const ReadFault fault_;
   std::vector<std::string> problems_;  // what went wrong, as text
 
- private:
-  void steps() {
+  // Runs the cell; a failed cell keeps its root (see the test).
+  void run() {
     sim::DeviceOptions options = noflash_options();
     if (row_.reader == Reader::DfuReader) {
       options = {};  // older firmware in flash: a download
@@ -103,7 +96,23 @@ class FaultCell : public DaemonRig {
       set_property("vendor.marlo_reset", "1");
     }
     if (!wait([&] { return struck_.load(); }, 60s, "the fault struck")) return;
-    if (fault_ != ReadFault::Silence || !row_.silence_is_idle) reaction();
+    // The daemon's reaction, seen in its log after the fault (the failed
+    // reset for the control device, an error entry elsewhere) with every
+    // wakelock reference back.
+    if (fault_ != ReadFault::Silence || !row_.silence_is_idle) {
+      const std::string marker = row_.reader == Reader::ControlAnswer ? "Marlo reset failed" : "\"prio\": 6,";
+      wait(
+          [&] {
+            std::ifstream in(log_file_);
+            in.seekg(struck_log_size_.load());
+            std::string entry;
+            while (std::getline(in, entry)) {
+              if (entry.find(marker) != std::string::npos) return wakelock_takes() == wakelock_releases();
+            }
+            return false;
+          },
+          kReactionBound, "a reaction (an error logged and every wakelock reference back)");
+    }
     if (row_.reader == Reader::MiscAnswer) {
       // The daemon serves RMA once the push has ended, failed or not: that
       // workload is service, not waiting, and is left out of the window.
@@ -119,6 +128,7 @@ class FaultCell : public DaemonRig {
     recover();
   }
 
+ private:
   void arm() {
     sim::ChannelServer* channels[] = {&device_->driver(), &device_->dfu(), &device_->rma(), &device_->misc()};
     // The log of the daemon the fault strikes (the running one, else the
@@ -147,24 +157,6 @@ class FaultCell : public DaemonRig {
     };
   }
 
-  // The daemon's reaction, seen in its log after the fault (the failed reset
-  // for the control device, an error entry elsewhere) with every wakelock
-  // reference back.
-  void reaction() {
-    const std::string marker = row_.reader == Reader::ControlAnswer ? "Marlo reset failed" : "\"prio\": 6,";
-    wait(
-        [&] {
-          std::ifstream in(log_file_);
-          in.seekg(struck_log_size_.load());
-          std::string entry;
-          while (std::getline(in, entry)) {
-            if (entry.find(marker) != std::string::npos) return wakelock_takes() == wakelock_releases();
-          }
-          return false;
-        },
-        kReactionBound, "a reaction (an error logged and every wakelock reference back)");
-  }
-
   // The next power-up (a restart of the co-processor) brings it back into
   // service: the download completed with an exact flash, or the push and
   // the RMA workload completed again.
@@ -189,12 +181,15 @@ TEST_P(ReadFaultMatrix, EveryFaultIsBoundedQuietAndRecoveredAtThePowerUp) {
   std::vector<std::thread> threads;
   for (ReadFault fault : kFaults) {
     cells.push_back(std::make_unique<FaultCell>(row, fault));
-    threads.emplace_back([&cell = *cells.back()] { cell.run(); });
+    threads.emplace_back([&cell = *cells.back()] {
+      cell.run();
+      cell.keep_root_ = !cell.problems_.empty();
+    });
   }
   for (std::thread& thread : threads) thread.join();
   for (const auto& cell : cells) {
     for (const std::string& problem : cell->problems_) {
-      ADD_FAILURE() << row.name << " / " << sim::read_fault_name(cell->fault_) << ": " << problem << " (root "
+      ADD_FAILURE() << row.id << " / " << sim::read_fault_name(cell->fault_) << ": " << problem << " (root "
                     << cell->root_ << ")";
     }
   }

@@ -3,7 +3,6 @@
 // power loss during any of its rewrites leaves the old file or the new one,
 // never a part of either.
 #include <cstdlib>
-#include <filesystem>
 #include <functional>
 #include <sstream>
 
@@ -26,23 +25,18 @@ struct Story {
   std::function<void(UpdateHistory&)> run;
   std::vector<std::vector<std::string>> records;
 };
+
 void PrintTo(const Story& story, std::ostream* out) { *out << story.name; }
 
 class UpdateHistory : public E2e, public ::testing::WithParamInterface<Story> {
  public:
-  using E2e::start_daemon;
-  using E2e::start_device;
-  using E2e::stop_daemon;
-  using E2e::wait_for;
-
-  std::vector<std::string> records() const { return records_in(sim::read_text(root_ + kHistory)); }
   static std::vector<std::string> records_in(const std::string& text) {
     std::vector<std::string> lines;
     std::istringstream in(text);
     for (std::string line; std::getline(in, line);) lines.push_back(line);
     return lines;
   }
-  void update_from_flash(int restart_offline_ms = 300, int write_delay_ms = 0) {
+  void update_from_flash(int restart_offline_ms, int write_delay_ms = 0) {
     set_property("persist.vendor.zt_aon.dfu_update", "1");
     sim::DeviceOptions options;
     options.dfu.fragment_size = 2048;
@@ -65,17 +59,10 @@ TEST_P(UpdateHistory, TellsEachAttemptsStory) {
     lines = records_in(text);
     return summarised && lines.size() == expected.size() && text.find("running") == npos;
   })) << sim::read_text(root_ + kHistory);
-  uint64_t shipped_bytes = 0;
-  for (const auto& image : shipped_.images) shipped_bytes += image.second.size();
   for (size_t i = 0; i < expected.size(); ++i) {
     for (const std::string& text : expected[i]) {
       const bool absent = text[0] == '!';
       EXPECT_EQ(lines[i].find(text.substr(absent ? 1 : 0)) == npos, absent) << text << " in " << lines[i];
-    }
-    // A download done served every shipped image whole.
-    if (lines[i].find(R"("kind":"dfu")") != npos && lines[i].find(R"("outcome":"done")") != npos) {
-      EXPECT_NE(lines[i].find("\"images\":" + std::to_string(shipped_.images.size()) + ","), npos);
-      EXPECT_GE(std::stoull(lines[i].substr(lines[i].find("\"bytes\":") + 8)), shipped_bytes);
     }
   }
   EXPECT_EQ(log_count("update record: "), summaries);
@@ -86,53 +73,32 @@ const std::string kShipped = R"("shipped":{"apps":")" + sim::shipped_versions().
 
 INSTANTIATE_TEST_SUITE_P(
     Scenarios, UpdateHistory,
-    ::testing::Values(
-        Story{"ResumedDownload",
-              [](UpdateHistory& t) {
-                t.update_from_flash();
-                t.device_->drop_dfu_after(7);
-                t.start_daemon();
-              },
-              {{R"("kind":"dfu","boot_mode":"FLASH","decision":"download","why":"versions differ")", kOlderReported,
-                kShipped, R"("outcome":"done")", R"("resumptions":1,"restarts":0,"hang_ups":1,"capture":null})"}}},
-        Story{"RestartDuringDownload",
-              [](UpdateHistory& t) {
-                t.update_from_flash(20);
-                t.device_->at_packet(10, [&t] { return t.device_->restart_on_packet(); });
-                t.start_daemon();
-              },
-              {{R"("decision":"download")", R"("outcome":"done")", R"("restarts":1,)", "!\"hang_ups\":0"}}},
-        Story{"FailedDownload",
-              [](UpdateHistory& t) {
-                t.update_from_flash();
-                std::filesystem::resize_file(t.root_ + "/vendor/firmware_mnt/image/flash.bin", 0);
-                t.start_daemon();
-              },
-              {{R"("decision":"download")", R"("outcome":"failed: flash image empty or missing")"}}},
-        Story{"DaemonStoppedMidDownloadThenResumed",
-              [](UpdateHistory& t) {
-                t.update_from_flash(300, 10);
-                t.start_daemon();
-                // Stopped once a checkpoint has written the download's progress.
-                ASSERT_TRUE(t.wait_for([&] {
-                  const std::vector<std::string> lines = t.records();
-                  return !lines.empty() && lines[0].find(R"("fragments":0,)") == npos;
-                }));
-                t.stop_daemon();
-                t.device_->power_cycle();
-                t.start_daemon();
-              },
-              {{R"("decision":"download")", kOlderReported, R"("outcome":"abandoned: daemon stopped")",
-                "!\"fragments\":0,"},
-               {R"("decision":"resume","why":"persist.vendor.zt_aon.dfu_update is 0:)", R"("reported":null)", kShipped,
-                R"("outcome":"done")"}}},
-        Story{"FlashlessPush",
-              [](UpdateHistory& t) {
-                t.start_device(noflash_options());
-                t.start_daemon();
-              },
-              {{R"("kind":"misc-data","boot_mode":"HOST","decision":"push")",
-                R"("outcome":"done","images":2,"bytes":11234,)", R"("resumptions":0,)"}}}),
+    ::testing::Values(Story{"RestartDuringDownload",
+                            [](UpdateHistory& t) {
+                              t.update_from_flash(20);
+                              t.device_->at_packet(10, [&t] { return t.device_->restart_on_packet(); });
+                              t.start_daemon();
+                            },
+                            {{R"("kind":"dfu","boot_mode":"FLASH","decision":"download","why":"versions differ")",
+                              kOlderReported, kShipped, R"("outcome":"done")", R"("resumptions":1,"restarts":1,)",
+                              "!\"hang_ups\":0", R"("capture":null})"}}},
+                      Story{"DaemonStoppedMidDownloadThenResumed",
+                            [](UpdateHistory& t) {
+                              t.update_from_flash(300, 10);
+                              t.start_daemon();
+                              // Stopped once a checkpoint has written the download's progress.
+                              ASSERT_TRUE(t.wait_for([&] {
+                                const std::vector<std::string> lines = t.records_in(sim::read_text(t.root_ + kHistory));
+                                return !lines.empty() && lines[0].find(R"("fragments":0,)") == npos;
+                              }));
+                              t.stop_daemon();
+                              t.device_->power_cycle();
+                              t.start_daemon();
+                            },
+                            {{R"("decision":"download")", kOlderReported, R"("outcome":"abandoned: daemon stopped")",
+                              "!\"fragments\":0,"},
+                             {R"("decision":"resume","why":"persist.vendor.zt_aon.dfu_update is 0:)",
+                              R"("reported":null)", kShipped, R"("outcome":"done")"}}}),
     [](const ::testing::TestParamInfo<Story>& info) { return info.param.name; });
 
 // Every disk state a power loss can leave during the rewrites of a download's

@@ -189,23 +189,6 @@ std::string DeviceUnderTest::apply(const Step& step) {
   return check_running();
 }
 
-std::string DeviceUnderTest::check_wakelock() const {
-  // The kernel keeps one lock by name: a take while it is held and a release
-  // while it is not change nothing. Within one daemon's life the takes and
-  // releases alternate; a killed daemon's lock is released by the next
-  // daemon's first release.
-  const size_t takes = wakelock_takes();
-  const size_t releases = wakelock_releases();
-  const bool released_since = releases > releases_at_relaunch_;
-  const size_t own_takes = released_since ? takes - takes_at_relaunch_ : takes;
-  const size_t own_releases = released_since ? releases - releases_at_relaunch_ : releases;
-  if (own_takes > own_releases) {
-    return "the kernel wakelock is held at quiescence (" + std::to_string(takes) + " takes, " +
-           std::to_string(releases) + " releases)";
-  }
-  return "";
-}
-
 std::string DeviceUnderTest::check_running() const {
   int status = 0;
   if (!daemon_->alive(&status)) {
@@ -252,26 +235,34 @@ ProcessShape DeviceUnderTest::shape() const {
   return ProcessShape{count_entries(proc + "/fd"), count_entries(proc + "/task")};
 }
 
-std::string DeviceUnderTest::check_quiet_window() const {
+std::string DeviceUnderTest::quiesce(const ProcessShape* baseline) {
+  if (std::string broken = check_running(); !broken.empty()) return broken;
+  test::wait_until([&] { return work_left().empty(); }, settle_bound());
   // The log's writer thread lands what the last work logged a few
   // milliseconds late: that is not the quiet daemon's.
   std::this_thread::sleep_for(kLogLanding);
   const Activity window = activity_over(kQuietWindow);
+  std::string noisy;
   if (window.core_share >= kMaxCoreShare || window.log_bytes_per_second >= kMaxLogBytesPerSecond) {
-    return "a quiet daemon uses " + std::to_string(static_cast<int>(window.core_share * 100)) +
-           "% of a core and logs " + std::to_string(static_cast<long>(window.log_bytes_per_second / 1024)) +
-           " KiB a second";
+    noisy = "a quiet daemon uses " + std::to_string(static_cast<int>(window.core_share * 100)) +
+            "% of a core and logs " + std::to_string(static_cast<long>(window.log_bytes_per_second / 1024)) +
+            " KiB a second";
   }
-  return "";
-}
-
-std::string DeviceUnderTest::quiesce(const ProcessShape* baseline) {
-  if (std::string broken = check_running(); !broken.empty()) return broken;
-  test::wait_until([&] { return work_left().empty(); }, settle_bound());
-  const std::string noisy = check_quiet_window();
   if (std::string left = work_left(); !left.empty()) return noisy.empty() ? left : left + "; " + noisy;
   if (!noisy.empty()) return noisy;
-  if (std::string held = check_wakelock(); !held.empty()) return held;
+  // The kernel keeps one lock by name: a take while it is held and a release
+  // while it is not change nothing. Within one daemon's life the takes and
+  // releases alternate; a killed daemon's lock is released by the next
+  // daemon's first release.
+  const size_t takes = wakelock_takes();
+  const size_t releases = wakelock_releases();
+  const bool released_since = releases > releases_at_relaunch_;
+  const size_t own_takes = released_since ? takes - takes_at_relaunch_ : takes;
+  const size_t own_releases = released_since ? releases - releases_at_relaunch_ : releases;
+  if (own_takes > own_releases) {
+    return "the kernel wakelock is held at quiescence (" + std::to_string(takes) + " takes, " +
+           std::to_string(releases) + " releases)";
+  }
   if (baseline != nullptr) {
     const ProcessShape now = shape();
     // Growth is a leak; one fewer is what a restart at the right moment of

@@ -46,12 +46,10 @@ class DeviceUnderTest : public e2e::DaemonRig {
  private:
   std::string check_running() const;
   std::string work_left() const;
-  std::string check_quiet_window() const;
   // The daemon's boot has had its version query answered.
   bool version_answered() const;
   void note_restart();
   void note_power_up();
-  std::string check_wakelock() const;
 
   Script script_;
   // RMA workload runs the co-processor had started before it last went

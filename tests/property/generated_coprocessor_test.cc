@@ -249,9 +249,8 @@ std::vector<std::string> regression_scripts() {
 INSTANTIATE_TEST_SUITE_P(Found, GeneratedCoprocessorRegression, ::testing::ValuesIn(regression_scripts()),
                          [](const ::testing::TestParamInfo<std::string>& info) {
                            std::string name = std::filesystem::path(info.param).stem().string();
-                           for (char& c : name) {
-                             if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
-                           }
+                           std::replace_if(
+                               name.begin(), name.end(), [](unsigned char c) { return !std::isalnum(c); }, '_');
                            return name;
                          });
 GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(GeneratedCoprocessorRegression);

@@ -21,15 +21,4 @@ int LogCapture::count(const std::string& text) const {
   return n;
 }
 
-bool LogCapture::find(const std::string& text, LogEntry* entry) const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  for (const auto& e : entries_) {
-    if (e.msg.find(text) != std::string::npos) {
-      *entry = e;
-      return true;
-    }
-  }
-  return false;
-}
-
 }  // namespace marlo::test

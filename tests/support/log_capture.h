@@ -24,8 +24,6 @@ class LogCapture {
   // Number of entries whose message contains `text`.
   int count(const std::string& text) const;
   bool contains(const std::string& text) const { return count(text) > 0; }
-  // The first entry whose message contains `text`; null when there is none.
-  bool find(const std::string& text, LogEntry* entry) const;
 
  private:
   // Called by the backend's log for each entry while the object lives.
