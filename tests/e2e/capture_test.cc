@@ -28,6 +28,7 @@ struct Case {
   const char* level;  // the property's value; "" unset
   bool unwritable;    // a file stands where the directory goes
 };
+void PrintTo(const Case& c, std::ostream* out) { *out << c.name; }
 
 // Messages of one interface in one direction, in order.
 using Streams = std::map<std::pair<uint32_t, uint32_t>, std::vector<const sim::CapturedPacket*>>;
