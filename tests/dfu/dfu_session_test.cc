@@ -227,11 +227,6 @@ TEST_F(DfuSessionTest, DroppedChannelResumesFromReportedStateUntilSessionEnds) {
   start();
   restart_channel();
   EXPECT_EQ(receive(13), words({1, 0, 0}));
-  send(14, {1, 0, 0, OFFSET_REQ, 3, 1024, 512});
-  Bytes answer = receive(6, 540);
-  EXPECT_EQ(Bytes(answer.begin() + 12, answer.end()), boot_bytes(1024, 1536));
-  EXPECT_TRUE(cb.wait_for("Current Marlo DFU state = OFFSET_REQ  Image ID: 3 offset: 1024 fragment_len: 512",
-                          Status::STATUS_INFO));
 
   // A resume whose query cannot be sent raises an I/O error inside the
   // resume: it is not resumed again from there.
@@ -313,19 +308,6 @@ TEST_F(DfuSessionTest, AnswerInProgressWhileTheUpdaterIsDestroyedStillGoesOut) {
   EXPECT_TRUE(holding.stopping_seen);
   EXPECT_EQ(receive(4), words({3, 10000, 0}));
   EXPECT_FALSE(holding.log.contains("glinkInterface != nullptr"));
-}
-
-TEST(DfuWithoutChannel, EraseDoesNothingAndABareStateAnswerIsHandedOver) {
-  TestRoot root;
-  RecordingCallback cb;
-  marlo_fw_updater updater;
-  updater.startMarloDownloaderWithCallback(&cb);      // nothing listens on the channel: the session ends
-  updater.eraseAllRAWPartitionAndContinueDownload();  // no transport: nothing happens
-  EXPECT_EQ(cb.count("MarloDownloader END", Status::STATUS_ENDED), 1);
-  Bytes state7 = dfu_message(14, words({1, 0, 0, 7, 0, 0, 0}));
-  updater.conn_res_event_cb(state7.data(), static_cast<uint32_t>(state7.size()));
-  EXPECT_EQ(cb.count("Current Marlo DFU state =  ", Status::STATUS_INFO), 1);
-  EXPECT_EQ(cb.count("<state 7>", Status::STATUS_INFO), 1);
 }
 
 TEST(DfuMessageDeathTest, MessageLongerThanTheReceiveBufferAborts) {

@@ -1,7 +1,6 @@
 // The replay checks what marlod sends: a recording with one byte of a
-// daemon message changed fails, naming the byte, and a recording that lost
-// messages is refused where it lost them. (The golden captures replay as
-// they are in the replay_golden_* tests.)
+// daemon message changed fails, naming the byte. (The golden captures
+// replay as they are in the replay_golden_* tests.)
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -16,11 +15,10 @@
 namespace marlo::sim {
 namespace {
 
-std::string replay(const std::string& capture, int* status, const std::string& images, bool prefix = false) {
+std::string replay(const std::string& capture, int* status, const std::string& images) {
   ReplayOptions options;
   options.capture = capture;
   options.images = images;
-  options.prefix = prefix;
   options.marlod = std::string(MARLO_MARLOD);
   options.silence_timeout_ms = 3000;
   char* text = nullptr;
@@ -60,30 +58,6 @@ TEST(Replay, DeviceHeadersCaptureReplaysWithItsImages) {
   report = replay(path, &status, images);
   EXPECT_EQ(status, 1);
   EXPECT_NE(report.find("byte 12"), std::string::npos) << report;
-}
-
-// A capture that lost messages is refused at the first lost one, by frame;
-// --prefix replays what came before it.
-TEST(Replay, CaptureThatLostMessagesIsRefusedWhereItLostThem) {
-  marlo::test::TestRoot root;
-  CaptureFile capture;
-  std::string error;
-  ASSERT_TRUE(read_capture(std::string(MARLO_GOLDEN_DIR) + "/noflash_rma.pcapng", &capture, &error)) << error;
-  const size_t at = capture.packets.size() / 2;
-  CapturedPacket dropped = capture.packets[at];
-  dropped.data.clear();
-  dropped.original_length = 0;
-  dropped.comment = "dropped 3 messages";
-  capture.packets.insert(capture.packets.begin() + static_cast<long>(at), dropped);
-  const std::string path = root.path() + "/lost.pcapng";
-  ASSERT_TRUE(write_capture(capture, path, &error)) << error;
-
-  int status = -1;
-  std::string report = replay(path, &status, "");
-  EXPECT_EQ(status, 2);
-  EXPECT_NE(report.find("not replayable from frame " + std::to_string(at + 1) + " at "), std::string::npos) << report;
-  report = replay(path, &status, "", true);
-  EXPECT_EQ(status, 0) << report;
 }
 
 }  // namespace
