@@ -1,6 +1,7 @@
 // The replay checks what marlod sends: a recording with one byte of a
-// daemon message changed fails, naming the byte. (The golden captures
-// replay as they are in the replay_golden_* tests.)
+// daemon message changed fails, naming the byte, and a recording that lost
+// messages is refused where it lost them. (The golden captures replay as
+// they are in the replay_golden_* tests.)
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -15,10 +16,11 @@
 namespace marlo::sim {
 namespace {
 
-std::string replay(const std::string& capture, int* status, const std::string& images) {
+std::string replay(const std::string& capture, int* status, const std::string& images, bool prefix = false) {
   ReplayOptions options;
   options.capture = capture;
   options.images = images;
+  options.prefix = prefix;
   options.marlod = std::string(MARLO_MARLOD);
   options.silence_timeout_ms = 3000;
   char* text = nullptr;
@@ -33,8 +35,9 @@ std::string replay(const std::string& capture, int* status, const std::string& i
 
 // A capture made on a device (no setup, data cut at the "headers" level)
 // replays against the device's firmware directories: the bytes kept of a cut
-// message are still compared.
-TEST(Replay, DeviceHeadersCaptureReplaysWithItsImages) {
+// message are still compared. A capture that lost messages is refused at the
+// first lost one, by frame; --prefix replays what came before it.
+TEST(Replay, DeviceCaptureIsComparedByteByByteAndALossIsRefusedWhereItHappened) {
   marlo::test::TestRoot root;
   VirtualDevice::build_sample_root(root.path() + "/device");
   const std::string images = root.path() + "/device/vendor", path = root.path() + "/device.pcapng";
@@ -58,6 +61,19 @@ TEST(Replay, DeviceHeadersCaptureReplaysWithItsImages) {
   report = replay(path, &status, images);
   EXPECT_EQ(status, 1);
   EXPECT_NE(report.find("byte 12"), std::string::npos) << report;
+
+  const size_t at = capture.packets.size() / 2;
+  CapturedPacket dropped = capture.packets[at];
+  dropped.data.clear();
+  dropped.original_length = 0;
+  dropped.comment = "dropped 3 messages";
+  capture.packets.insert(capture.packets.begin() + static_cast<long>(at), dropped);
+  ASSERT_TRUE(write_capture(capture, path, &error)) << error;
+  report = replay(path, &status, "");
+  EXPECT_EQ(status, 2);
+  EXPECT_NE(report.find("not replayable from frame " + std::to_string(at + 1) + " at "), std::string::npos) << report;
+  report = replay(path, &status, "", true);
+  EXPECT_EQ(status, 0) << report;
 }
 
 }  // namespace
