@@ -94,6 +94,12 @@ class DfuSessionTest : public ::testing::Test {
     EXPECT_EQ(le32_at(m, 12), zlib_crc(zeroed));
     return Bytes(m.begin() + 16, m.end());
   }
+  // The co-processor restarts: the channel drops and the transport reopens it.
+  void restart_channel() {
+    ::close(peer);
+    peer = node.accept_open(5000);
+    ASSERT_GE(peer, 0);
+  }
   bool silent() {
     uint8_t b[64];
     return marlo::sim::receive_packet(peer, b, sizeof(b), 100) < 0;
@@ -217,12 +223,15 @@ TEST_F(DfuSessionTest, EdgeRequestsAndShortMessagesAreAnsweredWithWhatTheyCanNam
   EXPECT_TRUE(silent());
 }
 
-TEST_F(DfuSessionTest, DroppedChannelIsResumedOnceWhenTheResumesOwnQueryFails) {
+TEST_F(DfuSessionTest, DroppedChannelResumesFromReportedStateUntilSessionEnds) {
   start();
-  ::close(peer);  // the co-processor restarts: the channel drops and the transport reopens it
-  peer = node.accept_open(5000);
-  ASSERT_GE(peer, 0);
+  restart_channel();
   EXPECT_EQ(receive(13), words({1, 0, 0}));
+  send(14, {1, 0, 0, OFFSET_REQ, 3, 1024, 512});
+  Bytes answer = receive(6, 540);
+  EXPECT_EQ(Bytes(answer.begin() + 12, answer.end()), boot_bytes(1024, 1536));
+  EXPECT_TRUE(cb.wait_for("Current Marlo DFU state = OFFSET_REQ  Image ID: 3 offset: 1024 fragment_len: 512",
+                          Status::STATUS_INFO));
 
   // A resume whose query cannot be sent raises an I/O error inside the
   // resume: it is not resumed again from there.
@@ -231,6 +240,12 @@ TEST_F(DfuSessionTest, DroppedChannelIsResumedOnceWhenTheResumesOwnQueryFails) {
   EXPECT_EQ(cb.count("### Getting Marlo DFU State. ###", Status::STATUS_STARTED), 2);
   for (int fd = 0; fd < 256; ++fd) platform::host::inject_fault(fd, platform::host::FaultOp::Write, EIO, 0);
   EXPECT_TRUE(silent());
+
+  restart_channel();
+  receive(13);
+  send(14, {1, 0, 0, SESSION_END_REQ, 0, 0, 0});
+  receive(12);
+  EXPECT_TRUE(cb.wait_for("### Marlo Firmware Update finished. ###", Status::STATUS_SUCCESS));
 }
 
 // The power-up arrives while the transport's last reopen attempt is still
