@@ -28,18 +28,12 @@ class VersionCheckTest : public ::testing::Test {
   marlo_fw_updater updater;
 };
 
-// `size` bytes: a key line, then filler lines without keys.
-std::string file_of(size_t size) {
-  std::string text = "\"apps_cochip\": \"PRIMARY\"\n";
-  while (text.size() < size) text += std::string(1023, 'x') + "\n";
-  text.resize(size);
-  return text;
-}
-
 TEST_F(VersionCheckTest, ReadsTheLastValueOfEachKeyFromThePrimaryOrElseTheFallback) {
   const std::string build(100 * 1024, 'B');
   const std::string quotes(100 * 1024, '"');
   const std::string none = "<none>";
+  std::string oversized = "\"apps_cochip\": \"PRIMARY\"\n";  // a key line, then filler to one byte above 1 MiB
+  oversized.resize((1 << 20) + 1, 'x');
   struct Case {
     std::string primary;  // file contents, or none
     std::string fallback;
@@ -64,9 +58,8 @@ TEST_F(VersionCheckTest, ReadsTheLastValueOfEachKeyFromThePrimaryOrElseTheFallba
       // Lines of any length give their whole value.
       {"\"apps_cochip\": \"" + build + "\",\n\"dsp_cochip\": \"" + quotes + "&\"\n", none, build, "", quotes, ""},
       // A primary file above one mebibyte counts as not opened.
-      {file_of((1 << 20) + 1), none, "", "", "",
-       std::string("version file ") + kPrimary + " of 1048577 bytes is above the limit"},
-      {file_of((1 << 20) + 1), "\"apps_cochip\": \"FALLBACK\"\n", "FALLBACK", "", "",
+      {oversized, none, "", "", "", std::string("version file ") + kPrimary + " of 1048577 bytes is above the limit"},
+      {oversized, "\"apps_cochip\": \"FALLBACK\"\n", "FALLBACK", "", "",
        std::string("aon build from ") + kFallback + ".\n"},
   };
   for (const Case& c : cases) {

@@ -1,10 +1,10 @@
 // A session capture names the connection of every record of a device node,
 // and records a connection closed before the next one of its node opens,
 // even when the device finds both at once.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 
-#include "host_side.h"
 #include "platform/os.h"
 #include "sim/capture/pcapng_reader.h"
 #include "sim/dfu_message.h"
@@ -23,19 +23,20 @@ TEST(CaptureStreams, ReconnectsAreRecordedInOrderWithTheirStreams) {
   options.capture_file = root.path() + "/sim/session.pcapng";
   {
     VirtualDevice device(root.path(), options);
-    for (int i = 0; i < 3; ++i) ASSERT_EQ(test::control(kReqBoot, kCmdGetBootMode).result, kBootModeFlash);
+    for (int i = 0; i < 3; ++i) ASSERT_EQ(platform::close(platform::open("/dev/marlo_com_dev", O_RDWR)), 0);
     // The DFU channel's thread holds its first packet until the host has
     // closed that connection and opened the next one.
     device.at_packet(1, [&device] {
       struct pollfd next = {device.dfu().node().listen_fd(), POLLIN, 0};
       return ::poll(&next, 1, 5000) == 1;
     });
-    int first = test::open_node("/dev/glink_pkt_marlo_dfu");
+    const int first = platform::open("/dev/glink_pkt_marlo_dfu", O_RDWR);
     ASSERT_GE(first, 0);
-    ASSERT_TRUE(test::write_packet(first, make_dfu_message(kMgUpdtReq, {0u, 0u, 0u})));
+    const Bytes request = make_dfu_message(kMgUpdtReq, {0u, 0u, 0u});
+    ASSERT_EQ(platform::write(first, request.data(), request.size()), static_cast<ssize_t>(request.size()));
     ASSERT_TRUE(marlo::test::wait_until([&] { return device.packets_received() == 1; }, std::chrono::seconds(5)));
     platform::close(first);
-    int second = test::open_node("/dev/glink_pkt_marlo_dfu");
+    const int second = platform::open("/dev/glink_pkt_marlo_dfu", O_RDWR);
     ASSERT_GE(second, 0);
     platform::close(second);
     // No open connection proves both closes were seen only once the second

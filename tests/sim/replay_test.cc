@@ -35,8 +35,9 @@ std::string replay(const std::string& capture, int* status, const std::string& i
 
 // A capture made on a device (no setup, data cut at the "headers" level)
 // replays against the device's firmware directories: the bytes kept of a cut
-// message are still compared.
-TEST(Replay, DeviceHeadersCaptureReplaysWithItsImages) {
+// message are still compared. A capture that lost messages is refused at the
+// first lost one, by frame; --prefix replays what came before it.
+TEST(Replay, DeviceCaptureIsComparedByteByByteAndALossIsRefusedWhereItHappened) {
   marlo::test::TestRoot root;
   VirtualDevice::build_sample_root(root.path() + "/device");
   const std::string images = root.path() + "/device/vendor", path = root.path() + "/device.pcapng";
@@ -60,26 +61,15 @@ TEST(Replay, DeviceHeadersCaptureReplaysWithItsImages) {
   report = replay(path, &status, images);
   EXPECT_EQ(status, 1);
   EXPECT_NE(report.find("byte 12"), std::string::npos) << report;
-}
 
-// A capture that lost messages is refused at the first lost one, by frame;
-// --prefix replays what came before it.
-TEST(Replay, CaptureThatLostMessagesIsRefusedWhereItLostThem) {
-  marlo::test::TestRoot root;
-  CaptureFile capture;
-  std::string error;
-  ASSERT_TRUE(read_capture(std::string(MARLO_GOLDEN_DIR) + "/noflash_rma.pcapng", &capture, &error)) << error;
   const size_t at = capture.packets.size() / 2;
   CapturedPacket dropped = capture.packets[at];
   dropped.data.clear();
   dropped.original_length = 0;
   dropped.comment = "dropped 3 messages";
   capture.packets.insert(capture.packets.begin() + static_cast<long>(at), dropped);
-  const std::string path = root.path() + "/lost.pcapng";
   ASSERT_TRUE(write_capture(capture, path, &error)) << error;
-
-  int status = -1;
-  std::string report = replay(path, &status, "");
+  report = replay(path, &status, "");
   EXPECT_EQ(status, 2);
   EXPECT_NE(report.find("not replayable from frame " + std::to_string(at + 1) + " at "), std::string::npos) << report;
   report = replay(path, &status, "", true);
