@@ -99,13 +99,4 @@ TEST_F(SSRHandlerTest, FloodOfBadMessagesIsLoggedTenTimesAndSummarised) {
   EXPECT_TRUE(log_.contains("Message length is not correct  ... repeated 15 times"));
 }
 
-// The handler owns its listener: destroying it ends the thread, which
-// closes its socket, and a uevent sent afterwards finds no receiver.
-TEST_F(SSRHandlerTest, DestroyingTheHandlerEndsItsListener) {
-  send(marlo::sim::marlo_uevent(4));
-  ASSERT_TRUE(wait_for_event(4));
-  handler_.reset();
-  EXPECT_FALSE(marlo::sim::send_uevent(root_.path(), marlo::sim::marlo_uevent(1)));
-}
-
 }  // namespace

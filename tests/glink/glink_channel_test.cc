@@ -1,7 +1,6 @@
 // The packet-channel transport against a virtual packet channel: opening,
 // framing, request and answer I/O, hang-ups and reopens. Every case ends with
-// the wakelock given back: no reference held, and as many releases written to
-// the kernel as acquisitions.
+// no wakelock reference held.
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -31,7 +30,6 @@
 #include "support/log_capture.h"
 #include "support/test_root.h"
 #include "support/wait_until.h"
-#include "support/wakelock_records.h"
 
 namespace marlo::test {
 namespace {
@@ -43,7 +41,6 @@ using namespace std::chrono_literals;
 
 class Glink : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() { kernel_root(); }
   void SetUp() override {
     marlo_deamon_log::set_level(marlo_deamon_log::LOG_LEVEL_VERBOSE);
     root_.mkdir("/dev");
@@ -54,27 +51,12 @@ class Glink : public ::testing::Test {
     wakelock_released();
   }
 
-  // The process-wide wakelock opens its kernel files on its first use and
-  // keeps them: they live in a root of their own for the whole program.
-  static const TestRoot& kernel_root() {
-    static const struct Kernel {
-      Kernel() {
-        root.write("/sys/power/wake_lock", "");
-        root.write("/sys/power/wake_unlock", "");
-        client_wakelock::get_instance();
-      }
-      TestRoot root;
-    } kernel;
-    return kernel.root;
-  }
-  // Expects every wakelock reference given back (a reader may still be
-  // finishing a delivery), and as many releases as acquisitions.
+  // Every wakelock reference given back (a reader may still be finishing a
+  // delivery).
   static void wakelock_released() {
     client_wakelock* wakelock = client_wakelock::get_instance();
     EXPECT_TRUE(wait_until([&] { return wakelock->references() == 0; }, 5s))
         << "a channel operation kept its wakelock reference";
-    EXPECT_EQ(wakelock_records(kernel_root().read("/sys/power/wake_unlock")),
-              wakelock_records(kernel_root().read("/sys/power/wake_lock")));
   }
 
   // A fresh transport on a fresh node of `channel`, connected.
@@ -316,29 +298,6 @@ TEST_F(Glink, RepeatedHangUpsAreReopenedAtABoundedRate) {
   EXPECT_TRUE(log_.contains("hung up again before any packet came, reopening in 4000 ms"));
 }
 
-TEST_F(Glink, DisconnectEndsTheWaitBeforeAReopen) {
-  ::setenv("MARLO_TIME_SCALE", "40", 1);  // the first delay takes 10 s
-  ASSERT_EQ(connect("glink_pkt_marlo_rma", 40), 0);
-  const int old_peer = std::exchange(peer_, -1);
-  std::thread device([this] {
-    peer_ = node_->accept_open(2000);
-    ::shutdown(peer_, SHUT_WR);
-  });
-  ::shutdown(old_peer, SHUT_WR);
-  device.join();
-  ASSERT_EQ(errors(1), Errors{GLINK_SSR});
-  ASSERT_TRUE(wait_until([&] { return log_.contains("reopening in 250 ms"); }, 5s));
-  unsigned char request[4] = {1, 2, 3, 4};
-  EXPECT_EQ(glink_->send_request(request, sizeof(request)), -1) << "refused while the channel is down";
-  const auto start = std::chrono::steady_clock::now();
-  glink_->disconnect_interface();
-  EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
-  EXPECT_EQ(log_.count("GLINK thread exit"), 1);
-  EXPECT_EQ(node_->opens_seen(), 2) << "no reopen after the disconnect";
-  EXPECT_EQ(glink_->send_request(request, sizeof(request)), 0) << "nothing to write to";
-  ::close(old_peer);
-}
-
 // A callback that disconnects its own transport cannot join the reader it
 // runs on: the reader leaves once the callback returns, and the owner's next
 // connect joins it, returning only once that callback has returned.
@@ -373,23 +332,6 @@ TEST_F(Glink, DisconnectFromACallbackLeavesTheReaderForTheOwnerToJoin) {
   device.join();
   send(framed(20, 8, 20));
   EXPECT_TRUE(wait_until([&] { return deliveries == 2; }, 5s)) << "the new reader delivers";
-}
-
-// In a process started with standard input closed, the channel's open is
-// handed descriptor 0; the transport moves the channel above the standard
-// descriptors, where it cannot be taken for standard input.
-TEST_F(Glink, ChannelOpenedOnDescriptorZeroIsMovedAboveTheStandardOnes) {
-  ASSERT_EQ(connect("glink_pkt_marlo_dfu", 44), 0);
-  glink_->disconnect_interface();
-  const int saved_stdin = ::dup(STDIN_FILENO);
-  ASSERT_GE(saved_stdin, 0);
-  ::close(STDIN_FILENO);
-  const int result = connect_again();
-  glink_->disconnect_interface();  // before descriptor 0 is given back
-  ::dup2(saved_stdin, STDIN_FILENO);
-  ::close(saved_stdin);
-  EXPECT_EQ(result, 0);
-  EXPECT_GT(channel_fd_, STDERR_FILENO) << "the channel's descriptor";
 }
 
 }  // namespace
