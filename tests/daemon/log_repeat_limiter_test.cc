@@ -58,9 +58,6 @@ const Case kCases[] = {
       {0, "same", 1, 6, "t"},
       {1000, nullptr, 0}},
      {"same x30", "same ... repeated 1 times"}},
-    {"TrailingNewlineStaysOutOfTheSummary",
-     {{0, "line\n", 11}, {1000, nullptr, 0}},
-     {"line\n x10", "line ... repeated 1 times"}},
     // The host's scaled clock goes back when a test raises the scale: every
     // window ends rather than holding lines back.
     {"ClockGoingBackEndsTheWindows", {{5000, "x", 11}, {0, "x", 1}}, {"x x10", "x ... repeated 1 times", "x"}},

@@ -187,26 +187,18 @@ TEST_F(RmaTest, ReadsOfWholeBlocksAreServedAndOthersFail) {
   }
   EXPECT_EQ(log_.count("failed: result 1, no data"), 4);
   EXPECT_TRUE(log_.contains("does not fit one packet"));
-}
 
-// The backing file of a connected partition changed under the daemon.
-TEST_F(RmaTest, ReadsOfABackingFileThatCannotBeReadFail) {
-  const std::string path = root_.at("/data/vendor/aon/757");
-  for (const bool removed : {true, false}) {
-    SCOPED_TRACE(removed ? "removed" : "truncated");
-    std::filesystem::remove(path);
-    exchange(connect_request(7, 5, 4096, 99));
-    ASSERT_EQ(words(exchange(data_request(256, 7, 7, 64, 64)), 5)[4], 0u);
-    if (removed) {
-      std::filesystem::remove(path);
-    } else {
-      std::filesystem::resize_file(path, 100);
-    }
-    Bytes answer = exchange(data_request(256, 7, 7, 64, 64));
-    EXPECT_EQ(answer.size(), 32u);
-    EXPECT_EQ(words(answer, 5), (std::vector<uint32_t>{7, 99, 7, 64, 1}));
-    EXPECT_TRUE(log_.contains(removed ? "File open failed : /data/vendor/aon/757" : "fewer than the 64 asked"));
-  }
+  // The backing file changed under the daemon: cut short, then removed.
+  std::filesystem::resize_file(root_.at("/data/vendor/aon/757"), 100);
+  const Bytes cut_short = exchange(data_request(256, 4, 7, 64, 64));
+  EXPECT_EQ(cut_short.size(), 32u);
+  EXPECT_EQ(words(cut_short, 5), (std::vector<uint32_t>{4, 99, 7, 64, 1}));
+  EXPECT_TRUE(log_.contains("fewer than the 64 asked"));
+  std::filesystem::remove(root_.at("/data/vendor/aon/757"));
+  const Bytes removed = exchange(data_request(256, 4, 7, 64, 64));
+  EXPECT_EQ(removed.size(), 32u);
+  EXPECT_EQ(words(removed, 5), (std::vector<uint32_t>{4, 99, 7, 64, 1}));
+  EXPECT_TRUE(log_.contains("File open failed : /data/vendor/aon/757"));
 }
 
 // A backing file's name is three numbers with no separator: memory id 1
@@ -321,7 +313,6 @@ TEST_F(RmaTransportLifetime, OpenFailureReportedInsideTheConnectIsActedOnAfterIt
   node_.reset();
   rma_->startMarloRmaConnection();
   EXPECT_EQ(log_.count("GLINK_int about to open glink channel on dev node = /dev/glink_pkt_marlo_rma"), 1 + 3);
-  EXPECT_TRUE(log_.contains("conn_error_cb =0"));
   EXPECT_EQ(watch_.destroyed, 2);
   EXPECT_EQ(rma_->send_aon_request(1, nullptr, 0), 0) << "no transport";
   node_ = std::make_unique<sim::DeviceNode>(root_.at("/dev/glink_pkt_marlo_rma"));
