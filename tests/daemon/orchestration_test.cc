@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+#include "daemon/DFUCallback.h"
 #include "daemon/MarloDaemon.h"
 #include "support/control_device.h"
 #include "support/log_capture.h"
@@ -69,6 +70,17 @@ TEST_F(OrchestrationTest, FallBackFromFlashToHostThatDoesNotLoad) {
   script(HOST, false);
   EXPECT_EQ(daemon_.defaultHandler(), -1);
   EXPECT_TRUE(log_.contains("Marlo boot failed in Host Mode."));
+}
+
+TEST_F(OrchestrationTest, CallbackReactsToChannelErrorsAndMiscDataProgress) {
+  DFUCallback with_device(MarloComHandler::getInstance(), &daemon_);
+  with_device.handleDFUResponse("Marlo dfu channel open failed", marlo_fw_updater::Callback::STATUS_CHANNEL_ERROR);
+  EXPECT_TRUE(log_.contains("handleDFUResponse: Marlo dfu channel open failed"));
+  with_device.handleSHMResponse("started", marlo_fw_updater::Callback::STATUS_STARTED);
+  EXPECT_EQ(root_.property("vendor.zt_aon.misc_update"), "0");
+  with_device.handleSHMResponse("finished", marlo_fw_updater::Callback::STATUS_SUCCESS);
+  EXPECT_EQ(root_.property("vendor.zt_aon.misc_update"), "1");
+  EXPECT_EQ(trace(), "BOOT_STATUS=1 BOOT_STATUS=2 BOOT_STATUS=3");
 }
 
 // A power-down withdraws pushed misc data: the worker writes it once the job

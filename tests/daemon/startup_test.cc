@@ -24,7 +24,6 @@ class StartupTest : public ::testing::Test {
 TEST_F(StartupTest, FindsThePilDeviceBehindASymbolicLink) {
   MarloDaemon daemon;
   EXPECT_EQ(daemon.getMarloPILDevice(), 1);  // no remoteproc class at all
-  EXPECT_STREQ(daemon.pilStatePath(), "");
   EXPECT_EQ(daemon.getMarloPILStatus(), 2);
 
   root_.write("/sys/class/remoteproc/notremoteproc/name", "soc:zeno,rproc-marlo\n");
@@ -49,7 +48,6 @@ TEST_F(StartupTest, TwmExitRunsItsCommandsBetweenTheRamdumpWrites) {
     MarloDaemon daemon;
     EXPECT_EQ(daemon.isTWMexit(), std::string(state) == "1") << state;
   }
-  EXPECT_TRUE(requests().empty());
 
   MarloDaemon daemon;
   // An unsupported subtype: the boot itself is skipped.
