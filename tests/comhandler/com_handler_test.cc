@@ -33,7 +33,6 @@ TEST_F(ComHandlerTest, BusyDeviceIsRetriedFifteenTimes) {
   EXPECT_EQ(log_.count("marlocom_dev is busy, retrying in 1 seconds...\n"), 15);
   EXPECT_TRUE(log_.contains("Failed to open marlocom_dev after multiple attempts\n"));
   EXPECT_TRUE(log_.contains("Cannot open marlo_com_dev node fd =-1\n"));
-  EXPECT_TRUE(driver().requests().empty());
 
   // A device busy for fewer opens is reached on the next attempt.
   device_->busy_control_opens(2);

@@ -309,6 +309,7 @@ TEST_F(Glink, DisconnectEndsTheWaitBeforeAReopen) {
   glink_->disconnect_interface();
   EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
   EXPECT_EQ(node_->opens_seen(), 2) << "no reopen after the disconnect";
+  EXPECT_EQ(glink_->send_request(nullptr, 0), 0) << "nothing to write to";
   ::close(old_peer);
 }
 

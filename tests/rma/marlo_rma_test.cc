@@ -304,12 +304,13 @@ class RmaTransportLifetime : public RmaTest {
 
 // No device node: the three opens fail and the failure is reported from
 // inside the connect. The client drops the transport once the connect has
-// returned.
+// returned; later answers find none.
 TEST_F(RmaTransportLifetime, OpenFailureReportedInsideTheConnectIsActedOnAfterIt) {
   node_.reset();
   rma_->startMarloRmaConnection();
   EXPECT_EQ(log_.count("GLINK_int about to open glink channel on dev node = /dev/glink_pkt_marlo_rma"), 1 + 3);
   EXPECT_EQ(watch_.destroyed, 2);
+  EXPECT_EQ(rma_->send_aon_request(1, nullptr, 0), 0) << "no transport";
   node_ = std::make_unique<sim::DeviceNode>(root_.at("/dev/glink_pkt_marlo_rma"));
   start_client();
   EXPECT_EQ(le32_at(exchange(connect_request(1, 2, 4096, 0)), 8), 1u) << "a later start opens the channel anew";
