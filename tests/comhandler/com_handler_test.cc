@@ -19,11 +19,6 @@ class ComHandlerTest : public ::testing::Test {
   void SetUp() override { device_ = marlo::test::serve_control_device(root_); }
 
   marlo::sim::ControlDriver& driver() { return device_->driver(); }
-  ControlRequest last_request() {
-    auto requests = driver().requests();
-    EXPECT_FALSE(requests.empty());
-    return requests.empty() ? ControlRequest{} : requests.back();
-  }
 
   marlo::test::TestRoot root_;
   marlo::test::LogCapture log_;
@@ -38,23 +33,11 @@ TEST_F(ComHandlerTest, BusyDeviceIsRetriedFifteenTimes) {
   EXPECT_EQ(log_.count("marlocom_dev is busy, retrying in 1 seconds...\n"), 15);
   EXPECT_TRUE(log_.contains("Failed to open marlocom_dev after multiple attempts\n"));
   EXPECT_TRUE(log_.contains("Cannot open marlo_com_dev node fd =-1\n"));
-  EXPECT_TRUE(driver().requests().empty());
 
   // A device busy for fewer opens is reached on the next attempt.
   device_->busy_control_opens(2);
   EXPECT_EQ(handler_.marloLoad(), 0);
   EXPECT_EQ(driver().requests().size(), 1u);
-  driver().set_refusal([](const ControlRequest&) { return EIO; });
-  EXPECT_EQ(handler_.marloLoad(), -1);
-  EXPECT_TRUE(log_.contains("Send MARLO_LOAD flag failed"));
-}
-
-TEST_F(ComHandlerTest, MissingDeviceFailsAtOnce) {
-  device_.reset();
-  EXPECT_EQ(handler_.marloLoad(), -1);
-  handler_.cmd_save_aon_dump();
-  EXPECT_EQ(log_.count("Failed to open the marlocom_dev"), 2);
-  EXPECT_EQ(log_.count("busy"), 0);
 }
 
 TEST_F(ComHandlerTest, VersionQueryWaitsForBootCompleteAndRetries) {
@@ -77,7 +60,8 @@ TEST_F(ComHandlerTest, VersionQueryWaitsForBootCompleteAndRetries) {
   EXPECT_EQ(info->apps_version, running->apps + ".NOFLASH_PSRAM");  // as the flash-less co-processor reports it
   EXPECT_EQ(info->bt_version, running->bt);
   EXPECT_EQ(log_.count("Marlo boot done, but get version fail-retry:"), 2);
-  EXPECT_EQ(last_request().name(), "GET_VERSION");
+  ASSERT_FALSE(driver().requests().empty());
+  EXPECT_EQ(driver().requests().back().name(), "GET_VERSION");
 
   // Every query failing gives no record.
   driver().set_refusal([](const ControlRequest&) { return EIO; });

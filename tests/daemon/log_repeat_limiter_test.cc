@@ -51,12 +51,6 @@ const Case kCases[] = {
      {{0, "flood", 25}, {999, nullptr, 0}, {1000, nullptr, 0}},
      {"flood x10", "flood ... repeated 15 times"}},
     {"TenCopiesInASecondNeedNoSummary", {{0, "ten", 10}, {5000, nullptr, 0}}, {"ten x10"}},
-    {"NextWindowWritesTenAgainAfterTheSummary",
-     {{0, "again", 12}, {1000, "again", 12}, {2000, nullptr, 0}},
-     {"again x10", "again ... repeated 2 times", "again x10", "again ... repeated 2 times"}},
-    {"AnyLaterStatementWritesTheDueSummary",
-     {{0, "loud", 11}, {1500, "other", 1}},
-     {"loud x10", "loud ... repeated 1 times", "other"}},
     {"PriorityAndTagSeparateLines",
      {{0, "same", 10, 6, "t"},
       {0, "same", 10, 3, "t"},
@@ -64,9 +58,6 @@ const Case kCases[] = {
       {0, "same", 1, 6, "t"},
       {1000, nullptr, 0}},
      {"same x30", "same ... repeated 1 times"}},
-    {"TrailingNewlineStaysOutOfTheSummary",
-     {{0, "line\n", 11}, {1000, nullptr, 0}},
-     {"line\n x10", "line ... repeated 1 times"}},
     // The host's scaled clock goes back when a test raises the scale: every
     // window ends rather than holding lines back.
     {"ClockGoingBackEndsTheWindows", {{5000, "x", 11}, {0, "x", 1}}, {"x x10", "x ... repeated 1 times", "x"}},

@@ -54,7 +54,6 @@ TEST_F(LogStatementTest, LevelFiltersWithoutEvaluatingArguments) {
 // stderr copy, once switched on, adds a newline.
 TEST_F(LogStatementTest, PrefixesFunctionAndLineAndCopiesToStderr) {
   marlo_deamon_log::set_tag("marlo_fw_updater");
-  EXPECT_FALSE(marlo_deamon_log::get_stderr_logging());
   marlo_deamon_log::enable_stderr_logging();
   ::testing::internal::CaptureStderr();
   const int line = __LINE__ + 1;

@@ -92,7 +92,6 @@ TEST(Wakelock, StatementsReportTheirFixedFunctionAndLine) {
     for (const LogEntry& entry : log.entries()) matches += entry.msg == c.expected;
     EXPECT_EQ(matches, 1);
   }
-  marlo_deamon_log::set_level(marlo_deamon_log::LOG_LEVEL_INFO);
 }
 
 }  // namespace

